@@ -1,0 +1,92 @@
+#include <gilvane/base/gvobject.h>
+
+#include <gilvane/base/gvexception.h>
+#include <gilvane/base/gvrawblock.h>
+
+#include <cstddef>
+#include <cstdlib>
+
+namespace Gilvane {
+
+namespace {
+
+constexpr const char* theSourceFile = "libsrc/base/gvobject";
+
+// The default hooks shift each block inside what malloc returned, so that the byte after the header word, where users
+// put doubles, 64-bit atomics and vector values, has malloc's full alignment. The block still ends where malloc's
+// memory ends, so that a memory checker sees an overrun of a single byte.
+//
+//   malloc returned     the hook returns           the user gets, aligned for std::max_align_t
+//   | padding           | deallocation function    | bytes ... |
+//
+constexpr std::size_t defaultHookPadding = alignof(std::max_align_t) - rawBlockHeaderBytes;
+static_assert(alignof(std::max_align_t) >= rawBlockHeaderBytes &&
+                  defaultHookPadding % alignof(GVDeallocatorFunction) == 0,
+              "the header word is aligned too");
+
+void* allocateWithMalloc(unsigned int numberOfBytes) {
+    const std::size_t paddedBytes = defaultHookPadding + numberOfBytes;
+    if (paddedBytes < numberOfBytes) { // wraps where size_t has 32 bits
+        return nullptr;
+    }
+    void* const memory = std::malloc(paddedBytes);
+    return memory == nullptr ? nullptr : static_cast<char*>(memory) + defaultHookPadding;
+}
+
+void releaseWithFree(void* block) { std::free(static_cast<char*>(block) - defaultHookPadding); }
+
+// Constant-initialised: objects may be made before main, by other files' initialisers.
+GVAllocatorFunction theAllocator = &allocateWithMalloc;
+GVDeallocatorFunction theDeallocator = &releaseWithFree;
+
+void* allocateObject(std::size_t size) noexcept {
+    return fitsInRawBlock(size) ? allocateRawBlock(static_cast<unsigned int>(size)) : nullptr;
+}
+
+void* allocateObjectOrThrow(std::size_t size) {
+    void* const storage = allocateObject(size);
+    if (storage == nullptr) {
+        throw std::bad_alloc();
+    }
+    return storage;
+}
+
+void releaseObjectStorage(void* p) noexcept {
+    if (p != nullptr) {
+        releaseRawBlock(p);
+    }
+}
+
+} // namespace
+
+GVAllocatorFunction GVObject::GetAllocator() { return theAllocator; }
+
+GVDeallocatorFunction GVObject::GetDeallocator() { return theDeallocator; }
+
+void GVObject::SetAllocationHooks(GVAllocatorFunction allocator, GVDeallocatorFunction deallocator) {
+    if ((allocator == nullptr) != (deallocator == nullptr)) {
+        throw GVException("Allocation hooks must be set or reset together.", theSourceFile, __LINE__, gvinvalidstate,
+                          0);
+    }
+    const bool restoreDefaults = allocator == nullptr;
+    theAllocator = restoreDefaults ? &allocateWithMalloc : allocator;
+    theDeallocator = restoreDefaults ? &releaseWithFree : deallocator;
+}
+
+void* GVObject::operator new(std::size_t size) { return allocateObjectOrThrow(size); }
+
+void* GVObject::operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocateObject(size); }
+
+void* GVObject::operator new[](std::size_t size) { return allocateObjectOrThrow(size); }
+
+void* GVObject::operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocateObject(size); }
+
+void GVObject::operator delete(void* p) noexcept { releaseObjectStorage(p); }
+
+void GVObject::operator delete(void* p, const std::nothrow_t&) noexcept { releaseObjectStorage(p); }
+
+void GVObject::operator delete[](void* p) noexcept { releaseObjectStorage(p); }
+
+void GVObject::operator delete[](void* p, const std::nothrow_t&) noexcept { releaseObjectStorage(p); }
+
+} // namespace Gilvane

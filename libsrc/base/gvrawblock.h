@@ -1,0 +1,66 @@
+/// @file
+/// The one place that knows what a raw block looks like.
+///
+///     what the allocation       what the user
+///     function returned         gets
+///     |                         |
+///     v                         v
+///     | deallocation function   | bytes ...                     |
+///       one pointer               as many as the user asked for
+///
+/// The header word makes a block independent of later changes of the hooks: it is released by the function that
+/// belonged to the hook it came from.
+#ifndef GILVANE_BASE_GVRAWBLOCK_H
+#define GILVANE_BASE_GVRAWBLOCK_H
+
+#include <gilvane/base/gvobject.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <new>
+
+namespace Gilvane {
+
+static_assert(sizeof(GVDeallocatorFunction) == sizeof(void*), "the header word is one pointer wide");
+
+/// Bytes that the header word adds in front of the user's bytes.
+inline constexpr unsigned int rawBlockHeaderBytes = sizeof(GVDeallocatorFunction);
+
+/// Whether a block of `numberOfBytes` user bytes and its header word can be asked of the hook, which counts in 32 bits.
+constexpr bool fitsInRawBlock(std::size_t numberOfBytes) noexcept {
+    return numberOfBytes <= std::numeric_limits<unsigned int>::max() - rawBlockHeaderBytes;
+}
+
+/// The address of the header word before the user's bytes, as a number, so that it can be tested for zero.
+inline std::uintptr_t rawBlockStart(const void* userBytes) noexcept {
+    return reinterpret_cast<std::uintptr_t>(userBytes) - rawBlockHeaderBytes;
+}
+
+/// Makes a raw block with one call of the current allocation function.
+/// @param numberOfBytes  user bytes. The header's are added modulo 2^32 and without a check: who must not wrap asks
+///                       fitsInRawBlock first
+/// @returns the user's first byte, or null when the allocation function returned null
+inline void* allocateRawBlock(unsigned int numberOfBytes) {
+    void* const start = GVObject::GetAllocator()(numberOfBytes + rawBlockHeaderBytes);
+    if (start == nullptr) {
+        return nullptr;
+    }
+    ::new (start) GVDeallocatorFunction(GVObject::GetDeallocator());
+    return static_cast<char*>(start) + rawBlockHeaderBytes;
+}
+
+/// The deallocation function that the header word before `userBytes` holds.
+inline GVDeallocatorFunction rawBlockDeallocator(const void* userBytes) noexcept {
+    return *reinterpret_cast<const GVDeallocatorFunction*>(rawBlockStart(userBytes));
+}
+
+/// Gives a raw block back: calls the function found in its header word, as it is, with the block's start.
+/// @param userBytes  what allocateRawBlock returned; not null
+inline void releaseRawBlock(void* userBytes) {
+    rawBlockDeallocator(userBytes)(reinterpret_cast<void*>(rawBlockStart(userBytes)));
+}
+
+} // namespace Gilvane
+
+#endif

@@ -1,0 +1,111 @@
+/// @file
+/// The allocator through which the standard containers and strings of the system take their memory.
+#ifndef GILVANE_BASE_GVSTDALLOCATOR_H
+#define GILVANE_BASE_GVSTDALLOCATOR_H
+
+#include <gilvane/base/gvobject.h>
+#include <gilvane/base/gvrawblock.h>
+
+#include <cstddef>
+#include <limits>
+#include <memory>
+#include <new>
+#include <type_traits>
+#include <utility>
+
+namespace Gilvane {
+
+/// A standard allocator over the allocation hooks: one raw block, with its header word, for each allocation.
+///
+/// Any instance can release what any other allocated, because the deallocation function travels with the block; so
+/// all instances are equal and copying or rebinding carries nothing over.
+///
+/// @par Thread safety
+///   All operations may run concurrently.
+/// @par Ownership
+///   Owns nothing; what it allocated belongs to the container that asked.
+template <typename T>
+class GILVANE_EXPORT GVStdAllocator : public GVObject {
+  public:
+    using value_type = T;
+    using pointer = T*;
+    using const_pointer = const T*;
+    using reference = T&;
+    using const_reference = const T&;
+    using size_type = std::size_t;
+    using difference_type = std::ptrdiff_t;
+    using is_always_equal = std::true_type; // said aloud: the virtual destructor makes the class non-empty
+
+    template <typename U>
+    struct rebind {
+        using other = GVStdAllocator<U>;
+    };
+
+    GVStdAllocator() noexcept = default;
+    GVStdAllocator(const GVStdAllocator&) noexcept = default;
+    /// Rebinding copy: there is nothing to carry over.
+    template <typename U>
+    GVStdAllocator(const GVStdAllocator<U>&) noexcept {}
+    GVStdAllocator& operator=(const GVStdAllocator&) noexcept = default;
+    ~GVStdAllocator() override = default;
+
+    /// Storage for `n` objects, not constructed.
+    /// @param n  objects; 0 gives a block of the header word alone
+    /// @returns  the address just past the header word, never null
+    /// @throws std::bad_alloc when the allocation function returns null, or the bytes with the header word do not fit
+    ///           in its 32 bits; nothing is left to release
+    T* allocate(size_type n) {
+        if (n > max_size() || !fitsInRawBlock(n * sizeof(T))) {
+            throw std::bad_alloc();
+        }
+        void* const storage = allocateRawBlock(static_cast<unsigned int>(n * sizeof(T)));
+        if (storage == nullptr) {
+            throw std::bad_alloc();
+        }
+        return static_cast<T*>(storage);
+    }
+
+    /// Gives storage back through the deallocation function in its header word; null is allowed. The count is ignored.
+    void deallocate(T* p, size_type) noexcept {
+        // A reader would expect the function to be called as it is found. A null word is tested for here, and here
+        // only: such a block is left alone rather than freed by a guess. This is required.
+        // Watched by StdAllocator.leavesABlockWithANullHeaderWordAlone.
+        if (p != nullptr && rawBlockDeallocator(p) != nullptr) {
+            releaseRawBlock(p);
+        }
+    }
+
+    /// The largest count whose byte size fits in 32 bits. The header word is not counted in, so a block of just this
+    /// many objects can still be refused.
+    size_type max_size() const noexcept { return std::numeric_limits<unsigned int>::max() / sizeof(T); }
+
+    /// Builds an object in storage that is there already.
+    template <typename U, typename... Arguments>
+    void construct(U* place, Arguments&&... arguments) {
+        ::new (static_cast<void*>(place)) U(std::forward<Arguments>(arguments)...);
+    }
+    /// Ends an object's life and leaves its storage.
+    template <typename U>
+    void destroy(U* object) {
+        object->~U();
+    }
+
+    /// The object's address, even where its type overloads `operator&`.
+    pointer address(reference object) const noexcept { return std::addressof(object); }
+    const_pointer address(const_reference object) const noexcept { return std::addressof(object); }
+};
+
+/// Always true: any instance can release what another allocated.
+template <typename T, typename U>
+bool operator==(const GVStdAllocator<T>&, const GVStdAllocator<U>&) noexcept {
+    return true;
+}
+/// Always false.
+template <typename T, typename U>
+bool operator!=(const GVStdAllocator<T>&, const GVStdAllocator<U>&) noexcept {
+    return false;
+}
+
+} // namespace Gilvane
+
+#endif

@@ -1,0 +1,662 @@
+/// @file
+/// An open-addressing hash table: its entry, its default hash function, its iterator, and the table itself.
+#ifndef GILVANE_DATASTRUCTURES_GVHASHTABLE_H
+#define GILVANE_DATASTRUCTURES_GVHASHTABLE_H
+
+#include <gilvane/base/gvdumpvalue.h>
+#include <gilvane/base/gvexception.h>
+#include <gilvane/base/gvexport.h>
+#include <gilvane/base/gvobject.h>
+#include <gilvane/base/gvstdallocator.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <new>
+#include <ostream>
+#include <type_traits>
+
+namespace Gilvane {
+
+/// What exceptions of the table and its iterator name as their source file.
+inline constexpr const char* theHashTableFile = "libsrc/datastructures/gvhashtable";
+
+/// What GVHashTableEntry::theState holds.
+enum GVHashTableEntryState : unsigned int {
+    gvemptyentry = 0,    ///< never used since the array was last reset: ends every search
+    gvoccupiedentry = 1, ///< holds a live key
+    gvdeletedentry = 2,  ///< held a key that was removed
+};
+
+/// One slot of a table.
+///
+/// @par Thread safety
+///   None: the table's user serialises access.
+/// @par Ownership
+///   None: what a value points to is never touched.
+template <typename K, typename V>
+class GILVANE_EXPORT GVHashTableEntry : public GVObject {
+  public:
+    /// An empty slot. Key, value and hash stay unset until the slot is first used.
+    GVHashTableEntry() : theState(gvemptyentry) {}
+    GVHashTableEntry(const GVHashTableEntry&) = default;
+    GVHashTableEntry& operator=(const GVHashTableEntry&) = default;
+    ~GVHashTableEntry() override = default;
+
+    /// Writes the slot's key and value as text.
+    /// @returns `stream`
+    std::ostream& WriteEntry(std::ostream& stream);
+
+    K theKey;
+    V theValue;
+    unsigned int theHash;  // of theKey; set when a key is first written to the slot
+    unsigned int theState; // a GVHashTableEntryState
+};
+
+template <typename K, typename V>
+std::ostream& GVHashTableEntry<K, V>::WriteEntry(std::ostream& stream) {
+    stream << "\n";
+    stream << "\t<GVHashTableEntry>\n";
+    stream << "\t\t<K>";
+    writeDumpValue(stream, theKey);
+    stream << "</K>\n";
+    stream << "\t\t<V>";
+    writeDumpValue(stream, theValue);
+    stream << "</V>\n";
+    stream << "\t</GVHashTableEntry>\n";
+    return stream;
+}
+
+/// The hash of a key where the user gives no function of their own.
+///
+/// An `unsigned int` is its own hash. Other integers and enumerations are extended to 64 bits with their sign, then the
+/// low half is combined with the high half by exclusive or; pointers and all other types are hashed by `std::hash` and
+/// folded in the same way.
+template <typename K>
+class GILVANE_EXPORT GVGenericHashFunction : public GVObject {
+  public:
+    GVGenericHashFunction() = default;
+    GVGenericHashFunction(const GVGenericHashFunction&) = default;
+    GVGenericHashFunction& operator=(const GVGenericHashFunction&) = default;
+    ~GVGenericHashFunction() override = default;
+
+    /// The 32-bit hash of `key`. Equal keys have equal hashes.
+    unsigned int operator()(const K& key) const {
+        if constexpr (std::is_same_v<K, unsigned int>) {
+            return key;
+        } else if constexpr (std::is_integral_v<K> || std::is_enum_v<K>) {
+            return fold(static_cast<std::uint64_t>(static_cast<std::int64_t>(key)));
+        } else {
+            return fold(std::hash<K>{}(key));
+        }
+    }
+
+  private:
+    static unsigned int fold(std::uint64_t bits) {
+        return static_cast<unsigned int>(bits) ^ static_cast<unsigned int>(bits >> 32);
+    }
+};
+
+template <typename K, typename V, typename H>
+class GVHashTable;
+
+/// A position in a table's slot array.
+///
+/// It stands on an occupied slot, at the end, or, made by its default constructor, in no table at all ("not ready").
+/// It is good only as long as the table keeps its slot array: any insertion that grows the table, any `resize` and any
+/// `clear` end its life without telling it.
+///
+/// @par Invariants
+///   theTable is null and so are the two numbers, or theIndex < theCapacity.
+/// @par Thread safety
+///   None: the table's user serialises access.
+/// @par Ownership
+///   Owns nothing and keeps nothing alive.
+template <typename K, typename V>
+class GILVANE_EXPORT GVHashTableEntry_Iterator : public GVObject {
+  public:
+    using Entry = GVHashTableEntry<K, V>;
+
+    /// An iterator that is not ready: every operation on it but comparison throws.
+    GVHashTableEntry_Iterator() : theTable(nullptr), theCapacity(0), theIndex(0) {}
+    GVHashTableEntry_Iterator(const GVHashTableEntry_Iterator&) = default;
+    GVHashTableEntry_Iterator& operator=(const GVHashTableEntry_Iterator&) = default;
+    ~GVHashTableEntry_Iterator() override = default;
+
+    /// Steps to the next occupied slot or to the end; empty and deleted slots are passed over.
+    /// @throws GVException kind gviteratormisuse when not ready or at the end already; the position stays
+    GVHashTableEntry_Iterator& operator++();
+    /// As the prefix form.
+    /// @returns the position before the step
+    GVHashTableEntry_Iterator operator++(int);
+
+    /// The key of the slot.
+    /// @throws GVException kind gviteratormisuse when not ready or when the slot is not occupied, the end included
+    const K& GetKey() const;
+    /// The value of the slot.
+    /// @throws GVException kind gviteratormisuse when not ready or when the slot is not occupied, the end included
+    V& GetValue() const;
+    /// The value of the slot, without a look at the slot's state.
+    /// @throws GVException kind gviteratormisuse when not ready or at the end
+    V& operator*() const;
+
+    /// Whether both stand on the same slot of the same array.
+    bool operator==(const GVHashTableEntry_Iterator& other) const {
+        return theTable == other.theTable && theCapacity == other.theCapacity && theIndex == other.theIndex;
+    }
+    bool operator!=(const GVHashTableEntry_Iterator& other) const { return !(*this == other); }
+
+  private:
+    friend struct GVTestPeer;
+    template <typename, typename, typename>
+    friend class GVHashTable;
+
+    GVHashTableEntry_Iterator(Entry* table, unsigned int capacity, unsigned int index)
+        : theTable(table), theCapacity(capacity), theIndex(index) {}
+
+    bool isAtEnd() const { return theIndex == theCapacity - 1; }
+    void moveToOccupiedFrom(unsigned int index);
+    Entry* currentEntry() const;
+    Entry* occupiedEntry() const;
+
+    Entry* theTable;          // the slot array walked; null when not ready
+    unsigned int theCapacity; // entries in that array, the end slot included
+    unsigned int theIndex;    // the current slot; theCapacity - 1 is the end
+};
+
+template <typename K, typename V>
+GVHashTableEntry_Iterator<K, V>& GVHashTableEntry_Iterator<K, V>::operator++() {
+    if (theTable == nullptr) {
+        throw GVException("Iterator not ready to increment.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+    }
+    if (isAtEnd()) {
+        throw GVException("Iterator at end.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+    }
+    moveToOccupiedFrom(theIndex + 1);
+    return *this;
+}
+
+template <typename K, typename V>
+GVHashTableEntry_Iterator<K, V> GVHashTableEntry_Iterator<K, V>::operator++(int) {
+    const GVHashTableEntry_Iterator previous(*this);
+    ++*this;
+    return previous;
+}
+
+template <typename K, typename V>
+const K& GVHashTableEntry_Iterator<K, V>::GetKey() const {
+    if (theTable == nullptr) {
+        throw GVException("Iterator not ready to get key.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+    }
+    const Entry* const entry = occupiedEntry();
+    if (entry == nullptr) {
+        throw GVException("Iterator refers to invalid table entry.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+    }
+    return entry->theKey;
+}
+
+// A reader would expect GetValue and operator* to refuse the same positions. GetValue looks at the slot's state and not
+// for the end, whose slot is empty; operator* looks for the end and not at the state, so that it yields the stale value
+// of a slot deleted under it. This is required. Watched by
+// HashTableIterator.dereferencesADeletedSlotThatGetValueRefuses.
+template <typename K, typename V>
+V& GVHashTableEntry_Iterator<K, V>::GetValue() const {
+    if (theTable == nullptr) {
+        throw GVException("Iterator not ready to get value.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+    }
+    Entry* const entry = occupiedEntry();
+    if (entry == nullptr) {
+        throw GVException("Iterator refers to invalid table entry.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+    }
+    return entry->theValue;
+}
+
+template <typename K, typename V>
+V& GVHashTableEntry_Iterator<K, V>::operator*() const {
+    if (theTable == nullptr) {
+        throw GVException("Iterator not ready to dereference.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+    }
+    if (isAtEnd()) {
+        throw GVException("Iterator at end.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+    }
+    Entry* const entry = currentEntry();
+    if (entry == nullptr) {
+        constexpr const char* message = "Iterator does not point to valid hash table entry.";
+        throw GVException(message, theHashTableFile, __LINE__, gviteratormisuse, 0);
+    }
+    return entry->theValue;
+}
+
+template <typename K, typename V>
+void GVHashTableEntry_Iterator<K, V>::moveToOccupiedFrom(unsigned int index) {
+    theIndex = index;
+    while (!isAtEnd() && theTable[theIndex].theState != gvoccupiedentry) {
+        ++theIndex;
+    }
+}
+
+// The current slot, null if its address is. The address is computed as a number, since a compiler may take pointer
+// arithmetic for proof that the result is not null and drop the callers' tests.
+template <typename K, typename V>
+GVHashTableEntry<K, V>* GVHashTableEntry_Iterator<K, V>::currentEntry() const {
+    const std::uintptr_t offset = static_cast<std::uintptr_t>(theIndex) * sizeof(Entry);
+    return reinterpret_cast<Entry*>(reinterpret_cast<std::uintptr_t>(theTable) + offset);
+}
+
+template <typename K, typename V>
+GVHashTableEntry<K, V>* GVHashTableEntry_Iterator<K, V>::occupiedEntry() const {
+    Entry* const entry = currentEntry();
+    return entry != nullptr && entry->theState == gvoccupiedentry ? entry : nullptr;
+}
+
+/// Maps keys to values in one open-addressing array of slots, the first of them inside the table itself.
+///
+/// Up to five keys need no heap memory. Before two thirds of the slots are in use the table grows: fourfold below 30000
+/// live keys, twofold from there on. It never shrinks by itself.
+///
+///     key 0, then 8, then 16 in a table of 8 slots: each steps on from its home slot 0
+///     slot   0   1   2   3   4   5   6   7  | end
+///     key    0   8   .   .   .   .   .   .  |  .
+///                ^ 5 * 0 + 1 + 8, modulo 8
+///
+/// @tparam K  key: copyable, with `==`
+/// @tparam V  value: copyable; value-initialised by `operator[]` and `clear`
+/// @tparam H  function object that gives the unsigned 32-bit hash of a key
+///
+/// @par Invariants (after every completed insert)
+///   1. theUsedCount <= theFillCount <= theMask
+///   2. theFillCount * 3 < (theMask + 1) * 2, so some slot is empty and every search ends
+///   3. theTable == theSmallTable  <=>  theMask == 7
+///   4. the slot array has theMask + 2 entries; the last, the end slot, is never written and stays empty
+/// @par Thread safety
+///   None: whoever owns the table serialises access. Reading operations may run side by side.
+/// @par Ownership
+///   The slot array is the table's; what a value points to is not, and is never deleted here.
+template <typename K, typename V, typename H = GVGenericHashFunction<K>>
+class GILVANE_EXPORT GVHashTable : public GVObject {
+  public:
+    using Entry = GVHashTableEntry<K, V>;
+    using Iterator = GVHashTableEntry_Iterator<K, V>;
+    using KeyList = std::list<K, GVStdAllocator<K>>;
+
+    /// An empty table of 8 slots; takes no heap memory.
+    GVHashTable();
+
+    /// A table of its own with the same keys and values; what the values point to is shared. Its size and order follow
+    /// from its own insertions and may differ from the other's.
+    /// @throws whatever insert throws. The new slot array, if one had been made, is then not released
+    /// @par Complexity  linear in the other's slots
+    GVHashTable(const GVHashTable& other);
+
+    /// Not assignable: an assigned table could not say what becomes of the values it held.
+    GVHashTable& operator=(const GVHashTable&) = delete;
+
+    /// Releases the slot array; no value is deleted.
+    ~GVHashTable() override;
+
+    /// Finds the slot of a key, or the slot where it would be stored.
+    ///
+    /// A deleted slot past the home slot ends the search, so a key stored beyond it is not found.
+    /// @param hash  the key's hash; it is trusted
+    /// @returns     null only for a table that has no slot array
+    /// @par Complexity  constant on average, whatever was removed; linear in the slots at worst
+    Entry* lookup(const K& key, unsigned int hash) const;
+
+    /// Stores without growing: a building block of insert.
+    /// @returns 2 when stored, 1 when there is no slot and the table must grow first
+    int insert_helper(const K& key, const V& value);
+
+    /// Stores a value under a key, overwriting the value that stood there, and grows the table when it is two thirds
+    /// full. References, entries and iterators die when it grows.
+    /// @returns 2, always
+    /// @throws GVException     kind gvoutofmemory: no memory for the larger slot array. The value is stored
+    /// @throws GVException     kind gvhashtablefailure: growth failed within itself; not reached while the invariants
+    ///                         hold
+    /// @throws std::bad_alloc  no memory for the exception's own texts; otherwise as kind gvoutofmemory
+    /// @par Complexity  constant on average; linear in the slots when the table grows
+    int insert(const K& key, const V& value);
+
+    /// Gives the table another slot array and stores every live key again: a building block of insert.
+    /// @param minUsed  live keys that the new array must hold; the new size is the smallest power of two above it, at
+    ///                 least 8
+    /// @returns 2 when done; 0 when nothing was done: the table was small and without deleted slots already, or 2^31 or
+    ///          more keys were asked for; 1 when a key could not be stored again: the table then holds the keys stored
+    ///          so far, and the former array is not released
+    /// @throws GVException     kind gvoutofmemory: no memory for an array; the table is unchanged
+    /// @throws std::bad_alloc  no memory for the exception's own texts; the table is unchanged
+    /// @par Complexity  linear in the slots, old and new
+    int resize(unsigned int minUsed);
+
+    /// Finds a key.
+    /// @returns its entry, or null
+    Entry* get(const K& key) const;
+
+    /// The value under a key, which is added with a value-initialised V when it is absent.
+    /// @throws as insert, when the key is absent. The key then stays, if it was stored
+    V& operator[](const K& key);
+
+    /// Marks a key's slot deleted. The slot goes on counting towards growth, and the array stays as it is.
+    /// @returns whether the key was found
+    bool remove(const K& key);
+
+    /// Forgets everything and returns to 8 slots; no value is deleted.
+    void clear();
+
+    /// Live keys.
+    unsigned int getUsedCount() const { return theUsedCount; }
+
+    /// The first occupied slot, or the end. Iterators visit the slots in ascending order.
+    Iterator begin() const;
+    /// The position after the last slot.
+    Iterator end() const { return Iterator(theTable, theMask + 2, theMask + 1); }
+
+    /// The live keys in ascending slot order.
+    /// @throws std::bad_alloc no memory for the list
+    KeyList get_keys() const;
+
+    /// Whether both tables hold the same keys with values that are equal by V's `==`; sizes and order do not matter.
+    bool operator==(const GVHashTable& other) const;
+    bool operator!=(const GVHashTable& other) const { return !(*this == other); }
+
+    /// Writes every entry as text, in the iterator's order. Takes no lock.
+    /// @returns `stream`
+    std::ostream& WriteTable(std::ostream& stream) const;
+
+  private:
+    friend struct GVTestPeer;
+
+    static constexpr unsigned int theSmallSize = 8;
+    static constexpr unsigned int theSlowGrowthCount = 30000; // live keys from which growth is twofold
+
+    unsigned int hashOf(const K& key) const { return theHashFunction(key); }
+    static bool isOccupied(const Entry* entry) { return entry != nullptr && entry->theState == gvoccupiedentry; }
+    bool hasHeapArray() const { return theMask + 1 > theSmallSize && theTable != nullptr; }
+    unsigned int grownMinimum() const;
+    static unsigned int sizeAbove(unsigned int minUsed);
+    Entry* copyOfArray() const;
+
+    unsigned int theUsedCount;             // occupied slots
+    unsigned int theFillCount;             // occupied and deleted slots: the growth rule counts these
+    unsigned int theMask;                  // slots - 1; slots is a power of two, at least 8
+    Entry* theTable;                       // theSmallTable, or a heap array of theMask + 2 entries
+    Entry theSmallTable[theSmallSize + 1]; // the slots of a small table, and their end slot
+    H theHashFunction;
+};
+
+template <typename K, typename V, typename H>
+GVHashTable<K, V, H>::GVHashTable()
+    : theUsedCount(0), theFillCount(0), theMask(theSmallSize - 1), theTable(theSmallTable), theHashFunction() {}
+
+// A reader would expect a failing copy to release its slot array. A constructor that throws runs no destructor of its
+// own, and this one must not hand its work to another constructor, after which one would run: the loss of the array is
+// required. Watched by HashTableCopy.losesItsGrownArrayWhenAnInsertionThrows.
+template <typename K, typename V, typename H>
+GVHashTable<K, V, H>::GVHashTable(const GVHashTable& other)
+    : GVObject(other), theUsedCount(0), theFillCount(0), theMask(theSmallSize - 1), theTable(theSmallTable),
+      theHashFunction(other.theHashFunction) {
+    for (Iterator position = other.begin(); position != other.end(); ++position) {
+        insert(position.GetKey(), *position);
+    }
+}
+
+template <typename K, typename V, typename H>
+GVHashTable<K, V, H>::~GVHashTable() {
+    if (hasHeapArray()) {
+        delete[] theTable;
+    }
+}
+
+template <typename K, typename V, typename H>
+GVHashTableEntry<K, V>* GVHashTable<K, V, H>::lookup(const K& key, unsigned int hash) const {
+    if (theTable == nullptr) {
+        return nullptr;
+    }
+    unsigned int index = hash & theMask;
+    Entry* entry = &theTable[index];
+    if (entry->theState == gvemptyentry) {
+        return entry;
+    }
+    Entry* reusable = nullptr;
+    if (entry->theState == gvdeletedentry) {
+        reusable = entry;
+    } else if (entry->theHash == hash && entry->theKey == key) {
+        return entry;
+    }
+    // All arithmetic wraps at 32 bits. The first step adds the whole hash, later steps what five-bit shifts leave of
+    // it, until the sequence is index * 5 + 1 alone, which visits every slot.
+    for (unsigned int perturb = hash;; perturb >>= 5) {
+        index = 5 * index + 1 + perturb;
+        entry = &theTable[index & theMask];
+        // A reader would expect the search to go on past a deleted slot. Past the home slot it ends there as at an
+        // empty one, so a key beyond is missed and may be stored a second time. This is required.
+        // Watched by HashTable.aDeletedSlotPastTheHomeSlotEndsTheSearch.
+        if (entry->theState != gvoccupiedentry) {
+            return reusable != nullptr ? reusable : entry;
+        }
+        if (entry->theKey == key) {
+            return entry;
+        }
+    }
+}
+
+template <typename K, typename V, typename H>
+int GVHashTable<K, V, H>::insert_helper(const K& key, const V& value) {
+    const unsigned int hash = hashOf(key);
+    Entry* const entry = lookup(key, hash);
+    if (entry == nullptr) {
+        return 1;
+    }
+    if (entry->theState == gvoccupiedentry) {
+        entry->theKey = key;
+        entry->theValue = value;
+        return 2;
+    }
+    if (entry->theState == gvemptyentry) {
+        ++theFillCount;
+    }
+    entry->theKey = key;
+    entry->theValue = value;
+    entry->theHash = hash;
+    entry->theState = gvoccupiedentry;
+    ++theUsedCount;
+    return 2;
+}
+
+// The three failures that carry kind gvhashtablefailure are not reached while the invariants hold; they are required
+// all the same, and so are their three spellings, which callers and logs may match on.
+template <typename K, typename V, typename H>
+int GVHashTable<K, V, H>::insert(const K& key, const V& value) {
+    int stored = insert_helper(key, value);
+    while (stored == 1) {
+        if (resize(grownMinimum()) <= 1) {
+            throw GVException("Error ocurred while resizing table.", theHashTableFile, __LINE__, gvhashtablefailure, 0);
+        }
+        stored = insert_helper(key, value);
+    }
+    if (stored == 0) {
+        throw GVException("Error occurred while inserting.", theHashTableFile, __LINE__, gvhashtablefailure, 0);
+    }
+    // Checked after a replacement too.
+    if (theFillCount * 3 < (theMask + 1) * 2) {
+        return 2;
+    }
+    const int resized = resize(grownMinimum());
+    if (resized <= 1) {
+        throw GVException("Error occured while resizing table.", theHashTableFile, __LINE__, gvhashtablefailure, 0);
+    }
+    return resized;
+}
+
+// The size to grow to follows from the live keys, not from the fill count: a table full of deleted slots gets smaller.
+template <typename K, typename V, typename H>
+unsigned int GVHashTable<K, V, H>::grownMinimum() const {
+    return theUsedCount < theSlowGrowthCount ? theUsedCount * 4 : theUsedCount * 2;
+}
+
+template <typename K, typename V, typename H>
+int GVHashTable<K, V, H>::resize(unsigned int minUsed) {
+    const unsigned int newSize = sizeAbove(minUsed);
+    if (newSize == 0) {
+        return 0;
+    }
+    Entry* oldArray = theTable;
+    Entry* newArray = theSmallTable;
+    if (newSize > theSmallSize) {
+        newArray = new (std::nothrow) Entry[newSize + 1];
+        if (newArray == nullptr) {
+            throw GVException("Unable to allocate space for new table.", theHashTableFile, __LINE__, gvoutofmemory, 0);
+        }
+    } else {
+        if (theTable == theSmallTable && theFillCount == theUsedCount) {
+            return 0;
+        }
+        // A reader would expect a heap array to be read where it is. It is copied like the embedded one, which must be
+        // copied before it is filled anew; the copy is required. Watched by HashTableResize.copiesEvenAHeapArrayFirst.
+        oldArray = copyOfArray();
+        if (theTable != theSmallTable) {
+            delete[] theTable;
+        }
+    }
+
+    unsigned int remaining = theFillCount;
+    theMask = newSize - 1;
+    theTable = newArray;
+    theUsedCount = 0;
+    for (unsigned int slot = 0; slot < newSize; ++slot) {
+        theTable[slot].theState = gvemptyentry;
+    }
+    theFillCount = 0;
+
+    for (const Entry* entry = oldArray; remaining > 0; ++entry) {
+        if (entry->theState == gvemptyentry) {
+            continue;
+        }
+        // A reader would expect the old array to be released on this way out. It is not, by requirement: the table
+        // keeps what was stored so far. Watched by HashTableResize.returnsOneAndKeepsTheOldArrayWhenAKeyFindsNoSlot.
+        if (entry->theState == gvoccupiedentry && insert_helper(entry->theKey, entry->theValue) <= 1) {
+            return 1;
+        }
+        --remaining;
+    }
+    if (oldArray != theSmallTable) {
+        delete[] oldArray;
+    }
+    return 2;
+}
+
+// The smallest power of two above minUsed, at least 8; 0 when 32 bits do not hold it.
+template <typename K, typename V, typename H>
+unsigned int GVHashTable<K, V, H>::sizeAbove(unsigned int minUsed) {
+    unsigned int size = theSmallSize;
+    while (size != 0 && size <= minUsed) {
+        size *= 2;
+    }
+    return size;
+}
+
+// The slots of the current array, without the end slot, in a new array on the heap.
+template <typename K, typename V, typename H>
+GVHashTableEntry<K, V>* GVHashTable<K, V, H>::copyOfArray() const {
+    Entry* const copy = new (std::nothrow) Entry[theMask + 2];
+    if (copy == nullptr) {
+        throw GVException("Unable to allocate space for new table.", theHashTableFile, __LINE__, gvoutofmemory, 0);
+    }
+    if (theTable != nullptr) {
+        std::copy(theTable, theTable + theMask + 1, copy);
+    }
+    return copy;
+}
+
+template <typename K, typename V, typename H>
+GVHashTableEntry<K, V>* GVHashTable<K, V, H>::get(const K& key) const {
+    Entry* const entry = lookup(key, hashOf(key));
+    return isOccupied(entry) ? entry : nullptr;
+}
+
+template <typename K, typename V, typename H>
+V& GVHashTable<K, V, H>::operator[](const K& key) {
+    Entry* entry = get(key);
+    if (entry == nullptr) {
+        insert(key, V());
+        entry = get(key);
+    }
+    if (entry == nullptr) {
+        throw GVException("Internal lookup error during operator[].", theHashTableFile, __LINE__, gvhashtablefailure,
+                          0);
+    }
+    return entry->theValue;
+}
+
+template <typename K, typename V, typename H>
+bool GVHashTable<K, V, H>::remove(const K& key) {
+    Entry* const entry = get(key);
+    if (entry == nullptr) {
+        return false;
+    }
+    entry->theState = gvdeletedentry;
+    --theUsedCount;
+    return true;
+}
+
+template <typename K, typename V, typename H>
+void GVHashTable<K, V, H>::clear() {
+    if (hasHeapArray()) {
+        delete[] theTable;
+    }
+    theUsedCount = 0;
+    theFillCount = 0;
+    theMask = theSmallSize - 1;
+    theTable = theSmallTable;
+    for (unsigned int slot = 0; slot < theSmallSize; ++slot) {
+        theSmallTable[slot].theState = gvemptyentry;
+        theSmallTable[slot].theValue = V();
+    }
+}
+
+template <typename K, typename V, typename H>
+GVHashTableEntry_Iterator<K, V> GVHashTable<K, V, H>::begin() const {
+    Iterator position(theTable, theMask + 2, 0);
+    position.moveToOccupiedFrom(0);
+    return position;
+}
+
+template <typename K, typename V, typename H>
+std::list<K, GVStdAllocator<K>> GVHashTable<K, V, H>::get_keys() const {
+    KeyList keys;
+    for (unsigned int slot = 0; slot <= theMask; ++slot) {
+        if (theTable[slot].theState == gvoccupiedentry) {
+            keys.push_back(theTable[slot].theKey);
+        }
+    }
+    return keys;
+}
+
+template <typename K, typename V, typename H>
+bool GVHashTable<K, V, H>::operator==(const GVHashTable& other) const {
+    if (theUsedCount != other.theUsedCount) {
+        return false;
+    }
+    for (Iterator position = begin(); position != end(); ++position) {
+        const K& key = position.GetKey();
+        const Entry* const counterpart = other.lookup(key, hashOf(key));
+        if (!isOccupied(counterpart) || !(other.get(key)->theValue == *position)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+template <typename K, typename V, typename H>
+std::ostream& GVHashTable<K, V, H>::WriteTable(std::ostream& stream) const {
+    stream << "<GVHashTable>";
+    for (Iterator position = begin(); position != end(); ++position) {
+        theTable[position.theIndex].WriteEntry(stream);
+    }
+    stream << "</GVHashTable>";
+    return stream;
+}
+
+} // namespace Gilvane
+
+#endif

@@ -1,0 +1,14 @@
+#include <gilvane/threads/gvmutexhandle.h>
+
+#include <gilvane/base/gvdumpvalue.h>
+
+namespace Gilvane {
+
+GVMutexHandle::~GVMutexHandle() = default;
+
+std::ostream& operator<<(std::ostream& stream, const GVMutexHandle& handle) {
+    writeDumpValue(stream, &handle);
+    return stream;
+}
+
+} // namespace Gilvane

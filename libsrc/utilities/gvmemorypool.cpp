@@ -1,0 +1,280 @@
+#include <gilvane/utilities/gvmemorypool.h>
+
+#include <gilvane/base/gvdumpvalue.h>
+#include <gilvane/base/gvexception.h>
+#include <gilvane/base/gvrawblock.h>
+#include <gilvane/threads/gvthreadsfactory.h>
+
+#include <algorithm>
+#include <memory>
+#include <new>
+
+namespace Gilvane {
+
+namespace {
+
+constexpr const char* theSourceFile = "libsrc/utilities/gvmemorypool";
+
+// Wraps a new pool; should the pointer fail, the pool goes.
+GVSmartPointer<GVMemoryPool> share(std::unique_ptr<GVMemoryPool> pool) {
+    GVSmartPointer<GVMemoryPool> pointer(pool.get(), true, true);
+    pool.release();
+    return pointer;
+}
+
+} // namespace
+
+unsigned int GVMemoryPoolObject::theNextToken = 0;
+
+GVMemoryPoolObject::GVMemoryPoolObject() : theBytes(nullptr), theLength(0), theToken(takeNextToken()) {}
+
+// The token is taken last, so that a block that could not be built uses none up.
+GVMemoryPoolObject::GVMemoryPoolObject(unsigned int length) {
+    // A reader would expect a check that the header word can be added. There is none, by requirement: a length within a
+    // word of 2^32 wraps and gets a block too small for it. Watched by
+    // PoolObject.asksForItsLengthAndAHeaderWordModulo32Bits.
+    void* const bytes = allocateRawBlock(length);
+    if (bytes == nullptr) {
+        throw std::bad_alloc();
+    }
+    theBytes = bytes;
+    theLength = length;
+    theToken = takeNextToken();
+}
+
+GVMemoryPoolObject::~GVMemoryPoolObject() {
+    if (theBytes != nullptr && rawBlockStart(theBytes) != 0) {
+        releaseRawBlock(theBytes);
+    }
+}
+
+bool GVMemoryPoolObject::operator==(const GVMemoryPoolObject& other) const {
+    return this == &other || (theBytes == other.theBytes && theLength == other.theLength && theToken == other.theToken);
+}
+
+std::ostream& GVMemoryPoolObject::print(std::ostream& stream) const {
+    stream << "<GVMemoryPoolObject>";
+    stream << "<theBytes>";
+    writeDumpValue(stream, theBytes);
+    stream << "</theBytes>";
+    stream << "<theLength>";
+    writeDumpValue(stream, theLength);
+    stream << "</theLength>";
+    stream << "<theToken>";
+    writeDumpValue(stream, theToken);
+    stream << "</theToken>";
+    stream << "</GVMemoryPoolObject>";
+    return stream;
+}
+
+// A reader would expect an atomic counter or a lock: pools of different locks, or of none, share it. There is neither,
+// and neither is to be added; it wraps without a check for tokens still in use. This is required.
+// Watched by PoolObject.tokensGoOnFromZeroAfterTheLastOne.
+unsigned int GVMemoryPoolObject::takeNextToken() { return theNextToken++; }
+
+std::ostream& operator<<(std::ostream& stream, const GVMemoryPoolObject& block) { return block.print(stream); }
+
+unsigned int GVMemoryPool::defaultNumberOfObjects = 4;
+
+GVSmartPointer<GVMemoryPool> GVMemoryPool::init(bool useMutex) {
+    return share(std::unique_ptr<GVMemoryPool>(new GVMemoryPool(useMutex)));
+}
+
+GVSmartPointer<GVMemoryPool> GVMemoryPool::initWithNumberOfObjects(unsigned int numberOfObjects, bool useMutex) {
+    return share(std::unique_ptr<GVMemoryPool>(new GVMemoryPool(numberOfObjects, useMutex)));
+}
+
+GVSmartPointer<GVMemoryPool> GVMemoryPool::initWithNumberOfObjectsAndSize(unsigned int numberOfObjects,
+                                                                          unsigned int bytesInEachObject,
+                                                                          bool useMutex) {
+    return share(std::unique_ptr<GVMemoryPool>(new GVMemoryPool(numberOfObjects, bytesInEachObject, useMutex)));
+}
+
+GVMemoryPool::GVMemoryPool(bool useMutex) : GVMemoryPool(defaultNumberOfObjects, useMutex) {}
+
+GVMemoryPool::GVMemoryPool(unsigned int numberOfObjects, bool useMutex)
+    : initialNumberOfObjects(numberOfObjects), bytesInEachObject(0), theMutexHandle(createHandleIf(useMutex)),
+      useMutexHandle(useMutex) {}
+
+// A reader would expect a failing makePool to give back the handle and the blocks built so far. The members' own
+// storage goes and nothing else, by requirement; so this constructor must not hand its work to another one, after which
+// the destructor would run. Watched by PoolConstruction.losesHandleAndBlocksWhenABlockCannotBeBuilt.
+GVMemoryPool::GVMemoryPool(unsigned int numberOfObjects, unsigned int bytesPerObject, bool useMutex)
+    : initialNumberOfObjects(numberOfObjects), bytesInEachObject(bytesPerObject),
+      theMutexHandle(createHandleIf(useMutex)), useMutexHandle(useMutex) {
+    makePool(numberOfObjects);
+}
+
+GVMemoryPool::~GVMemoryPool() {
+    delete theMutexHandle;
+    deleteObjects();
+}
+
+// A reader would expect the free list to be emptied along with the table. It is not, by requirement: the tokens of the
+// destroyed blocks stay below the new ones, which are lent first. Watched by PoolRebuilding.keepsTheStaleTokensInFront.
+void GVMemoryPool::makePool(unsigned int numberOfObjects) {
+    GVMutex guard;
+    lockIfShared(guard);
+    deleteObjects();
+    memoryPool.clear();
+    buildObjects(numberOfObjects);
+}
+
+void GVMemoryPool::resizePool(unsigned int numberOfObjects) {
+    GVMutex guard;
+    lockIfShared(guard);
+    const unsigned int count = memoryPool.getUsedCount();
+    if (numberOfObjects >= count) {
+        buildObjects(numberOfObjects - count);
+        return;
+    }
+    auto tokens = memoryPool.get_keys();
+    tokens.sort();
+    // A reader would expect lent blocks to be spared, or their holders to be told. Neither happens, by requirement.
+    // Watched by PoolShrinking.removesTheHighestTokensEvenIfLent.
+    for (unsigned int removed = 0; removed < count - numberOfObjects; ++removed) {
+        const unsigned int token = tokens.back();
+        delete memoryPool[token];
+        memoryPool.remove(token);
+        removeTokenFromAvailableList(token);
+        tokens.pop_back();
+    }
+}
+
+// A reader would expect one lock around the whole. The check and the rebuilding lock each by itself, and what stands
+// between them does not, by requirement: another thread may borrow a block in the gap and lose it to the rebuilding.
+// Watched by PoolBlockSize.locksTheCheckAndTheRebuildingSeparately.
+void GVMemoryPool::setNumberOfBytesInPoolObject(unsigned int bytes) {
+    if (numberOfObjectsInPoolInUse() != 0) {
+        constexpr const char* message = "Cannot change size of pool object memory while objects are still in use.";
+        throw GVException(message, theSourceFile, __LINE__, gvinvalidstate, 0);
+    }
+    bytesInEachObject = bytes;
+    makePool(memoryPool.getUsedCount());
+}
+
+unsigned int GVMemoryPool::numberOfObjectsInPoolInUse() {
+    GVMutex guard;
+    lockIfShared(guard);
+    const unsigned int count = memoryPool.getUsedCount();
+    // Wraps when the list holds more tokens than there are blocks; this is required.
+    // Watched by PoolRebuilding.countsStaleTokensAsFree.
+    return count == 0 ? 0 : count - static_cast<unsigned int>(availableTokens.size());
+}
+
+void GVMemoryPool::removeTokenFromAvailableList(unsigned int token) {
+    const auto position = std::find(availableTokens.begin(), availableTokens.end(), token);
+    if (position != availableTokens.end()) {
+        availableTokens.erase(position);
+    }
+}
+
+unsigned int GVMemoryPool::getTokenForFreeMemoryObject() {
+    if (useMutexHandle) {
+        theMutexHandle->lock();
+    }
+    if (availableTokens.empty()) {
+        // Growing takes the lock itself. A reader would expect the number of blocks to be read before the lock is
+        // released: it is read after, by requirement, so that two threads that find the list empty both grow the pool.
+        // Watched by TokenLending.readsTheNumberOfBlocksOutsideTheLock.
+        if (useMutexHandle) {
+            theMutexHandle->unlock();
+        }
+        const unsigned int count = memoryPool.getUsedCount();
+        if (count != 0) {
+            resizePool(count * 2);
+        } else {
+            makePool(initialNumberOfObjects);
+        }
+        if (useMutexHandle) {
+            theMutexHandle->lock();
+        }
+        // A reader would expect a second look at availableTokens here: another thread may have taken the new tokens
+        // between the two locked sections. There is none, and none is to be added: growth and the pop after it are
+        // defined so. Watched by TokenLending.popsAfterGrowthWithoutLookingAgain.
+    }
+    const unsigned int token = availableTokens.back();
+    availableTokens.pop_back();
+    if (useMutexHandle) {
+        theMutexHandle->unlock();
+    }
+    return token;
+}
+
+void* GVMemoryPool::getMemoryForToken(unsigned int token) {
+    GVMutex guard;
+    lockIfShared(guard);
+    // A reader would expect an unknown token to be refused. The table adds it, with a null block that is then read, by
+    // requirement. Watched by MisuseOfTokens.addsAnEntryForAnUnknownToken.
+    return memoryPool[token]->getBytes();
+}
+
+// A reader would expect the token to be checked. It is not, by requirement: whatever comes is lent again.
+// Watched by TokenReturn.takesATokenTwiceAndLendsItTwice.
+void GVMemoryPool::releaseObject(unsigned int token) {
+    GVMutex guard;
+    lockIfShared(guard);
+    availableTokens.push_back(token);
+}
+
+bool GVMemoryPool::operator==(const GVMemoryPool& other) const {
+    return this == &other || (memoryPool == other.memoryPool && bytesInEachObject == other.bytesInEachObject);
+}
+
+std::ostream& GVMemoryPool::print(std::ostream& stream) const {
+    stream << "<GVMemoryPool>";
+    stream << "<memoryPool>";
+    memoryPool.WriteTable(stream);
+    stream << "</memoryPool>";
+    stream << "<bytesInEachObject>";
+    writeDumpValue(stream, bytesInEachObject);
+    stream << "</bytesInEachObject>";
+    stream << "<theMutexHandle>";
+    writeDumpValue(stream, theMutexHandle);
+    stream << "</theMutexHandle>";
+    stream << "<useMutexHandle>";
+    writeDumpValue(stream, useMutexHandle);
+    stream << "</useMutexHandle>";
+    stream << "</GVMemoryPool>";
+    return stream;
+}
+
+// The factory is made even where no handle is wanted: programs that link one of their own see every pool.
+GVMutexHandle* GVMemoryPool::createHandleIf(bool useMutex) {
+    GVThreadsFactory factory;
+    return useMutex ? factory.CreateUnnamedHandle(gvexclusivemutex, false) : nullptr;
+}
+
+void GVMemoryPool::lockIfShared(GVMutex& guard) const {
+    if (useMutexHandle) {
+        guard.setHandle(theMutexHandle);
+    }
+}
+
+void GVMemoryPool::buildObjects(unsigned int numberOfObjects) {
+    for (unsigned int built = 0; built < numberOfObjects; ++built) {
+        buildObject();
+    }
+}
+
+// A reader would expect a block that could not be entered to be deleted. It is lost, by requirement.
+// Watched by PoolGrowth.losesTheBlockWhoseInsertionFails.
+void GVMemoryPool::buildObject() {
+    GVMemoryPoolObject* const block = bytesInEachObject != 0 ? new (std::nothrow) GVMemoryPoolObject(bytesInEachObject)
+                                                             : new (std::nothrow) GVMemoryPoolObject;
+    if (block == nullptr) {
+        throw GVException("Unable to allocate memory for new pool object", theSourceFile, __LINE__, gvoutofmemory, 0);
+    }
+    memoryPool.insert(block->getToken(), block);
+    availableTokens.push_back(block->getToken());
+}
+
+void GVMemoryPool::deleteObjects() {
+    for (GVMemoryPoolObject* const block : memoryPool) {
+        delete block;
+    }
+}
+
+std::ostream& operator<<(std::ostream& stream, const GVMemoryPool& pool) { return pool.print(stream); }
+
+} // namespace Gilvane

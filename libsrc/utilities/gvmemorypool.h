@@ -1,0 +1,245 @@
+/// @file
+/// The memory pool and the block it lends.
+#ifndef GILVANE_UTILITIES_GVMEMORYPOOL_H
+#define GILVANE_UTILITIES_GVMEMORYPOOL_H
+
+#include <gilvane/base/gvexport.h>
+#include <gilvane/base/gvobject.h>
+#include <gilvane/base/gvstdallocator.h>
+#include <gilvane/datastructures/gvhashtable.h>
+#include <gilvane/threads/gvmutex.h>
+#include <gilvane/threads/gvmutexhandle.h>
+#include <gilvane/utilities/gvsmartpointer.h>
+
+#include <ostream>
+#include <vector>
+
+namespace Gilvane {
+
+/// One pooled block: bytes of a fixed length, or none, and the token that names it for life.
+///
+/// @par Invariants
+///   theBytes is null and theLength is 0, or theBytes is the user's address of a raw block of theLength bytes.
+/// @par Thread safety
+///   None; see takeNextToken about construction.
+/// @par Ownership
+///   Owns its bytes.
+class GILVANE_EXPORT GVMemoryPoolObject : public GVObject {
+  public:
+    /// A block without bytes; allocates nothing.
+    GVMemoryPoolObject();
+
+    /// A block with bytes, whose contents are not set.
+    /// @param length  bytes. The header word's are added modulo 2^32, without a check
+    /// @throws std::bad_alloc no memory for the bytes; no token is used up
+    explicit GVMemoryPoolObject(unsigned int length);
+
+    /// Not copied: two blocks would own the same bytes.
+    GVMemoryPoolObject(const GVMemoryPoolObject&) = delete;
+    GVMemoryPoolObject& operator=(const GVMemoryPoolObject&) = delete;
+
+    /// Releases the bytes through the deallocation function in their header word.
+    ~GVMemoryPoolObject() override;
+
+    /// The first byte, or null.
+    void* getBytes() const noexcept { return theBytes; }
+    /// Bytes.
+    unsigned int getLength() const noexcept { return theLength; }
+    /// Unique in the process until the 32-bit counter wraps.
+    unsigned int getToken() const noexcept { return theToken; }
+
+    /// Whether address, length and token are equal; what the bytes hold does not matter.
+    bool operator==(const GVMemoryPoolObject& other) const;
+    bool operator!=(const GVMemoryPoolObject& other) const { return !(*this == other); }
+
+    /// Writes address, length and token as text.
+    /// @returns `stream`
+    std::ostream& print(std::ostream& stream) const;
+
+  private:
+    friend struct GVTestPeer;
+
+    static unsigned int takeNextToken();
+
+    void* theBytes;         // the user's address of a raw block, or null
+    unsigned int theLength; // bytes
+    unsigned int theToken;
+
+    static unsigned int theNextToken; // one counter for the process, for all pools
+};
+
+/// Writes a block's text form, as GVMemoryPoolObject::print.
+GILVANE_EXPORT std::ostream& operator<<(std::ostream& stream, const GVMemoryPoolObject& block);
+
+/// Owns blocks of one size and lends them by token.
+///
+/// A borrower gets a token, asks for the block's address when it needs the bytes, and returns the token. The block
+/// returned last is lent first. A pool that has nothing left to lend doubles.
+///
+/// Tokens are not checked: a token that was never lent, was returned twice or belongs to a block that is gone is
+/// misuse, and not noticed.
+///
+/// @par Invariants
+///   1. memoryPool maps the token of each block to the block; its number of keys is the pool's number of blocks
+///   2. while tokens are used as they should be and the pool was never rebuilt, availableTokens holds the token of each
+///      block that is not lent, once
+///   3. theMutexHandle is null  <=>  useMutexHandle is false
+/// @par Thread safety
+///   A pool made with a mutex may be used by several threads at once, except for construction, destruction, copying,
+///   comparison, print and removeTokenFromAvailableList, which take no lock. Tokens come from a counter that all pools
+///   of the process share without a lock: threads that grow different pools at the same time need a lock of their own
+///   around that. Fill shared pools before the threads start.
+/// @par Ownership
+///   Owns its blocks and its mutex handle. A copy, which is made member by member, holds the same blocks and the same
+///   handle: only one of the two may ever be destroyed.
+class GILVANE_EXPORT GVMemoryPool : public GVObject {
+  public:
+    /// Blocks that a pool made without a number builds at its first loan. Read when a pool is constructed; 4 unless
+    /// set.
+    static unsigned int defaultNumberOfObjects;
+
+    /// @name Construction inside a smart pointer
+    /// As the constructors, with the pool owned by a pointer that has a lock of its own.
+    /// @throws whatever the constructor throws, or the pointer's; the pool is then released
+    /// @{
+    static GVSmartPointer<GVMemoryPool> init(bool useMutex);
+    static GVSmartPointer<GVMemoryPool> initWithNumberOfObjects(unsigned int numberOfObjects, bool useMutex);
+    static GVSmartPointer<GVMemoryPool> initWithNumberOfObjectsAndSize(unsigned int numberOfObjects,
+                                                                       unsigned int bytesInEachObject, bool useMutex);
+    /// @}
+
+    /// A pool that builds defaultNumberOfObjects blocks without bytes at its first loan.
+    /// @param useMutex  whether operations lock
+    /// @throws what GVThreadsFactory::CreateUnnamedHandle throws
+    explicit GVMemoryPool(bool useMutex);
+
+    /// A pool that builds `numberOfObjects` blocks without bytes at its first loan.
+    /// @param numberOfObjects  blocks. With 0 the first loan finds nothing to take, which is misuse
+    /// @param useMutex         whether operations lock
+    /// @throws what GVThreadsFactory::CreateUnnamedHandle throws
+    GVMemoryPool(unsigned int numberOfObjects, bool useMutex);
+
+    /// A pool with all its blocks built.
+    /// @param numberOfObjects    blocks
+    /// @param bytesPerObject     bytes in each; with 0 the blocks have none
+    /// @param useMutex           whether operations lock
+    /// @throws what GVThreadsFactory::CreateUnnamedHandle throws, and what makePool throws. After the latter the mutex
+    ///         handle and the blocks already built are not released
+    /// @par Complexity  linear in the blocks
+    GVMemoryPool(unsigned int numberOfObjects, unsigned int bytesPerObject, bool useMutex);
+
+    /// Deletes the mutex handle and every block, lent or not, without taking the lock.
+    ~GVMemoryPool() override;
+
+    /// @name Blocks
+    /// @{
+
+    /// Destroys every block, lent or not, and builds new ones.
+    ///
+    /// Tokens in the free list stay there, dead, below the new ones; numberOfObjectsInPoolInUse counts them as free.
+    /// @param numberOfObjects  blocks the pool shall hold
+    /// @throws GVException     kind gvoutofmemory: no memory for a block or for the table. The blocks built so far stay
+    /// in
+    ///                         the pool, free to lend, except the one being built
+    /// @throws std::bad_alloc  no memory for a block's bytes, for the free list or for the exception's own texts;
+    /// likewise
+    /// @par Complexity  linear in the blocks, old and new
+    /// @par Threads     takes the pool's lock, when it has one, for its whole body
+    void makePool(unsigned int numberOfObjects);
+
+    /// Grows or shrinks the pool to `numberOfObjects` blocks.
+    ///
+    /// Shrinking removes the blocks with the highest tokens, lent or not: a token lent out and removed is dead, and its
+    /// holder is not told.
+    /// @param numberOfObjects  blocks the pool shall hold
+    /// @throws GVException     growing, kind gvoutofmemory: no memory for a block or for the table. The blocks built so
+    /// far
+    ///                         stay in the pool, free to lend, except the one being built
+    /// @throws std::bad_alloc  no memory for a block's bytes, for the free list or for the exception's own texts,
+    /// likewise;
+    ///                         shrinking, for the list of tokens, before anything has changed
+    /// @par Complexity  growing: linear in the new blocks; shrinking: removed blocks x free tokens
+    /// @par Threads     takes the pool's lock, when it has one, for its whole body
+    void resizePool(unsigned int numberOfObjects);
+
+    /// Rebuilds the pool with blocks of another size, as many as it had; see makePool.
+    /// @param bytes  bytes in each block; with 0 the blocks have none
+    /// @throws GVException kind gvinvalidstate while numberOfObjectsInPoolInUse is not 0; nothing has changed
+    /// @throws             what makePool throws; the new size is then recorded already
+    /// @par Threads  the check and the rebuilding take the pool's lock, each by itself; the size is written in between
+    ///               without it, and a block borrowed in between is destroyed
+    void setNumberOfBytesInPoolObject(unsigned int bytes);
+
+    /// Blocks that are not in the free list. Wraps below 0 when the list holds more tokens than the pool has blocks, as
+    /// after a token was returned twice or the pool was rebuilt; 0 for a pool without blocks.
+    /// @par Threads  takes the pool's lock, when it has one
+    unsigned int numberOfObjectsInPoolInUse();
+
+    /// Takes a token out of the free list, where it stands first; does nothing when it does not.
+    /// @par Complexity  linear in the free tokens
+    /// @par Threads     takes no lock: the caller holds it
+    void removeTokenFromAvailableList(unsigned int token);
+
+    /// @}
+    /// @name Loans
+    /// @{
+
+    /// Lends a block: the one returned last, or, of those never lent, the one built last. When none is left, the pool
+    /// first doubles, or builds its initial number of blocks if it has none.
+    /// @returns the block's token
+    /// @throws what makePool and resizePool throw; the pool is then as they leave it and nothing is lent
+    /// @par Complexity  constant; linear in the blocks when the pool grows
+    /// @par Threads     takes the pool's lock, when it has one, twice when the pool grows: in between other threads may
+    ///                  grow it too, or take every new block, after which there is none to take, which is misuse
+    unsigned int getTokenForFreeMemoryObject();
+
+    /// The address of a block's first byte; null in a pool whose blocks have none.
+    /// @param token  of a block of this pool, lent or not. Any other is misuse
+    /// @throws       for a token of another pool what GVHashTable::insert throws
+    /// @par Complexity  constant on average
+    /// @par Threads     takes the pool's lock, when it has one
+    void* getMemoryForToken(unsigned int token);
+
+    /// Takes a block back. Its bytes are left as they are.
+    /// @param token  lent by this pool and not yet returned. Any other is put into the free list like it
+    /// @throws std::bad_alloc  no memory for the free list; the token is not taken back. Not while tokens are used as
+    ///                         they should be: the list has had room for it before
+    /// @par Complexity  constant
+    /// @par Threads     takes the pool's lock, when it has one
+    void releaseObject(unsigned int token);
+
+    /// @}
+
+    /// Whether both pools hold the very same blocks under the same tokens and build blocks of the same size.
+    /// @par Threads  takes no lock
+    bool operator==(const GVMemoryPool& other) const;
+    bool operator!=(const GVMemoryPool& other) const { return !(*this == other); }
+
+    /// Writes table, block size and lock as text. Takes no lock: seen while other threads change it, the pool may be
+    /// half changed.
+    /// @returns `stream`
+    std::ostream& print(std::ostream& stream) const;
+
+  private:
+    friend struct GVTestPeer;
+
+    static GVMutexHandle* createHandleIf(bool useMutex);
+    void lockIfShared(GVMutex& guard) const;
+    void buildObjects(unsigned int numberOfObjects);
+    void buildObject();
+    void deleteObjects();
+
+    GVHashTable<unsigned int, GVMemoryPoolObject*, GVGenericHashFunction<unsigned int>> memoryPool; // token -> block
+    std::vector<unsigned int, GVStdAllocator<unsigned int>> availableTokens; // free tokens, the next to lend at the end
+    unsigned int initialNumberOfObjects; // blocks to build when a loan finds the pool without any
+    unsigned int bytesInEachObject;      // 0: blocks carry no bytes
+    GVMutexHandle* theMutexHandle;       // null when the pool does not lock
+    bool useMutexHandle;
+};
+
+/// Writes a pool's text form, as GVMemoryPool::print.
+GILVANE_EXPORT std::ostream& operator<<(std::ostream& stream, const GVMemoryPool& pool);
+
+} // namespace Gilvane
+
+#endif

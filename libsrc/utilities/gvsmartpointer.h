@@ -1,0 +1,317 @@
+/// @file
+/// The reference-counted owning pointer through which pools are handed out and shared.
+#ifndef GILVANE_UTILITIES_GVSMARTPOINTER_H
+#define GILVANE_UTILITIES_GVSMARTPOINTER_H
+
+#include <gilvane/base/gvdumpvalue.h>
+#include <gilvane/base/gvexception.h>
+#include <gilvane/base/gvexport.h>
+#include <gilvane/base/gvobject.h>
+#include <gilvane/base/gvrawblock.h>
+#include <gilvane/threads/gvmutex.h>
+#include <gilvane/threads/gvmutexhandle.h>
+#include <gilvane/threads/gvthreadsfactory.h>
+
+#include <memory>
+#include <new>
+#include <ostream>
+#include <type_traits>
+#include <utility>
+
+namespace Gilvane {
+
+class GVMemoryPool;
+
+/// Whether a `const T` can be written to a stream with `<<`.
+template <typename T, typename = void>
+struct GVHasStreamOperator : std::false_type {};
+template <typename T>
+struct GVHasStreamOperator<T, std::void_t<decltype(std::declval<std::ostream&>() << std::declval<const T&>())>>
+    : std::true_type {};
+
+/// Shares one object among any number of pointers; the last one to go deletes it.
+///
+/// Pointers that share an object share four things: the object, a cell with the number of sharers, a cell that says
+/// whether the last sharer deletes the object, and the mutex handle that guards the number.
+///
+/// @par Invariants
+///   1. all four fields are null (an empty pointer), or object, refCount and ownObject are not null
+///   2. *refCount, where it exists, is the number of pointers that share the object, at least 1
+/// @par Thread safety
+///   Different pointers that share one object may be copied, assigned and destroyed by different threads at the same
+///   time if the first of them was made with a lock. One pointer is for one thread at a time. Access to the object is
+///   not guarded here.
+/// @par Ownership
+///   The sharers own both cells and the handle together and, if so told, the object.
+template <typename T>
+class GILVANE_EXPORT GVSmartPointer : public GVObject {
+  public:
+    /// An empty pointer.
+    GVSmartPointer() noexcept = default;
+
+    /// The first sharer of `sharedObject`; from null, an empty pointer, whatever the flags say.
+    /// @param sharedObject   allocated with `new`, when it is to be owned
+    /// @param ownsObject     whether the last sharer deletes it
+    /// @param withLock       whether a mutex handle guards the number of sharers
+    /// @throws std::bad_alloc no memory for a cell or the handle; and whatever CreateUnnamedMutexHandle throws. The
+    ///                        object stays the caller's; cells made before the failure are not released
+    GVSmartPointer(T* sharedObject, bool ownsObject, bool withLock);
+
+    /// One more sharer. From an empty pointer, another one.
+    GVSmartPointer(const GVSmartPointer& other);
+
+    /// Takes over the other's share and leaves it empty.
+    GVSmartPointer(GVSmartPointer&& other) noexcept { takeFrom(other); }
+
+    /// Gives up this share and becomes a sharer of the other's object. Assignment to itself changes nothing.
+    GVSmartPointer& operator=(const GVSmartPointer& other);
+
+    /// Gives up this share and takes over the other's, which is left empty. Assignment to itself changes nothing.
+    GVSmartPointer& operator=(GVSmartPointer&& other) noexcept;
+
+    /// Gives up this share.
+    ~GVSmartPointer() override;
+
+    /// A first sharer, owning and with a lock of its own, of a new copy of the object made with its copy constructor.
+    ///
+    /// A copied pool shares its blocks and its mutex handle with its source: only one of the two may ever be torn down.
+    /// No lock is taken; calling this on an empty pointer is misuse.
+    /// @throws GVException kind gvinvalidstate when T cannot be copied
+    /// @throws             whatever the copy constructor and the constructor of a pointer throw. The source is
+    ///                     unchanged. A copied pool is then not released, since that would delete what the source holds
+    virtual GVSmartPointer deepCopy();
+
+    /// Writes the pointer and then, by its own stream operator if there is one, the object, all under the handle.
+    /// @returns `stream`
+    virtual std::ostream& print(std::ostream& stream) const;
+
+    /// Deletes the object if it is owned. Clears no field: decrementRefCount calls it for the last sharer.
+    virtual void deleteData();
+
+    /// Gives up this share; the last one deletes the object, if owned, and both cells and the handle, and leaves this
+    /// pointer empty.
+    ///
+    /// When others still share, this pointer keeps its fields, so its destructor would give up a share once more: who
+    /// calls this and is not the last must see to it that this pointer is not destroyed uncounted.
+    void decrementRefCount();
+
+    /// The object; null when empty.
+    T* get() const noexcept { return object; }
+    T* operator->() const noexcept { return object; }
+    T& operator*() const noexcept { return *object; }
+    /// Whether there is an object.
+    explicit operator bool() const noexcept { return object != nullptr; }
+
+    /// The number of sharers, read under the handle; 0 when empty.
+    unsigned int getRefCount() const;
+
+  private:
+    friend struct GVTestPeer;
+
+    template <typename Cell>
+    static Cell* makeCell(Cell value);
+    void addShare() const;
+    void takeFrom(GVSmartPointer& other) noexcept;
+    void forget() noexcept;
+    void lockIfShared(GVMutex& guard) const;
+
+    T* object = nullptr;
+    unsigned int* refCount = nullptr; // sharers, in a raw block of its own
+    bool* ownObject = nullptr;        // whether the last sharer deletes the object, in a raw block of its own
+    GVMutexHandle* lock = nullptr;    // guards *refCount; null without locking
+};
+
+template <typename T>
+GVSmartPointer<T>::GVSmartPointer(T* sharedObject, bool ownsObject, bool withLock) : object(sharedObject) {
+    if (object == nullptr) {
+        return;
+    }
+    // A reader would expect a failure below to release the cells made before it. They are lost, and this is required.
+    // Watched by SmartPointer.losesTheCountCellWhenTheFlagCellCannotBeHad and
+    // SmartPointer.losesBothCellsWhenTheHandleCannotBeHad.
+    refCount = makeCell(1U);
+    ownObject = makeCell(ownsObject);
+    if (withLock) {
+        lock = CreateUnnamedMutexHandle(gvexclusivemutex, false);
+    }
+}
+
+template <typename T>
+GVSmartPointer<T>::GVSmartPointer(const GVSmartPointer& other)
+    : GVObject(other), object(other.object), refCount(other.refCount), ownObject(other.ownObject), lock(other.lock) {
+    addShare();
+}
+
+// The other's share is added before this pointer's is given up, so that an object in common is not deleted in between;
+// and its fields are read before, since the object that goes may hold `other` itself.
+template <typename T>
+GVSmartPointer<T>& GVSmartPointer<T>::operator=(const GVSmartPointer& other) {
+    GVSmartPointer added(other);
+    decrementRefCount();
+    takeFrom(added);
+    return *this;
+}
+
+template <typename T>
+GVSmartPointer<T>& GVSmartPointer<T>::operator=(GVSmartPointer&& other) noexcept {
+    if (this != &other) {
+        GVSmartPointer taken(std::move(other));
+        decrementRefCount();
+        takeFrom(taken);
+    }
+    return *this;
+}
+
+template <typename T>
+GVSmartPointer<T>::~GVSmartPointer() {
+    if (object != nullptr || refCount != nullptr || ownObject != nullptr || lock != nullptr) {
+        decrementRefCount();
+    }
+}
+
+template <typename T>
+GVSmartPointer<T> GVSmartPointer<T>::deepCopy() {
+    if constexpr (std::is_copy_constructible_v<T>) {
+        T* const copy = new T(*object);
+        if constexpr (std::is_base_of_v<GVMemoryPool, T>) {
+            // A reader would expect the copy to be deleted when the pointer cannot be made. A pool's copy holds the
+            // source's blocks and handle, and deleting it would delete those; it is left unreleased instead.
+            // Watched by SmartPointerDeepCopy.leavesThePoolUnreleasedWhenThePointerCannotBeMade.
+            return GVSmartPointer(copy, true, true);
+        } else {
+            std::unique_ptr<T> guard(copy);
+            GVSmartPointer pointer(copy, true, true);
+            guard.release();
+            return pointer;
+        }
+    } else {
+        constexpr const char* file = "libsrc/utilities/gvsmartpointer";
+        throw GVException("Object of smart pointer cannot be copied.", file, __LINE__, gvinvalidstate, 0);
+    }
+}
+
+template <typename T>
+std::ostream& GVSmartPointer<T>::print(std::ostream& stream) const {
+    GVMutex guard;
+    lockIfShared(guard);
+    stream << "<GVSmartPointer";
+    if (object != nullptr) {
+        stream << " object=\"";
+        writeDumpValue(stream, object);
+        stream << "\"";
+    }
+    if (refCount != nullptr) {
+        stream << " refCount=\"";
+        writeDumpValue(stream, *refCount);
+        stream << "\"";
+    }
+    if (ownObject != nullptr) {
+        stream << " ownObject=\"";
+        writeDumpValue(stream, *ownObject);
+        stream << "\"";
+    }
+    if (lock != nullptr) {
+        stream << " lock=\"";
+        stream << *lock;
+        stream << "\"";
+    }
+    stream << ">";
+    if constexpr (GVHasStreamOperator<T>::value) {
+        if (object != nullptr) {
+            stream << *object;
+        }
+    }
+    stream << "</GVSmartPointer>";
+    return stream;
+}
+
+template <typename T>
+void GVSmartPointer<T>::deleteData() {
+    if (ownObject != nullptr && *ownObject && object != nullptr) {
+        delete object;
+    }
+}
+
+template <typename T>
+void GVSmartPointer<T>::decrementRefCount() {
+    if (lock != nullptr) {
+        lock->lock();
+    }
+    if (refCount == nullptr || --*refCount != 0) {
+        if (lock != nullptr) {
+            lock->unlock();
+        }
+        return;
+    }
+    deleteData();
+    releaseRawBlock(refCount);
+    releaseRawBlock(ownObject);
+    if (lock != nullptr) {
+        lock->unlock();
+        delete lock;
+    }
+    forget();
+}
+
+template <typename T>
+unsigned int GVSmartPointer<T>::getRefCount() const {
+    if (refCount == nullptr) {
+        return 0;
+    }
+    GVMutex guard;
+    lockIfShared(guard);
+    return *refCount;
+}
+
+template <typename T>
+template <typename Cell>
+Cell* GVSmartPointer<T>::makeCell(Cell value) {
+    void* const storage = allocateRawBlock(sizeof(Cell));
+    if (storage == nullptr) {
+        throw std::bad_alloc();
+    }
+    return ::new (storage) Cell(value);
+}
+
+template <typename T>
+void GVSmartPointer<T>::addShare() const {
+    if (refCount != nullptr) {
+        GVMutex guard;
+        lockIfShared(guard);
+        ++*refCount;
+    }
+}
+
+template <typename T>
+void GVSmartPointer<T>::takeFrom(GVSmartPointer& other) noexcept {
+    object = other.object;
+    refCount = other.refCount;
+    ownObject = other.ownObject;
+    lock = other.lock;
+    other.forget();
+}
+
+template <typename T>
+void GVSmartPointer<T>::forget() noexcept {
+    object = nullptr;
+    refCount = nullptr;
+    ownObject = nullptr;
+    lock = nullptr;
+}
+
+template <typename T>
+void GVSmartPointer<T>::lockIfShared(GVMutex& guard) const {
+    if (lock != nullptr) {
+        guard.setHandle(lock);
+    }
+}
+
+/// Writes a pointer's text form, as GVSmartPointer::print.
+template <typename T>
+std::ostream& operator<<(std::ostream& stream, const GVSmartPointer<T>& pointer) {
+    return pointer.print(stream);
+}
+
+} // namespace Gilvane
+
+#endif

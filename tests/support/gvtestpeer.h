@@ -1,0 +1,97 @@
+/// @file
+/// The one way by which tests reach what is private in the library.
+#ifndef GILVANE_TESTS_SUPPORT_GVTESTPEER_H
+#define GILVANE_TESTS_SUPPORT_GVTESTPEER_H
+
+#include <gilvane/utilities/gvmemorypool.h>
+
+#include <cstddef>
+
+namespace Gilvane {
+
+/// The table of a pool, by its full name.
+using TokenTable = GVHashTable<unsigned int, GVMemoryPoolObject*, GVGenericHashFunction<unsigned int>>;
+
+/// Befriended by the library's classes. Each accessor gives the field of that name, to read and to write.
+struct GVTestPeer {
+    // Tables
+    template <typename Table>
+    static auto& usedCount(Table& table) {
+        return table.theUsedCount;
+    }
+    template <typename Table>
+    static auto& fillCount(Table& table) {
+        return table.theFillCount;
+    }
+    template <typename Table>
+    static auto& mask(Table& table) {
+        return table.theMask;
+    }
+    template <typename Table>
+    static auto& slots(Table& table) {
+        return table.theTable;
+    }
+    template <typename Table>
+    static auto* smallSlots(Table& table) {
+        return &table.theSmallTable[0];
+    }
+    template <typename Table>
+    static auto& hashFunction(Table& table) {
+        return table.theHashFunction;
+    }
+
+    // Iterators
+    template <typename K, typename V>
+    static GVHashTableEntry_Iterator<K, V> iteratorOn(GVHashTableEntry<K, V>* slots, unsigned int capacity,
+                                                      unsigned int index) {
+        return GVHashTableEntry_Iterator<K, V>(slots, capacity, index);
+    }
+    template <typename K, typename V>
+    static auto& slots(GVHashTableEntry_Iterator<K, V>& iterator) {
+        return iterator.theTable;
+    }
+    template <typename K, typename V>
+    static unsigned int& capacity(GVHashTableEntry_Iterator<K, V>& iterator) {
+        return iterator.theCapacity;
+    }
+    template <typename K, typename V>
+    static unsigned int& index(GVHashTableEntry_Iterator<K, V>& iterator) {
+        return iterator.theIndex;
+    }
+
+    // Blocks
+    static unsigned int& nextToken() { return GVMemoryPoolObject::theNextToken; }
+    static void*& bytes(GVMemoryPoolObject& block) { return block.theBytes; }
+    static unsigned int& length(GVMemoryPoolObject& block) { return block.theLength; }
+    static unsigned int& token(GVMemoryPoolObject& block) { return block.theToken; }
+
+    // Pools
+    static TokenTable& table(GVMemoryPool& pool) { return pool.memoryPool; }
+    static auto& freeTokens(GVMemoryPool& pool) { return pool.availableTokens; }
+    static unsigned int& initialNumberOfObjects(GVMemoryPool& pool) { return pool.initialNumberOfObjects; }
+    static unsigned int& bytesInEachObject(GVMemoryPool& pool) { return pool.bytesInEachObject; }
+    static GVMutexHandle*& mutexHandle(GVMemoryPool& pool) { return pool.theMutexHandle; }
+    static bool& useMutexHandle(GVMemoryPool& pool) { return pool.useMutexHandle; }
+
+    // Smart pointers
+    template <typename T>
+    static T*& object(GVSmartPointer<T>& pointer) {
+        return pointer.object;
+    }
+    template <typename T>
+    static unsigned int*& refCount(GVSmartPointer<T>& pointer) {
+        return pointer.refCount;
+    }
+    template <typename T>
+    static bool*& ownObject(GVSmartPointer<T>& pointer) {
+        return pointer.ownObject;
+    }
+    template <typename T>
+    static GVMutexHandle*& lock(GVSmartPointer<T>& pointer) {
+        return pointer.lock;
+    }
+};
+
+} // namespace Gilvane
+
+#endif
