@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <list>
 #include <new>
 #include <ostream>
@@ -310,7 +311,9 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     /// Stores a value under a key, overwriting the value that stood there, and grows the table when it is two thirds
     /// full. References, entries and iterators die when it grows.
     /// @returns 2, always
-    /// @throws GVException     kind gvoutofmemory: no memory for the larger slot array. The value is stored
+    /// @throws GVException     kind gvoutofmemory: no memory for the larger slot array. The value is stored, and the
+    ///                         next insertion tries to grow again. In a table whose growth failed until no slot was left
+    ///                         empty, the search for an absent key does not end
     /// @throws GVException     kind gvhashtablefailure: growth failed within itself; not reached while the invariants
     ///                         hold
     /// @throws std::bad_alloc  no memory for the exception's own texts; otherwise as kind gvoutofmemory
@@ -318,8 +321,8 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     int insert(const K& key, const V& value);
 
     /// Gives the table another slot array and stores every live key again: a building block of insert.
-    /// @param minUsed  live keys that the new array must hold; the new size is the smallest power of two above it, at
-    ///                 least 8
+    /// @param minUsed  keys that the new array must hold; the new size is the smallest power of two above it, at least 8.
+    ///                 Fewer than are live is misuse: the search for a free slot would not end
     /// @returns 2 when done; 0 when nothing was done: the table was small and without deleted slots already, or 2^31 or
     ///          more keys were asked for; 1 when a key could not be stored again: the table then holds the keys stored
     ///          so far, and the former array is not released
@@ -374,6 +377,7 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     bool hasHeapArray() const { return theMask + 1 > theSmallSize && theTable != nullptr; }
     unsigned int grownMinimum() const;
     static unsigned int sizeAbove(unsigned int minUsed);
+    static Entry* makeArray(unsigned int numberOfEntries);
     Entry* copyOfArray() const;
 
     unsigned int theUsedCount;             // occupied slots
@@ -503,7 +507,7 @@ int GVHashTable<K, V, H>::resize(unsigned int minUsed) {
     Entry* oldArray = theTable;
     Entry* newArray = theSmallTable;
     if (newSize > theSmallSize) {
-        newArray = new (std::nothrow) Entry[newSize + 1];
+        newArray = makeArray(newSize + 1);
         if (newArray == nullptr) {
             throw GVException("Unable to allocate space for new table.", theHashTableFile, __LINE__, gvoutofmemory, 0);
         }
@@ -555,10 +559,20 @@ unsigned int GVHashTable<K, V, H>::sizeAbove(unsigned int minUsed) {
     return size;
 }
 
+// Empty entries on the heap, or null. More bytes than 32 bits can count are refused here: the new-expression would
+// report them in its own way where size_t has 32 bits.
+template <typename K, typename V, typename H>
+GVHashTableEntry<K, V>* GVHashTable<K, V, H>::makeArray(unsigned int numberOfEntries) {
+    if (numberOfEntries > std::numeric_limits<unsigned int>::max() / sizeof(Entry)) {
+        return nullptr;
+    }
+    return new (std::nothrow) Entry[numberOfEntries];
+}
+
 // The slots of the current array, without the end slot, in a new array on the heap.
 template <typename K, typename V, typename H>
 GVHashTableEntry<K, V>* GVHashTable<K, V, H>::copyOfArray() const {
-    Entry* const copy = new (std::nothrow) Entry[theMask + 2];
+    Entry* const copy = makeArray(theMask + 2);
     if (copy == nullptr) {
         throw GVException("Unable to allocate space for new table.", theHashTableFile, __LINE__, gvoutofmemory, 0);
     }

@@ -11,6 +11,14 @@
 
 namespace Gilvane {
 
+// The token table and the pool's smart pointer stand in the library whole, so that what it offers to programs does not
+// depend on what the optimiser happened to inline.
+template class GVHashTableEntry<unsigned int, GVMemoryPoolObject*>;
+template class GVHashTableEntry_Iterator<unsigned int, GVMemoryPoolObject*>;
+template class GVGenericHashFunction<unsigned int>;
+template class GVHashTable<unsigned int, GVMemoryPoolObject*, GVGenericHashFunction<unsigned int>>;
+template class GVSmartPointer<GVMemoryPool>;
+
 namespace {
 
 constexpr const char* theSourceFile = "libsrc/utilities/gvmemorypool";
@@ -257,8 +265,9 @@ void GVMemoryPool::buildObjects(unsigned int numberOfObjects) {
     }
 }
 
-// A reader would expect a block that could not be entered to be deleted. It is lost, by requirement.
-// Watched by PoolGrowth.losesTheBlockWhoseInsertionFails.
+// A reader would expect a block to be deleted when it cannot be entered in the table or the free list. It is not, by
+// requirement: one that the table did not store is lost, and one that it stored before it failed to grow stays there,
+// never lent, until the pool goes. Watched by PoolGrowth.losesTheBlockWhoseInsertionFails.
 void GVMemoryPool::buildObject() {
     GVMemoryPoolObject* const block = bytesInEachObject != 0 ? new (std::nothrow) GVMemoryPoolObject(bytesInEachObject)
                                                              : new (std::nothrow) GVMemoryPoolObject;

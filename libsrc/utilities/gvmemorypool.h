@@ -94,8 +94,7 @@ GILVANE_EXPORT std::ostream& operator<<(std::ostream& stream, const GVMemoryPool
 ///   handle: only one of the two may ever be destroyed.
 class GILVANE_EXPORT GVMemoryPool : public GVObject {
   public:
-    /// Blocks that a pool made without a number builds at its first loan. Read when a pool is constructed; 4 unless
-    /// set.
+    /// Blocks that a pool made without a number builds at its first loan; 4 unless set. Read at construction.
     static unsigned int defaultNumberOfObjects;
 
     /// @name Construction inside a smart pointer
@@ -139,10 +138,10 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     /// Tokens in the free list stay there, dead, below the new ones; numberOfObjectsInPoolInUse counts them as free.
     /// @param numberOfObjects  blocks the pool shall hold
     /// @throws GVException     kind gvoutofmemory: no memory for a block or for the table. The blocks built so far stay
-    /// in
-    ///                         the pool, free to lend, except the one being built
+    ///                         in the pool, free to lend. The one being built is not lent: it stays, counting as in
+    ///                         use, if the table had stored it, and is lost otherwise
     /// @throws std::bad_alloc  no memory for a block's bytes, for the free list or for the exception's own texts;
-    /// likewise
+    ///                         likewise
     /// @par Complexity  linear in the blocks, old and new
     /// @par Threads     takes the pool's lock, when it has one, for its whole body
     void makePool(unsigned int numberOfObjects);
@@ -152,12 +151,9 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     /// Shrinking removes the blocks with the highest tokens, lent or not: a token lent out and removed is dead, and its
     /// holder is not told.
     /// @param numberOfObjects  blocks the pool shall hold
-    /// @throws GVException     growing, kind gvoutofmemory: no memory for a block or for the table. The blocks built so
-    /// far
-    ///                         stay in the pool, free to lend, except the one being built
-    /// @throws std::bad_alloc  no memory for a block's bytes, for the free list or for the exception's own texts,
-    /// likewise;
-    ///                         shrinking, for the list of tokens, before anything has changed
+    /// @throws GVException     growing, kind gvoutofmemory: no memory for a block or for the table; as with makePool
+    /// @throws std::bad_alloc  growing: as with makePool; shrinking: no memory for the list of tokens, before anything
+    ///                         has changed
     /// @par Complexity  growing: linear in the new blocks; shrinking: removed blocks x free tokens
     /// @par Threads     takes the pool's lock, when it has one, for its whole body
     void resizePool(unsigned int numberOfObjects);

@@ -14,6 +14,9 @@ using TokenTable = GVHashTable<unsigned int, GVMemoryPoolObject*, GVGenericHashF
 
 /// Befriended by the library's classes. Each accessor gives the field of that name, to read and to write.
 struct GVTestPeer {
+    // Offsets of private fields; defined where they are asserted and listed
+    struct Layout;
+
     // Tables
     template <typename Table>
     static auto& usedCount(Table& table) {

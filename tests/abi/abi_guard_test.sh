@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# The guard of the binary interface fires on what breaks programs, and on nothing else. Each case changes a scratch copy
+# of the library in one way and lets the guard compare it with the unchanged one.
+#
+#   tests/abi/abi_guard_test.sh SOURCE_DIR SCRATCH_DIR
+set -euo pipefail
+cd "$1"
+scratch=$2
+. tools/abi.sh
+
+build() { # COPY: a shared library from the copy's sources
+    g++ -g -O1 -std=c++17 -fPIC -shared -fvisibility=hidden -Wl,--version-script=cmake/exports.map \
+        -I "$1/include" "$1"/libsrc/*/*.cpp -o "$1/libgilvane.so" -pthread
+}
+
+change() { # NAME SED_EXPRESSION: a copy of the library with one change in all its sources, built
+    mkdir -p "$scratch/$1"
+    cp -rP libsrc include "$scratch/$1"
+    find "$scratch/$1/libsrc" -type f -print0 | xargs -0 sed -i -E "$2"
+    if diff -rq libsrc "$scratch/$1/libsrc" >/dev/null; then
+        echo "the change did not apply: $1" >&2
+        exit 1
+    fi
+    build "$scratch/$1"
+}
+
+expectFiring() { # NAME SED_EXPRESSION
+    change "$@"
+    if tools/check-abi "$scratch/base.abi" "$scratch/$1/libgilvane.so" >"$scratch/$1/report" 2>&1; then
+        echo "the guard let pass: $1" >&2
+        exit 1
+    fi
+    echo "the guard fires: $1"
+}
+
+rm -rf "$scratch"
+mkdir -p "$scratch/base"
+cp -rP libsrc include "$scratch/base"
+build "$scratch/base"
+takeDownInterface "$scratch/base/libgilvane.so" "$scratch/base.abi"
+tools/check-abi "$scratch/base.abi" "$scratch/base/libgilvane.so" >/dev/null
+echo "the guard is silent: nothing changed"
+
+expectFiring "a field widened" 's|^    unsigned int bytesInEachObject;|    unsigned long long bytesInEachObject;|'
+expectFiring "two fields swapped" \
+    's|^    unsigned int theHash; |    unsigned int TMP; |; s|^    unsigned int theState;|    unsigned int theHash;|
+     s|^    unsigned int TMP; |    unsigned int theState; |'
+expectFiring "a virtual operation added" \
+    's|virtual bool tryLock\(\) = 0;|virtual bool tryLock() = 0;\n    virtual void another() {}|'
+expectFiring "an operation gone" 's|removeTokenFromAvailableList|removeTokenFromList|'
+
+change "an operation added" \
+    's|^    void makePool\(unsigned int numberOfObjects\);|&\n    __attribute__((used)) unsigned int addedOperation() const { return bytesInEachObject; }|'
+tools/check-abi "$scratch/base.abi" "$scratch/an operation added/libgilvane.so" >"$scratch/report"
+grep -q "addedOperation" "$scratch/report" || { echo "the guard did not list the added operation" >&2; exit 1; }
+echo "the guard lists: an operation added"

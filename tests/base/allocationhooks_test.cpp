@@ -1,0 +1,302 @@
+#include "hookledger.h"
+#include "throwsites.h"
+
+#include <gilvane/base/gvobject.h>
+#include <gilvane/base/gvrawblock.h>
+#include <gilvane/base/gvstdallocator.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <thread>
+#include <vector>
+
+#ifndef __has_feature
+#define __has_feature(feature) 0
+#endif
+#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
+#define GILVANE_TEST_WITH_ADDRESS_SANITIZER
+#endif
+#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
+#define GILVANE_TEST_WITH_THREAD_SANITIZER
+#endif
+
+namespace Gilvane {
+
+namespace {
+
+bool isAlignedFor(const void* address, std::size_t alignment) {
+    return reinterpret_cast<std::uintptr_t>(address) % alignment == 0;
+}
+
+struct Strict : GVObject {
+    std::max_align_t value;
+};
+
+// An allocation function in whose middle the hooks change.
+void* allocateAndRestoreTheDefaults(unsigned int numberOfBytes) {
+    GVObject::SetAllocationHooks(nullptr, nullptr);
+    return GVObject::GetAllocator()(numberOfBytes);
+}
+
+} // namespace
+
+TEST(DefaultHooks, alignEveryBlockForAnyType) {
+    for (unsigned int bytes = 0; bytes <= 200; ++bytes) {
+        void* const userBytes = allocateRawBlock(bytes);
+        EXPECT_TRUE(isAlignedFor(userBytes, alignof(std::max_align_t))) << bytes << " bytes";
+        EXPECT_TRUE(isAlignedFor(userBytes, alignof(long double))) << bytes << " bytes";
+        releaseRawBlock(userBytes);
+    }
+}
+
+TEST(DefaultHooks, alignObjectsAndArraysForTheirMembers) {
+    Strict* const object = new Strict;
+    EXPECT_TRUE(isAlignedFor(object, alignof(Strict)));
+    EXPECT_TRUE(isAlignedFor(&object->value, alignof(std::max_align_t)));
+    delete object;
+
+    Strict* const array = new Strict[3];
+    EXPECT_TRUE(isAlignedFor(array, alignof(Strict)));
+    EXPECT_TRUE(isAlignedFor(&array[2].value, alignof(std::max_align_t)));
+    delete[] array;
+}
+
+TEST(DefaultHooks, alignTheElementsOfStandardContainers) {
+    std::vector<std::max_align_t, GVStdAllocator<std::max_align_t>> values(5);
+    EXPECT_TRUE(isAlignedFor(values.data(), alignof(std::max_align_t)));
+}
+
+TEST(DefaultHooks, giveAsManyWritableBytesAsAsked) {
+    std::vector<unsigned char*> blocks;
+    for (unsigned int bytes = 1; bytes <= 100; ++bytes) {
+        blocks.push_back(static_cast<unsigned char*>(GVObject::GetAllocator()(bytes)));
+        ASSERT_NE(blocks.back(), nullptr);
+        std::memset(blocks.back(), static_cast<int>(bytes), bytes);
+    }
+    for (unsigned int bytes = 1; bytes <= 100; ++bytes) {
+        const std::vector<unsigned char> expected(bytes, static_cast<unsigned char>(bytes));
+        EXPECT_EQ(std::memcmp(blocks[bytes - 1], expected.data(), bytes), 0) << bytes << " bytes";
+        GVObject::GetDeallocator()(blocks[bytes - 1]);
+    }
+}
+
+TEST(DefaultHooks, giveABlockOfNoBytes) {
+    void* const block = GVObject::GetAllocator()(0);
+    EXPECT_NE(block, nullptr);
+    GVObject::GetDeallocator()(block);
+}
+
+TEST(DefaultHooks, serveSeveralThreadsAtOnce) {
+    constexpr std::size_t threadCount = 4;
+    std::vector<int> intact(threadCount, 0);
+    std::vector<std::thread> threads;
+    for (std::size_t number = 0; number < threadCount; ++number) {
+        threads.emplace_back([number, &intact] {
+            int good = 0;
+            for (unsigned int round = 0; round < 500; ++round) {
+                const unsigned int bytes = 1 + round % 64;
+                unsigned char* const userBytes = static_cast<unsigned char*>(allocateRawBlock(bytes));
+                std::memset(userBytes, static_cast<int>(number), bytes);
+                std::this_thread::yield();
+                good += userBytes[0] == number && userBytes[bytes - 1] == number ? 1 : 0;
+                releaseRawBlock(userBytes);
+            }
+            intact[number] = good;
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(intact, std::vector<int>(threadCount, 500));
+}
+
+#if !defined(GILVANE_TEST_WITH_ADDRESS_SANITIZER) && !defined(GILVANE_TEST_WITH_THREAD_SANITIZER)
+
+namespace {
+
+constexpr unsigned int largestRequest = std::numeric_limits<unsigned int>::max();
+
+// Leaves the process little address space beyond what it has, so that malloc refuses large requests. Where addresses
+// have 32 bits, the largest request cannot be met in any case.
+class ScarceAddressSpace {
+  public:
+    ScarceAddressSpace() {
+        EXPECT_EQ(getrlimit(RLIMIT_AS, &theUsualLimit), 0);
+        rlimit scarce = theUsualLimit;
+        scarce.rlim_cur = rlim_t{1} << 30;
+        EXPECT_EQ(setrlimit(RLIMIT_AS, &scarce), 0);
+    }
+    ScarceAddressSpace(const ScarceAddressSpace&) = delete;
+    ScarceAddressSpace& operator=(const ScarceAddressSpace&) = delete;
+    ~ScarceAddressSpace() { EXPECT_EQ(setrlimit(RLIMIT_AS, &theUsualLimit), 0); }
+
+  private:
+    rlimit theUsualLimit{};
+};
+
+} // namespace
+
+TEST(DefaultHooks, returnNullWhenMemoryIsExhausted) {
+    const ScarceAddressSpace scarcity;
+    EXPECT_EQ(GVObject::GetAllocator()(largestRequest), nullptr);
+    EXPECT_EQ(GVObject::GetAllocator()(largestRequest - 7), nullptr);
+}
+
+TEST(DefaultHooks, exhaustionReachesEveryKindOfAllocation) {
+    const ScarceAddressSpace scarcity;
+    const volatile std::size_t bytes = largestRequest - rawBlockHeaderBytes;
+    EXPECT_EQ(allocateRawBlock(static_cast<unsigned int>(bytes)), nullptr);
+    EXPECT_EQ(GVObject::operator new(bytes, std::nothrow), nullptr);
+    EXPECT_THROW(GVObject::operator new(bytes), std::bad_alloc);
+    EXPECT_THROW(GVStdAllocator<char>().allocate(bytes), std::bad_alloc);
+}
+
+#endif
+
+#ifdef GILVANE_TEST_WITH_ADDRESS_SANITIZER
+
+TEST(DefaultHooksDeathTest, aByteWrittenPastABlockIsReported) {
+    for (const unsigned int bytes : {1U, 7U, 8U, 13U, 16U, 100U}) {
+        volatile char* const userBytes = static_cast<volatile char*>(allocateRawBlock(bytes));
+        EXPECT_DEATH(userBytes[bytes] = 1, "heap-buffer-overflow") << bytes << " bytes";
+        releaseRawBlock(const_cast<char*>(userBytes));
+    }
+}
+
+TEST(DefaultHooksDeathTest, useOfAReleasedBlockIsReported) {
+    volatile char* const userBytes = static_cast<volatile char*>(allocateRawBlock(24));
+    releaseRawBlock(const_cast<char*>(userBytes));
+    EXPECT_DEATH(userBytes[0] = 1, "heap-use-after-free");
+}
+
+#endif
+
+TEST(AllocationHooks, areTheOnesGiven) {
+    GVObject::SetAllocationHooks(&HookLedger::allocate, &HookLedger::release);
+    EXPECT_EQ(GVObject::GetAllocator(), &HookLedger::allocate);
+    EXPECT_EQ(GVObject::GetDeallocator(), &HookLedger::release);
+    GVObject::SetAllocationHooks(nullptr, nullptr);
+}
+
+TEST(AllocationHooks, twoNullsRestoreTheDefaults) {
+    const GVAllocatorFunction defaultAllocator = GVObject::GetAllocator();
+    const GVDeallocatorFunction defaultDeallocator = GVObject::GetDeallocator();
+    ASSERT_NE(defaultAllocator, nullptr);
+    ASSERT_NE(defaultDeallocator, nullptr);
+    GVObject::SetAllocationHooks(&HookLedger::allocate, &HookLedger::release);
+
+    GVObject::SetAllocationHooks(nullptr, nullptr);
+
+    EXPECT_EQ(GVObject::GetAllocator(), defaultAllocator);
+    EXPECT_EQ(GVObject::GetDeallocator(), defaultDeallocator);
+}
+
+TEST(AllocationHooks, anAllocatorAloneIsRefusedAndChangesNothing) {
+    const GVAllocatorFunction allocator = GVObject::GetAllocator();
+    const GVDeallocatorFunction deallocator = GVObject::GetDeallocator();
+    expectGVException([] { GVObject::SetAllocationHooks(&HookLedger::allocate, nullptr); }, gvinvalidstate,
+                      "libsrc/base/gvobject", "Allocation hooks must be set or reset together.");
+    EXPECT_EQ(GVObject::GetAllocator(), allocator);
+    EXPECT_EQ(GVObject::GetDeallocator(), deallocator);
+}
+
+TEST(AllocationHooks, aDeallocatorAloneIsRefusedAndChangesNothing) {
+    const GVAllocatorFunction allocator = GVObject::GetAllocator();
+    const GVDeallocatorFunction deallocator = GVObject::GetDeallocator();
+    expectGVException([] { GVObject::SetAllocationHooks(nullptr, &HookLedger::release); }, gvinvalidstate,
+                      "libsrc/base/gvobject", "Allocation hooks must be set or reset together.");
+    EXPECT_EQ(GVObject::GetAllocator(), allocator);
+    EXPECT_EQ(GVObject::GetDeallocator(), deallocator);
+}
+
+TEST(AllocationHooks, aRefusedChangeKeepsHooksThatAreNotTheDefaults) {
+    const HookLedger ledger;
+    EXPECT_THROW(GVObject::SetAllocationHooks(GVObject::GetAllocator(), nullptr), GVException);
+    EXPECT_THROW(GVObject::SetAllocationHooks(nullptr, GVObject::GetDeallocator()), GVException);
+    EXPECT_EQ(GVObject::GetAllocator(), &HookLedger::allocate);
+    EXPECT_EQ(GVObject::GetDeallocator(), &HookLedger::release);
+}
+
+TEST(AllocationHooks, areAskedForAfreshAtEachAllocation) {
+    const HookLedger ledger;
+    GVStdAllocator<unsigned int> allocator;
+    unsigned int* const first = allocator.allocate(1);
+    EXPECT_EQ(ledger.allocationCount(), 1U);
+
+    GVObject::SetAllocationHooks(nullptr, nullptr);
+    unsigned int* const second = allocator.allocate(1);
+    EXPECT_EQ(ledger.allocationCount(), 1U);
+
+    GVObject::SetAllocationHooks(&HookLedger::allocate, &HookLedger::release);
+    unsigned int* const third = allocator.allocate(1);
+    EXPECT_EQ(ledger.allocationCount(), 2U);
+
+    allocator.deallocate(first, 1);
+    allocator.deallocate(second, 1);
+    allocator.deallocate(third, 1);
+    EXPECT_EQ(ledger.releaseCount(), 2U);
+}
+
+TEST(AllocationHooks, theDeallocatorIsAskedForAfterTheAllocation) {
+    const GVDeallocatorFunction defaultDeallocator = GVObject::GetDeallocator();
+    GVObject::SetAllocationHooks(&allocateAndRestoreTheDefaults, &HookLedger::release);
+
+    void* const userBytes = allocateRawBlock(8);
+
+    EXPECT_EQ(rawBlockDeallocator(userBytes), defaultDeallocator);
+    GVObject::GetDeallocator()(static_cast<char*>(userBytes) - rawBlockHeaderBytes);
+}
+
+TEST(AllocationHooks, blocksMadeBeforeAChangeGoBackThroughTheirOwnDeallocator) {
+    const HookLedger ledger;
+    void* const rawBlock = allocateRawBlock(10);
+    Strict* const object = new Strict;
+    Strict* const array = new Strict[2];
+    unsigned int* const storage = GVStdAllocator<unsigned int>().allocate(3);
+    GVObject::SetAllocationHooks(nullptr, nullptr);
+
+    releaseRawBlock(rawBlock);
+    EXPECT_EQ(ledger.releaseCount(), 1U);
+    delete object;
+    EXPECT_EQ(ledger.releaseCount(), 2U);
+    delete[] array;
+    EXPECT_EQ(ledger.releaseCount(), 3U);
+    GVStdAllocator<unsigned int>().deallocate(storage, 3);
+    EXPECT_EQ(ledger.releaseCount(), 4U);
+}
+
+TEST(AllocationHooks, defaultBlocksGoBackToTheDefaultDeallocatorWhileOthersAreSet) {
+    void* const rawBlock = allocateRawBlock(10);
+    Strict* const object = new Strict;
+    Strict* const array = new Strict[2];
+    unsigned int* const storage = GVStdAllocator<unsigned int>().allocate(3);
+    const HookLedger ledger;
+
+    releaseRawBlock(rawBlock);
+    delete object;
+    delete[] array;
+    GVStdAllocator<unsigned int>().deallocate(storage, 3);
+
+    EXPECT_EQ(ledger.releaseCount(), 0U);
+}
+
+TEST(AllocationHooks, aGrowingContainerReleasesEachBlockToItsOwnHook) {
+    const HookLedger ledger;
+    std::vector<unsigned int, GVStdAllocator<unsigned int>> numbers{1, 2};
+    GVObject::SetAllocationHooks(nullptr, nullptr);
+
+    numbers.push_back(3);
+
+    EXPECT_EQ(ledger.releaseCount(), 1U);
+    EXPECT_TRUE(ledger.liveBlocks().empty());
+    EXPECT_EQ(numbers.back(), 3U);
+}
+
+} // namespace Gilvane

@@ -1,0 +1,234 @@
+#include "hookledger.h"
+
+#include <gilvane/base/gvrawblock.h>
+#include <gilvane/base/gvstdallocator.h>
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <limits>
+#include <memory>
+#include <new>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace Gilvane {
+
+namespace {
+
+using Numbers = GVStdAllocator<unsigned int>;
+
+constexpr std::size_t most = std::numeric_limits<unsigned int>::max();
+
+struct TwelveBytes {
+    unsigned int parts[3];
+};
+
+// Its own address operator tells nothing.
+struct Evasive {
+    int value = 0;
+    Evasive* operator&() { return nullptr; }
+    const Evasive* operator&() const { return nullptr; }
+};
+
+struct CountsItsEnd {
+    explicit CountsItsEnd(int& counter) : theCounter(counter) {}
+    ~CountsItsEnd() { ++theCounter; }
+    int& theCounter;
+};
+
+} // namespace
+
+TEST(StdAllocator, asksForTheObjectsAndAHeaderWord) {
+    const HookLedger ledger;
+    unsigned int* const storage = Numbers().allocate(10);
+    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{10 * sizeof(unsigned int) + rawBlockHeaderBytes});
+    Numbers().deallocate(storage, 10);
+}
+
+TEST(StdAllocator, returnsTheAddressPastTheHeaderWordWithTheDeallocatorInIt) {
+    const HookLedger ledger;
+    unsigned int* const storage = Numbers().allocate(10);
+    void* const start = ledger.liveBlocks().at(0).start;
+    EXPECT_EQ(static_cast<void*>(storage), static_cast<char*>(start) + rawBlockHeaderBytes);
+    EXPECT_EQ(*static_cast<GVDeallocatorFunction*>(start), &HookLedger::release);
+    Numbers().deallocate(storage, 10);
+}
+
+TEST(StdAllocator, allocatingNoObjectsGivesAHeaderWordAlone) {
+    const HookLedger ledger;
+    unsigned int* const storage = Numbers().allocate(0);
+    ASSERT_NE(storage, nullptr);
+    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{rawBlockHeaderBytes});
+    void* const start = ledger.liveBlocks().at(0).start;
+    EXPECT_EQ(static_cast<void*>(storage), static_cast<char*>(start) + rawBlockHeaderBytes);
+
+    Numbers().deallocate(storage, 0);
+
+    EXPECT_EQ(ledger.releases(), std::vector<void*>{start});
+}
+
+TEST(StdAllocator, releasesABlockWithItsStart) {
+    const HookLedger ledger;
+    unsigned int* const storage = Numbers().allocate(3);
+    void* const start = ledger.liveBlocks().at(0).start;
+    Numbers().deallocate(storage, 3);
+    EXPECT_EQ(ledger.releases(), std::vector<void*>{start});
+}
+
+TEST(StdAllocator, releasesNothingForNull) {
+    const HookLedger ledger;
+    Numbers().deallocate(nullptr, 0);
+    Numbers().deallocate(nullptr, 1);
+    Numbers().deallocate(nullptr, most);
+    EXPECT_EQ(ledger.releaseCount(), 0U);
+}
+
+TEST(StdAllocator, leavesABlockWithANullHeaderWordAlone) {
+    HookLedger ledger;
+    unsigned int* const storage = Numbers().allocate(3);
+    *static_cast<GVDeallocatorFunction*>(ledger.liveBlocks().at(0).start) = nullptr;
+
+    Numbers().deallocate(storage, 3);
+
+    EXPECT_EQ(ledger.releaseCount(), 0U);
+    EXPECT_EQ(ledger.liveBlocks().size(), 1U);
+    ledger.reclaimLiveBlocks();
+}
+
+TEST(StdAllocator, ignoresTheCountOnRelease) {
+    const HookLedger ledger;
+    unsigned int* const first = Numbers().allocate(3);
+    unsigned int* const second = Numbers().allocate(3);
+    Numbers().deallocate(first, 0);
+    Numbers().deallocate(second, most);
+    EXPECT_EQ(ledger.releaseCount(), 2U);
+}
+
+TEST(StdAllocator, anyInstanceReleasesWhatAnotherAllocated) {
+    const HookLedger ledger;
+    unsigned int* storage = nullptr;
+    {
+        Numbers shortLived;
+        storage = shortLived.allocate(3);
+    }
+    GVStdAllocator<char> another;
+    another.deallocate(reinterpret_cast<char*>(storage), 1);
+    EXPECT_EQ(ledger.releaseCount(), 1U);
+}
+
+TEST(StdAllocator, throwsBadAllocWhenTheAllocationFunctionReturnsNull) {
+    HookLedger ledger;
+    ledger.refuseOnce(0);
+    EXPECT_THROW(Numbers().allocate(3), std::bad_alloc);
+    EXPECT_EQ(ledger.refusedCount(), 1U);
+    EXPECT_EQ(ledger.releaseCount(), 0U);
+}
+
+TEST(StdAllocator, aCountBeyond32BitsIsExhaustion) {
+    const HookLedger ledger;
+    const std::size_t firstUnfitNumber = (most - rawBlockHeaderBytes) / sizeof(unsigned int) + 1;
+    const std::vector<std::size_t> counts{firstUnfitNumber, Numbers().max_size(), Numbers().max_size() + 1,
+                                          std::numeric_limits<std::size_t>::max() / sizeof(unsigned int) + 2,
+                                          std::numeric_limits<std::size_t>::max()};
+    for (const std::size_t count : counts) {
+        EXPECT_THROW(Numbers().allocate(count), std::bad_alloc) << count;
+    }
+    const volatile std::size_t firstUnfitLength = most - rawBlockHeaderBytes + 1;
+    EXPECT_THROW(GVStdAllocator<char>().allocate(firstUnfitLength), std::bad_alloc);
+    EXPECT_THROW(GVStdAllocator<char>().allocate(most), std::bad_alloc);
+    EXPECT_EQ(ledger.allocationCount(), 0U);
+}
+
+TEST(StdAllocator, theLargestCountThatFitsIsAskedOfTheHook) {
+    HookLedger ledger;
+    ledger.refuseFrom(0);
+    const volatile std::size_t length = most - rawBlockHeaderBytes;
+    EXPECT_THROW(GVStdAllocator<char>().allocate(length), std::bad_alloc);
+    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{static_cast<unsigned int>(most)});
+}
+
+TEST(StdAllocator, maxSizeIsTheLargestCountWhoseBytesFitIn32Bits) {
+    EXPECT_EQ(Numbers().max_size(), 1073741823U);
+    EXPECT_EQ(GVStdAllocator<char>().max_size(), 4294967295U);
+    EXPECT_EQ(GVStdAllocator<TwelveBytes>().max_size(), 357913941U);
+    EXPECT_EQ(std::allocator_traits<Numbers>::max_size(Numbers()), 1073741823U);
+}
+
+TEST(StdAllocator, rebindsToAnotherElementType) {
+    EXPECT_TRUE((std::is_same_v<Numbers::rebind<char>::other, GVStdAllocator<char>>));
+    EXPECT_TRUE((std::is_same_v<std::allocator_traits<Numbers>::rebind_alloc<double>, GVStdAllocator<double>>));
+
+    const HookLedger ledger;
+    GVStdAllocator<TwelveBytes> rebound{Numbers()};
+    TwelveBytes* const storage = rebound.allocate(2);
+    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{2 * sizeof(TwelveBytes) + rawBlockHeaderBytes});
+    rebound.deallocate(storage, 2);
+}
+
+TEST(StdAllocator, copiesAndAssignsWithoutState) {
+    const HookLedger ledger;
+    const Numbers original;
+    Numbers copy(original);
+    copy = original;
+    const GVStdAllocator<char> rebound(original);
+    EXPECT_TRUE(std::is_nothrow_copy_constructible_v<Numbers>);
+    EXPECT_TRUE((std::is_nothrow_constructible_v<GVStdAllocator<char>, const Numbers&>));
+    EXPECT_EQ(ledger.allocationCount(), 0U);
+}
+
+TEST(StdAllocator, allInstancesAreEqual) {
+    const Numbers first;
+    const Numbers second;
+    const GVStdAllocator<char> rebound(first);
+    EXPECT_TRUE(first == second);
+    EXPECT_FALSE(first != second);
+    EXPECT_TRUE(first == rebound);
+    EXPECT_FALSE(first != rebound);
+    EXPECT_TRUE(std::allocator_traits<Numbers>::is_always_equal::value);
+}
+
+TEST(StdAllocator, namesTheTypesOfAStandardAllocator) {
+    EXPECT_TRUE((std::is_same_v<Numbers::value_type, unsigned int>));
+    EXPECT_TRUE((std::is_same_v<Numbers::pointer, unsigned int*>));
+    EXPECT_TRUE((std::is_same_v<Numbers::const_pointer, const unsigned int*>));
+    EXPECT_TRUE((std::is_same_v<Numbers::reference, unsigned int&>));
+    EXPECT_TRUE((std::is_same_v<Numbers::const_reference, const unsigned int&>));
+    EXPECT_TRUE((std::is_same_v<Numbers::size_type, std::size_t>));
+    EXPECT_TRUE((std::is_same_v<Numbers::difference_type, std::ptrdiff_t>));
+}
+
+TEST(StdAllocator, constructsAndDestroysInGivenStorage) {
+    const HookLedger ledger;
+    int ended = 0;
+    GVStdAllocator<CountsItsEnd> allocator;
+    CountsItsEnd* const place = allocator.allocate(1);
+    const std::size_t allocations = ledger.allocationCount();
+
+    allocator.construct(place, ended);
+    EXPECT_EQ(&place->theCounter, &ended);
+    allocator.destroy(place);
+
+    EXPECT_EQ(ended, 1);
+    EXPECT_EQ(ledger.allocationCount(), allocations);
+    EXPECT_EQ(ledger.releaseCount(), 0U);
+    allocator.deallocate(place, 1);
+}
+
+TEST(StdAllocator, givesTheAddressOfAnObjectThatHidesIt) {
+    Evasive object;
+    const Evasive constant;
+    EXPECT_EQ(GVStdAllocator<Evasive>().address(object), std::addressof(object));
+    EXPECT_EQ(GVStdAllocator<Evasive>().address(constant), std::addressof(constant));
+}
+
+TEST(StdAllocator, isItselfMadeAndDeletedThroughTheHooks) {
+    const HookLedger ledger;
+    GVObject* const allocator = new Numbers;
+    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{sizeof(Numbers) + rawBlockHeaderBytes});
+    delete allocator;
+    EXPECT_EQ(ledger.releaseCount(), 1U);
+}
+
+} // namespace Gilvane

@@ -1,0 +1,338 @@
+// Which operations of a pool lock, how, and for how long.
+#include "gvtestpeer.h"
+#include "hookledger.h"
+#include "recordingthreads.h"
+#include "throwsites.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <new>
+#include <string>
+#include <vector>
+
+namespace Gilvane {
+
+namespace {
+
+using Log = std::vector<std::string>;
+using Tokens = std::vector<unsigned int, GVStdAllocator<unsigned int>>;
+
+const Log lockedOnce = {"lock 1", "unlock 1"};
+const Log lockedTwice = {"lock 1", "unlock 1", "lock 1", "unlock 1"};
+
+// An empty log at the start and at the end of a test; to be made before the pools.
+class FreshLog {
+  public:
+    FreshLog() { ThreadsLog::clear(); }
+    FreshLog(const FreshLog&) = delete;
+    FreshLog& operator=(const FreshLog&) = delete;
+    ~FreshLog() { ThreadsLog::clear(); }
+};
+
+// What an operation enters in the log.
+Log logOf(const std::function<void()>& operation) {
+    ThreadsLog::entries().clear();
+    operation();
+    return ThreadsLog::entries();
+}
+
+bool isLocked(GVMemoryPool& pool) {
+    return static_cast<RecordingMutexHandle*>(GVTestPeer::mutexHandle(pool))->isLocked();
+}
+
+// Makes `look` run at the next entries, with each of them.
+void watch(const std::function<void(const std::string&)>& look) { ThreadsLog::observer() = look; }
+
+TEST(PoolLocking, constructionAsksAFactoryOfItsOwnForTheHandle) {
+    const FreshLog log;
+    const GVMemoryPool pool(true);
+    EXPECT_EQ(ThreadsLog::entries(), (Log{"factory made", "factory creates 1 (3, false)", "factory destroyed"}));
+}
+
+TEST(PoolLocking, everyConstructorMakesAFactoryEvenWithoutLocking) {
+    const FreshLog log;
+    const Log factoryOnly = {"factory made", "factory destroyed"};
+    EXPECT_EQ(logOf([] { GVMemoryPool(false); }), factoryOnly);
+    EXPECT_EQ(logOf([] { GVMemoryPool(3, false); }), factoryOnly);
+    EXPECT_EQ(logOf([] { GVMemoryPool(3, 16, false); }), factoryOnly);
+}
+
+TEST(PoolLocking, constructionWithANumberDoesNotLock) {
+    const FreshLog log;
+    const GVMemoryPool pool(3, true);
+    EXPECT_EQ(ThreadsLog::entries(), (Log{"factory made", "factory creates 1 (3, false)", "factory destroyed"}));
+}
+
+TEST(PoolLocking, constructionWithASizeLocksOnlyForTheBuilding) {
+    const FreshLog log;
+    const GVMemoryPool pool(3, 16, true);
+    EXPECT_EQ(ThreadsLog::entries(),
+              (Log{"factory made", "factory creates 1 (3, false)", "factory destroyed", "lock 1", "unlock 1"}));
+}
+
+TEST(PoolLocking, constructionThatFailsUnlocksAndLeavesTheHandle) {
+    const FreshLog log;
+    HookLedger ledger;
+    ledger.refuseOnce(1); // after the handle
+    EXPECT_THROW(GVMemoryPool(3, 16, true), GVException);
+    EXPECT_EQ(ThreadsLog::entries(),
+              (Log{"factory made", "factory creates 1 (3, false)", "factory destroyed", "lock 1", "unlock 1"}));
+    EXPECT_EQ(ledger.reclaimLiveBlocks(), 1U);
+}
+
+TEST(PoolLocking, constructionPassesOnWhatTheFactoryThrows) {
+    const FreshLog log;
+    const HookLedger ledger;
+    const std::vector<std::function<void()>> constructions = {[] { GVMemoryPool(true); }, [] { GVMemoryPool(3, true); },
+                                                              [] { GVMemoryPool(3, 16, true); }};
+    for (const std::function<void()>& construct : constructions) {
+        ThreadsLog::refuseNextHandle() = true;
+        EXPECT_EQ(logOf([&] { EXPECT_THROW(construct(), GVException); }), (Log{"factory made", "factory destroyed"}));
+        EXPECT_TRUE(ledger.liveBlocks().empty());
+    }
+}
+
+TEST(PoolLocking, destructionDeletesTheHandleOnceAndDoesNotLock) {
+    const FreshLog log;
+    auto* const pool = new GVMemoryPool(3, 16, true);
+    EXPECT_EQ(logOf([&] { delete pool; }), (Log{"delete 1"}));
+}
+
+TEST(PoolLocking, destructionDeletesTheHandleBeforeAnyBlock) {
+    const FreshLog log;
+    const HookLedger ledger;
+    std::size_t releasesBefore = 0;
+    std::size_t releasesAtDelete = 0;
+    {
+        GVMemoryPool pool(3, 16, true);
+        releasesBefore = ledger.releaseCount();
+        watch([&](const std::string&) { releasesAtDelete = ledger.releaseCount(); });
+    }
+    EXPECT_EQ(ThreadsLog::count("delete 1"), 1);
+    EXPECT_EQ(releasesAtDelete, releasesBefore);
+    EXPECT_GT(ledger.releaseCount(), releasesBefore);
+}
+
+TEST(PoolLocking, destructionDeletesEvenAHandleThatIsNotUsed) {
+    const FreshLog log;
+    {
+        GVMemoryPool pool(true);
+        GVTestPeer::useMutexHandle(pool) = false;
+    }
+    EXPECT_EQ(ThreadsLog::count("delete 1"), 1);
+}
+
+TEST(PoolLocking, makePoolLocksOnce) {
+    const FreshLog log;
+    GVMemoryPool pool(3, 16, true);
+    EXPECT_EQ(logOf([&] { pool.makePool(2); }), lockedOnce);
+    EXPECT_EQ(logOf([&] { pool.makePool(0); }), lockedOnce);
+}
+
+TEST(PoolLocking, resizePoolLocksOnceWhicheverWayItGoes) {
+    const FreshLog log;
+    GVMemoryPool pool(3, 16, true);
+    EXPECT_EQ(logOf([&] { pool.resizePool(8); }), lockedOnce);
+    EXPECT_EQ(logOf([&] { pool.resizePool(8); }), lockedOnce);
+    EXPECT_EQ(logOf([&] { pool.resizePool(5); }), lockedOnce);
+}
+
+TEST(PoolLocking, numberOfObjectsInPoolInUseLocksOnce) {
+    const FreshLog log;
+    GVMemoryPool pool(3, true);
+    EXPECT_EQ(logOf([&] { pool.numberOfObjectsInPoolInUse(); }), lockedOnce); // without blocks
+    pool.resizePool(1);
+    EXPECT_EQ(logOf([&] { pool.numberOfObjectsInPoolInUse(); }), lockedOnce);
+}
+
+TEST(PoolLocking, getMemoryForTokenLocksOnce) {
+    const FreshLog log;
+    GVMemoryPool pool(3, 16, true);
+    const unsigned int token = pool.getTokenForFreeMemoryObject();
+    EXPECT_EQ(logOf([&] { pool.getMemoryForToken(token); }), lockedOnce);
+}
+
+TEST(PoolLocking, releaseObjectLocksOnce) {
+    const FreshLog log;
+    GVMemoryPool pool(3, 16, true);
+    const unsigned int token = pool.getTokenForFreeMemoryObject();
+    EXPECT_EQ(logOf([&] { pool.releaseObject(token); }), lockedOnce);
+}
+
+TEST(PoolLocking, lendingWithoutGrowthLocksOnce) {
+    const FreshLog log;
+    GVMemoryPool pool(3, 16, true);
+    EXPECT_EQ(logOf([&] { pool.getTokenForFreeMemoryObject(); }), lockedOnce);
+}
+
+TEST(PoolLocking, lendingWithGrowthLocksTwiceAndOnceMoreToGrow) {
+    const FreshLog log;
+    const Log withGrowth = {"lock 1", "unlock 1", "lock 1", "unlock 1", "lock 1", "unlock 1"};
+    GVMemoryPool pool(1, true);
+    EXPECT_EQ(logOf([&] { pool.getTokenForFreeMemoryObject(); }), withGrowth); // makePool
+    EXPECT_EQ(logOf([&] { pool.getTokenForFreeMemoryObject(); }), withGrowth); // resizePool
+}
+
+TEST(PoolLocking, lendingWhoseGrowthFailsLeavesTheLockFree) {
+    const FreshLog log;
+    HookLedger ledger;
+    GVMemoryPool pool(1, true);
+    ledger.refuseOnce(0);
+    EXPECT_EQ(logOf([&] { EXPECT_THROW(pool.getTokenForFreeMemoryObject(), GVException); }), lockedTwice);
+    pool.getTokenForFreeMemoryObject();
+    ledger.refuseOnce(0);
+    EXPECT_EQ(logOf([&] { EXPECT_THROW(pool.getTokenForFreeMemoryObject(), GVException); }), lockedTwice);
+    EXPECT_FALSE(isLocked(pool));
+}
+
+TEST(PoolLocking, setNumberOfBytesInPoolObjectLocksOnceForEachOfItsSteps) {
+    const FreshLog log;
+    GVMemoryPool pool(3, 16, true);
+    EXPECT_EQ(logOf([&] { pool.setNumberOfBytesInPoolObject(8); }), lockedTwice);
+}
+
+TEST(PoolLocking, setNumberOfBytesInPoolObjectThatIsRefusedLocksOnce) {
+    const FreshLog log;
+    GVMemoryPool pool(3, 16, true);
+    pool.getTokenForFreeMemoryObject();
+    EXPECT_EQ(logOf([&] { EXPECT_THROW(pool.setNumberOfBytesInPoolObject(8), GVException); }), lockedOnce);
+}
+
+TEST(PoolLocking, removeTokenFromAvailableListDoesNotLock) {
+    const FreshLog log;
+    GVMemoryPool pool(3, 16, true);
+    const unsigned int token = GVTestPeer::freeTokens(pool).front();
+    EXPECT_EQ(logOf([&] { pool.removeTokenFromAvailableList(token); }), Log{});
+    EXPECT_EQ(GVTestPeer::freeTokens(pool).size(), 2U);
+}
+
+TEST(PoolLocking, comparisonDoesNotLock) {
+    const FreshLog log;
+    GVMemoryPool one(3, 16, true);
+    const GVMemoryPool other(3, 16, true);
+    EXPECT_EQ(logOf([&] { EXPECT_FALSE(one == other); }), Log{});
+    EXPECT_EQ(logOf([&] { EXPECT_TRUE(one != other); }), Log{});
+    EXPECT_EQ(logOf([&] { EXPECT_TRUE(one == one); }), Log{});
+}
+
+TEST(PoolLocking, copyingNeitherLocksNorAsksForAHandle) {
+    const FreshLog log;
+    const GVMemoryPool pool(3, 16, true);
+    GVMemoryPool* copy = nullptr;
+    EXPECT_EQ(logOf([&] { copy = new GVMemoryPool(pool); }), Log{});
+    // The copy shares blocks and handle with the original, so it is not destroyed.
+    Tokens().swap(GVTestPeer::freeTokens(*copy));
+    GVObject::operator delete(copy);
+}
+
+TEST(PoolLocking, aPoolWithoutAMutexNeverLocks) {
+    const FreshLog log;
+    GVMemoryPool pool(2, 16, false);
+    const Log entries = logOf([&] {
+        const unsigned int token = pool.getTokenForFreeMemoryObject();
+        pool.getTokenForFreeMemoryObject();
+        pool.getTokenForFreeMemoryObject(); // grows
+        pool.getMemoryForToken(token);
+        pool.releaseObject(token);
+        pool.numberOfObjectsInPoolInUse();
+        pool.resizePool(3);
+        pool.makePool(2);
+    });
+    EXPECT_EQ(entries, Log{});
+}
+
+TEST(PoolLocking, theFlagDecidesNotTheHandle) {
+    const FreshLog log;
+    GVMemoryPool pool(2, 16, true);
+    GVTestPeer::useMutexHandle(pool) = false;
+    const Log entries = logOf([&] {
+        const unsigned int token = pool.getTokenForFreeMemoryObject();
+        pool.getMemoryForToken(token);
+        pool.releaseObject(token);
+        pool.setNumberOfBytesInPoolObject(8);
+    });
+    EXPECT_EQ(entries, Log{});
+}
+
+TEST(PoolLocking, eachPoolHasALockOfItsOwn) {
+    const FreshLog log;
+    GVMemoryPool one(2, 16, true);
+    GVMemoryPool other(2, 16, true);
+    EXPECT_EQ(logOf([&] { other.getTokenForFreeMemoryObject(); }), (Log{"lock 2", "unlock 2"}));
+    EXPECT_EQ(logOf([&] { one.getTokenForFreeMemoryObject(); }), lockedOnce);
+}
+
+TEST(PoolLocking, theLockIsReleasedWhenAnOperationThrows) {
+    const FreshLog log;
+    HookLedger ledger;
+    GVTestPeer::nextToken() = 0;
+    GVMemoryPool pool(4, 16, true);
+    const std::vector<std::function<void()>> operations = {
+        [&] { pool.resizePool(5); },   // no memory for an object
+        [&] { pool.resizePool(3); },   // no memory for the list of tokens
+        [&] { pool.releaseObject(9); } // no memory for the free list
+    };
+    for (const std::function<void()>& operation : operations) {
+        ledger.refuseOnce(0);
+        EXPECT_EQ(logOf([&] { EXPECT_ANY_THROW(operation()); }), lockedOnce);
+        EXPECT_FALSE(isLocked(pool));
+    }
+    pool.resizePool(5);
+    ledger.refuseOnce(0); // no memory for the table that an unknown token grows
+    EXPECT_EQ(logOf([&] { EXPECT_THROW(pool.getMemoryForToken(99), GVException); }), lockedOnce);
+    EXPECT_FALSE(isLocked(pool));
+    ledger.refuseOnce(0);
+    EXPECT_EQ(logOf([&] { EXPECT_THROW(pool.makePool(2), GVException); }), lockedOnce);
+    EXPECT_FALSE(isLocked(pool));
+}
+
+// What the pool looks like at the moments of locking and unlocking.
+struct Picture {
+    Tokens freeTokens;
+    unsigned int blocks;
+
+    bool operator==(const Picture& other) const { return freeTokens == other.freeTokens && blocks == other.blocks; }
+};
+
+std::ostream& operator<<(std::ostream& stream, const Picture& picture) {
+    return stream << picture.blocks << " blocks, free: " << ::testing::PrintToString(picture.freeTokens);
+}
+
+std::vector<Picture> picturesDuring(GVMemoryPool& pool, const std::function<void()>& operation) {
+    std::vector<Picture> pictures;
+    watch([&](const std::string&) {
+        pictures.push_back({GVTestPeer::freeTokens(pool), GVTestPeer::table(pool).getUsedCount()});
+    });
+    operation();
+    ThreadsLog::observer() = nullptr;
+    return pictures;
+}
+
+TEST(PoolLocking, theLockCoversTheWholeOfEachOperation) {
+    const FreshLog log;
+    GVTestPeer::nextToken() = 0;
+    GVMemoryPool pool(2, 16, true);
+    EXPECT_EQ(picturesDuring(pool, [&] { pool.resizePool(4); }),
+              (std::vector<Picture>{{{0, 1}, 2}, {{0, 1, 2, 3}, 4}}));
+    EXPECT_EQ(picturesDuring(pool, [&] { pool.resizePool(3); }),
+              (std::vector<Picture>{{{0, 1, 2, 3}, 4}, {{0, 1, 2}, 3}}));
+    EXPECT_EQ(picturesDuring(pool, [&] { pool.getTokenForFreeMemoryObject(); }),
+              (std::vector<Picture>{{{0, 1, 2}, 3}, {{0, 1}, 3}}));
+    EXPECT_EQ(picturesDuring(pool, [&] { pool.releaseObject(2); }),
+              (std::vector<Picture>{{{0, 1}, 3}, {{0, 1, 2}, 3}}));
+    EXPECT_EQ(picturesDuring(pool, [&] { pool.makePool(1); }),
+              (std::vector<Picture>{{{0, 1, 2}, 3}, {{0, 1, 2, 4}, 1}}));
+}
+
+TEST(PoolLocking, lendingPopsUnderTheSecondLockAfterGrowth) {
+    const FreshLog log;
+    GVTestPeer::nextToken() = 0;
+    GVMemoryPool pool(2, true);
+    EXPECT_EQ(picturesDuring(pool, [&] { pool.getTokenForFreeMemoryObject(); }),
+              (std::vector<Picture>{{{}, 0}, {{}, 0}, {{}, 0}, {{0, 1}, 2}, {{0, 1}, 2}, {{0}, 2}}));
+}
+
+} // namespace
+
+} // namespace Gilvane

@@ -1,0 +1,89 @@
+# shellcheck shell=bash
+# What the project's scripts share. To be sourced with the project's root as the current folder.
+
+# say TEXT...: what is about to be done.
+say() {
+    printf '== %s\n' "$*"
+}
+
+# fail TEXT...: why it ends here, in one line.
+fail() {
+    printf '%s: %s\n' "${0##*/}" "$*" >&2
+    exit 1
+}
+
+# quietly COMMAND...: shows the command's output only if it fails, which ends the script; on a terminal, the seconds so
+# far.
+quietly() {
+    local log status=0
+    log=build/log/$(basename "$1").$$.log
+    attempt "$log" "$@" || status=$?
+    if [[ $status != 0 ]]; then
+        cat "$log" >&2
+        rm -f "$log"
+        fail "this ended with status $status: $*"
+    fi
+    rm -f "$log"
+}
+
+# attempt LOG COMMAND...: for quietly; returns the command's status, and its output in the file LOG.
+attempt() {
+    local log=$1 ticker='' status=0
+    shift
+    mkdir -p "$(dirname "$log")"
+    if [[ -t 1 ]]; then
+        showSeconds "$*" &
+        ticker=$!
+    fi
+    "$@" >"$log" 2>&1 </dev/null || status=$?
+    if [[ -n $ticker ]]; then
+        kill "$ticker" 2>/dev/null || true
+        wait "$ticker" 2>/dev/null || true
+        printf '\r\033[K'
+    fi
+    return "$status"
+}
+
+# showSeconds TEXT: for attempt; ends with the script, should that be interrupted.
+showSeconds() {
+    local seconds=0
+    while sleep 1 && kill -0 $$ 2>/dev/null; do
+        seconds=$((seconds + 1))
+        printf '\r\033[K   %d s  %.60s' "$seconds" "$1"
+    done
+}
+
+# needPackages PACKAGE...: has apt install what is missing, and does nothing if nothing is.
+needPackages() {
+    local package missing=() asRoot=()
+    if ! command -v dpkg-query >/dev/null; then
+        say "no Debian here: taking it that these are installed: $*"
+        return
+    fi
+    for package in "$@"; do
+        # A name such as zlib1g-dev:amd64 may have several states; one that is installed will do.
+        if ! dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed; then
+            missing+=("$package")
+        fi
+    done
+    if [[ ${#missing[@]} == 0 ]]; then
+        return
+    fi
+    if [[ $(id -u) != 0 ]]; then
+        command -v sudo >/dev/null || fail "not root, and no sudo: please install ${missing[*]}"
+        asRoot=(sudo)
+        sudo -v || fail "sudo refuses: please install ${missing[*]}"
+    fi
+    say "installing ${missing[*]}"
+    # Lists of packages that are not there, or too old, make the first attempt fail.
+    if ! attempt build/log/apt.log aptInstall "${missing[@]}"; then
+        quietly "${asRoot[@]}" apt-get update -q
+        quietly aptInstall "${missing[@]}"
+    fi
+    rm -f build/log/apt.log
+}
+
+# aptInstall PACKAGE...: for needPackages, whose asRoot it uses.
+aptInstall() {
+    "${asRoot[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends "$@"
+}

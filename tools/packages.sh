@@ -1,0 +1,11 @@
+# The packages that the project's scripts need; sourced by them.
+
+# To build the library and the examples.
+buildPackages=(cmake ninja-build g++ zlib1g-dev gzip)
+
+# To run the tests as well.
+testPackages=(
+    "${buildPackages[@]}"
+    clang clang-format clang-tidy libgtest-dev
+    g++-arm-linux-gnueabihf qemu-user googletest abigail-tools
+)
