@@ -4,4 +4,5 @@
 takeDownInterface() { # LIBRARY FILE
     abidw --headers-dir libsrc --drop-private-types --no-corpus-path --no-comp-dir-path --no-show-locs \
         --out-file "$2" "$1"
+    sed -i "s|path='[^']*/libsrc/|path='libsrc/|" "$2"
 }

@@ -17,7 +17,8 @@ namespace ParallelGzip {
 namespace {
 
 [[noreturn]] void fail(const char* action, const std::string& path, int error) {
-    throw std::system_error(error, std::generic_category(), std::string(action) + " " + path);
+    throw std::system_error(error, std::generic_category(),
+                            std::string(action) + " " + (path.empty() ? "a file without a name" : path));
 }
 
 // Waits until a descriptor can be read or written, which a regular file always can.
@@ -118,6 +119,9 @@ std::uint64_t InputFile::getSize() const noexcept {
 }
 
 OutputFile::OutputFile(const std::string& outputPath, const InputFile& input) : path(outputPath), target(outputPath) {
+    if (path.empty()) {
+        fail("cannot create", path, ENOENT);
+    }
     struct stat present {};
     const bool exists = ::stat(path.c_str(), &present) == 0;
     if (!exists && errno != ENOENT) {

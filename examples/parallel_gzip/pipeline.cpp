@@ -6,6 +6,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -27,7 +28,11 @@ class Crew {
 
     template <typename Work>
     void start(Work work) {
-        threads.emplace_back(std::move(work));
+        try {
+            threads.emplace_back(std::move(work));
+        } catch (const std::system_error& failure) {
+            throw std::system_error(failure.code(), "cannot start a thread");
+        }
     }
     void join() {
         for (std::thread& thread : threads) {

@@ -45,7 +45,7 @@ class GILVANE_EXPORT GVStdAllocator : public GVObject {
     GVStdAllocator(const GVStdAllocator&) noexcept = default;
     /// Rebinding copy: there is nothing to carry over.
     template <typename U>
-    GVStdAllocator(const GVStdAllocator<U>&) noexcept {}
+    GVStdAllocator(const GVStdAllocator<U>&) noexcept {} // NOLINT(google-explicit-constructor): containers convert
     GVStdAllocator& operator=(const GVStdAllocator&) noexcept = default;
     ~GVStdAllocator() override = default;
 

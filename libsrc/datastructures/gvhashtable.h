@@ -312,8 +312,8 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     /// full. References, entries and iterators die when it grows.
     /// @returns 2, always
     /// @throws GVException     kind gvoutofmemory: no memory for the larger slot array. The value is stored, and the
-    ///                         next insertion tries to grow again. In a table whose growth failed until no slot was left
-    ///                         empty, the search for an absent key does not end
+    ///                         next insertion tries to grow again. In a table whose growth failed until no slot was
+    ///                         left empty, the search for an absent key does not end
     /// @throws GVException     kind gvhashtablefailure: growth failed within itself; not reached while the invariants
     ///                         hold
     /// @throws std::bad_alloc  no memory for the exception's own texts; otherwise as kind gvoutofmemory
@@ -321,8 +321,8 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     int insert(const K& key, const V& value);
 
     /// Gives the table another slot array and stores every live key again: a building block of insert.
-    /// @param minUsed  keys that the new array must hold; the new size is the smallest power of two above it, at least 8.
-    ///                 Fewer than are live is misuse: the search for a free slot would not end
+    /// @param minUsed  keys that the new array must hold; the new size is the smallest power of two above it, at least
+    ///                 8. Fewer than are live is misuse: the search for a free slot would not end
     /// @returns 2 when done; 0 when nothing was done: the table was small and without deleted slots already, or 2^31 or
     ///          more keys were asked for; 1 when a key could not be stored again: the table then holds the keys stored
     ///          so far, and the former array is not released

@@ -26,7 +26,7 @@ constexpr const char* theSourceFile = "libsrc/utilities/gvmemorypool";
 // Wraps a new pool; should the pointer fail, the pool goes.
 GVSmartPointer<GVMemoryPool> share(std::unique_ptr<GVMemoryPool> pool) {
     GVSmartPointer<GVMemoryPool> pointer(pool.get(), true, true);
-    pool.release();
+    static_cast<void>(pool.release());
     return pointer;
 }
 

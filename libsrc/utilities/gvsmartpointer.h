@@ -181,7 +181,7 @@ GVSmartPointer<T> GVSmartPointer<T>::deepCopy() {
         } else {
             std::unique_ptr<T> guard(copy);
             GVSmartPointer pointer(copy, true, true);
-            guard.release();
+            static_cast<void>(guard.release());
             return pointer;
         }
     } else {

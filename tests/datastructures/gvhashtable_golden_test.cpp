@@ -1,5 +1,5 @@
-// Hashes, probing and growth are arithmetic of 32 bits and come out alike on every target: what one table of cases gives
-// is compared with golden_tables.txt, to the letter. The keys' types hash alike whatever the word size.
+// Hashes, probing and growth are arithmetic of 32 bits and come out alike on every target: what one table of cases
+// gives is compared with golden_tables.txt, to the letter. The keys' types hash alike whatever the word size.
 //
 // With GILVANE_RENEW_GOLDEN_FILES set in the environment the file is written instead, and the test is skipped.
 #include "gvtestpeer.h"

@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <iomanip>
+#include <ios>
+#include <ostream>
 #include <sstream>
 #include <streambuf>
 #include <string>
@@ -65,10 +68,6 @@ struct Point {
     int y;
 };
 std::ostream& operator<<(std::ostream& stream, const Point& point) { return stream << point.x << '|' << point.y; }
-
-struct PointHash {
-    unsigned int operator()(const Point& point) const { return static_cast<unsigned int>(point.x); }
-};
 
 void aFunction() {}
 

@@ -4,11 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdint>
-#include <iterator>
+#include <list>
 #include <new>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace Gilvane {
@@ -328,6 +330,17 @@ TEST(HashTableKeys, areListedInTheOrderOfTheirSlots) {
     //  slot                    0 1 2 3 4 5 6 7
     EXPECT_EQ(slotsOf(table), "0 9 . x . . . 1");
     EXPECT_EQ(asVector(table.get_keys()), Keys({0, 9, 1}));
+}
+
+TEST(HashTableKeys, followTheHistoryOfInsertionAsTheIteratorDoes) {
+    Table oneFirst;
+    oneFirst.insert(1, 0);
+    oneFirst.insert(9, 0);
+    EXPECT_EQ(asVector(oneFirst.get_keys()), Keys({1, 9}));
+    Table nineFirst;
+    nineFirst.insert(9, 0);
+    nineFirst.insert(1, 0);
+    EXPECT_EQ(asVector(nineFirst.get_keys()), Keys({9, 1}));
 }
 
 TEST(HashTableKeys, areNoneInAnEmptyTable) {

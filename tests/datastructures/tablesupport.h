@@ -9,10 +9,8 @@
 
 #include <gilvane/datastructures/gvhashtable.h>
 
-#include <cstdint>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace Gilvane {

@@ -5,7 +5,8 @@
 #   parallel_gzip_test.sh PROGRAM WORK_FOLDER
 set -uo pipefail
 
-program=$(realpath "$1")
+binary=$(realpath "$1")
+program=(timeout -k 5 60 "$binary") # should it hang, that is status 124
 work=$2
 rm -rf "$work"
 mkdir -p "$work"
@@ -34,7 +35,7 @@ contents() {
 roundTrip() {
     local what=$1 file=$2
     shift 2
-    if ! "$program" "$file" out.gz "$@" >stdout 2>stderr; then
+    if ! "${program[@]}" "$file" out.gz "$@" >stdout 2>stderr; then
         problem "$what: status is not 0: $(cat stderr)"
     elif ! gunzip -t out.gz 2>gunzip.err; then
         problem "$what: gunzip finds fault: $(cat gunzip.err)"
@@ -114,10 +115,10 @@ for file in files/*; do
     done
     rm -f out.gz first.gz
 done
-roundTrip "a program" "$program"
+roundTrip "a program" "$binary"
 roundTrip "a file that replaces another" files/mixed
 cp files/one_byte ./-dash
-"$program" -- -dash out.gz 2>stderr || problem "a name that begins with a dash: $(cat stderr)"
+"${program[@]}" -- -dash out.gz 2>stderr || problem "a name that begins with a dash: $(cat stderr)"
 gunzip -c out.gz | cmp - files/one_byte || problem "a name that begins with a dash: gunzip does not restore the file"
 rm -f ./-dash stderr
 rm -f out.gz
@@ -125,7 +126,7 @@ rm -f out.gz
 # Each chunk is a member of its own; an empty file is one empty member.
 members() { LC_ALL=C grep -aobP '\x1f\x8b\x08\x00\x00\x00\x00\x00\x00' "$1" | wc -l; }
 for expected in empty:1 one_chunk:1 one_chunk_less_a_byte:1 one_chunk_and_a_byte:2 three_chunks_of_zeros:3; do
-    "$program" "files/${expected%:*}" out.gz 2>/dev/null
+    "${program[@]}" "files/${expected%:*}" out.gz 2>/dev/null
     if [ "$(members out.gz)" != "${expected#*:}" ]; then
         problem "${expected%:*}: $(members out.gz) members instead of ${expected#*:}"
     fi
@@ -135,29 +136,29 @@ rm -f out.gz
 # --- what goes where --------------------------------------------------------------------------------------------------
 
 # Standard error gets one line of figures, standard output the dump of both pools if asked for, with every block.
-"$program" files/mixed out.gz --threads 2 >stdout 2>stderr
+"${program[@]}" files/mixed out.gz --threads 2 >stdout 2>stderr
 [ -s stdout ] && problem "without --dump there is something on standard output: $(head -c 200 stdout)"
 [ "$(wc -l <stderr)" = 1 ] || problem "not one line of figures but: $(cat stderr)"
 for figure in 'MB/s' 'ratio' 'blocks used: [1-8] of 8 for input and [1-8] of 8 for output'; do
     grep -q "$figure" stderr || problem "no \"$figure\" in the figures: $(cat stderr)"
 done
-"$program" --dump files/mixed out.gz --threads 2 >stdout 2>/dev/null
+"${program[@]}" --dump files/mixed out.gz --threads 2 >stdout 2>/dev/null
 [ "$(grep -o '<GVMemoryPool>' stdout | wc -l)" = 2 ] || problem "--dump does not write two <GVMemoryPool>"
 [ "$(grep -c '<GVHashTableEntry>' stdout)" = 16 ] || problem "--dump does not show 8 blocks in each pool"
 gunzip -c out.gz | cmp - files/mixed || problem "--dump spoils the file"
 rm -f stdout stderr out.gz
 
-"$program" files/mixed /dev/null 2>stderr || problem "/dev/null as output: $(cat stderr)"
+"${program[@]}" files/mixed /dev/null 2>stderr || problem "/dev/null as output: $(cat stderr)"
 [ -c /dev/null ] || problem "/dev/null was replaced"
-"$program" files/mixed /dev/stdout 2>stderr | gunzip -c | cmp - files/mixed || problem "through a pipe: $(cat stderr)"
-head -c 1G files/mixed | "$program" /dev/stdin out.gz 2>stderr || problem "from a pipe: $(cat stderr)"
+"${program[@]}" files/mixed /dev/stdout 2>stderr | gunzip -c | cmp - files/mixed || problem "through a pipe: $(cat stderr)"
+head -c 1G files/mixed | "${program[@]}" /dev/stdin out.gz 2>stderr || problem "from a pipe: $(cat stderr)"
 gunzip -c out.gz | cmp - files/mixed || problem "from a pipe: gunzip does not restore the file"
 rm -f stderr out.gz
 
 # A symbolic link stays one; the file it names is replaced.
 echo old >real.gz
 ln -s real.gz link.gz
-"$program" files/mixed link.gz 2>stderr || problem "link as output: $(cat stderr)"
+"${program[@]}" files/mixed link.gz 2>stderr || problem "link as output: $(cat stderr)"
 [ -L link.gz ] || problem "the link was replaced by the file"
 gunzip -c real.gz | cmp - files/mixed || problem "the file behind the link is not the new one"
 rm -f stderr real.gz link.gz
@@ -165,7 +166,7 @@ rm -f stderr real.gz link.gz
 # Nobody may read the output who may not read the input.
 cp files/one_byte secret
 chmod 600 secret
-"$program" secret out.gz 2>/dev/null
+"${program[@]}" secret out.gz 2>/dev/null
 [ "$(stat -c %a out.gz)" = 600 ] || problem "the output of a file with mode 600 has mode $(stat -c %a out.gz)"
 rm -f secret out.gz
 
@@ -175,37 +176,37 @@ for arguments in "" "files/mixed" "files/mixed kept.gz more" "files/mixed kept.g
     "files/mixed kept.gz --threads 0" "files/mixed kept.gz --threads 2x" "files/mixed kept.gz --threads -1" \
     "files/mixed kept.gz --threads 257" "files/mixed kept.gz --unknown"; do
     # shellcheck disable=SC2086 # the words are the arguments
-    refuses "wrong usage ($arguments)" "usage: parallel_gzip INPUT OUTPUT" "$program" $arguments
+    refuses "wrong usage ($arguments)" "usage: parallel_gzip INPUT OUTPUT" "${program[@]}" $arguments
 done
 
-refuses "missing input" "missing: No such file or directory" "$program" missing kept.gz
-refuses "empty name" "No such file or directory" "$program" "" kept.gz
-refuses "folder as input" "files: Is a directory" "$program" files kept.gz
-refuses "folder as output" "files: Is a directory" "$program" files/mixed files
-refuses "output in a missing folder" "missing/out.gz: No such file or directory" "$program" files/mixed missing/out.gz
-refuses "output below a file" "Not a directory" "$program" files/mixed files/mixed/out.gz
-refuses "output with no name" "No such file or directory" "$program" files/mixed ""
-refuses "same file" "same file" "$program" kept.gz kept.gz
+refuses "missing input" "missing: No such file or directory" "${program[@]}" missing kept.gz
+refuses "empty name" "No such file or directory" "${program[@]}" "" kept.gz
+refuses "folder as input" "files: Is a directory" "${program[@]}" files kept.gz
+refuses "folder as output" "files: Is a directory" "${program[@]}" files/mixed files
+refuses "output in a missing folder" "missing/out.gz: No such file or directory" "${program[@]}" files/mixed missing/out.gz
+refuses "output below a file" "Not a directory" "${program[@]}" files/mixed files/mixed/out.gz
+refuses "output with no name" "No such file or directory" "${program[@]}" files/mixed ""
+refuses "same file" "same file" "${program[@]}" kept.gz kept.gz
 ln files/mixed same
-refuses "same file under two names" "same file" "$program" files/mixed same
+refuses "same file under two names" "same file" "${program[@]}" files/mixed same
 rm same
 ln -s files/mixed same
-refuses "same file through a link" "same file" "$program" files/mixed same
+refuses "same file through a link" "same file" "${program[@]}" files/mixed same
 rm same
 
 # The first read fails while all the threads are waiting.
-refuses "read error" "cannot read /proc/self/mem: Input/output error" "$program" /proc/self/mem kept.gz
-refuses "read error, new output" "cannot read /proc/self/mem: Input/output error" "$program" /proc/self/mem new.gz
+refuses "read error" "cannot read /proc/self/mem: Input/output error" "${program[@]}" /proc/self/mem kept.gz
+refuses "read error, new output" "cannot read /proc/self/mem: Input/output error" "${program[@]}" /proc/self/mem new.gz
 
-refuses "full device" "/dev/full: No space left on device" "$program" files/incompressible /dev/full
-refuses "full device, empty file" "/dev/full: No space left on device" "$program" files/empty /dev/full
-stdout=/dev/full refuses "dump to a full device" "cannot write the dump" "$program" --dump files/mixed kept.gz
-stdout=/dev/full refuses "dump to a full device, new output" "cannot write the dump" "$program" --dump files/mixed new.gz
+refuses "full device" "/dev/full: No space left on device" "${program[@]}" files/incompressible /dev/full
+refuses "full device, empty file" "/dev/full: No space left on device" "${program[@]}" files/empty /dev/full
+stdout=/dev/full refuses "dump to a full device" "cannot write the dump" "${program[@]}" --dump files/mixed kept.gz
+stdout=/dev/full refuses "dump to a full device, new output" "cannot write the dump" "${program[@]}" --dump files/mixed new.gz
 
 # A limit on file sizes stands in for a disk that fills up while the output grows.
 limited() { (ulimit -f 1024 && exec "$@"); }
-refuses "output too large, former output" "kept.gz: File too large" limited "$program" files/incompressible kept.gz
-refuses "output too large, new output" "new.gz: File too large" limited "$program" files/incompressible new.gz
+refuses "output too large, former output" "kept.gz: File too large" limited "${program[@]}" files/incompressible kept.gz
+refuses "output too large, new output" "new.gz: File too large" limited "${program[@]}" files/incompressible new.gz
 
 # A disk of 1 MB, seen by one command only and gone with it.
 fullDisk() {
@@ -219,13 +220,15 @@ userNamespace=
 [ "$(id -u)" = 0 ] || userNamespace=yes
 if fullDisk true 2>/dev/null; then
     leaves() {
-        "$1" "$PWD/../files/incompressible" "$2" || { status=$?; find . -type f ! -name kept.gz; cat ./kept.gz; return $status; }
+        local output=$1
+        shift
+        "$@" ../files/incompressible "$output" || { status=$?; find . -type f ! -name kept.gz; cat ./kept.gz; return $status; }
     }
     export -f leaves
-    full=$(fullDisk bash -c 'echo before >kept.gz; leaves "$@"' - "$program" new.gz 2>stderr)
+    full=$(fullDisk bash -c 'echo before >kept.gz; leaves "$@"' - new.gz "${program[@]}" 2>stderr)
     [ "$?$full" = 1before ] || problem "full disk: status and what is left: $full"
     grep -q '^parallel_gzip: cannot write new.gz: No space left on device$' stderr || problem "full disk: $(cat stderr)"
-    full=$(fullDisk bash -c 'echo before >kept.gz; leaves "$@"' - "$program" kept.gz 2>stderr)
+    full=$(fullDisk bash -c 'echo before >kept.gz; leaves "$@"' - kept.gz "${program[@]}" 2>stderr)
     [ "$?$full" = 1before ] || problem "full disk, former output: status and what is left: $full"
     rm -f stderr
 else
@@ -238,18 +241,18 @@ unprivileged=()
 if [ "$(id -u)" = 0 ]; then
     unprivileged=(setpriv "--bounding-set=-dac_override,-dac_read_search")
 fi
-if "${unprivileged[@]}" test -x "$program" -a -w .; then
+if "${unprivileged[@]}" test -x "$binary" -a -w .; then
     echo secret >unreadable
     chmod 000 unreadable
-    refuses "unreadable input" "unreadable: Permission denied" "${unprivileged[@]}" "$program" unreadable kept.gz
+    refuses "unreadable input" "unreadable: Permission denied" "${unprivileged[@]}" "${program[@]}" unreadable kept.gz
     echo fixed >unwritable.gz
     chmod 444 unwritable.gz
     refuses "unwritable output" "unwritable.gz: Permission denied" \
-        "${unprivileged[@]}" "$program" files/mixed unwritable.gz
+        "${unprivileged[@]}" "${program[@]}" files/mixed unwritable.gz
     [ "$(cat unwritable.gz)" = fixed ] || problem "unwritable output: it was replaced"
     mkdir -m 555 closed
     refuses "output in an unwritable folder" "closed/out.gz: Permission denied" \
-        "${unprivileged[@]}" "$program" files/mixed closed/out.gz
+        "${unprivileged[@]}" "${program[@]}" files/mixed closed/out.gz
     rm -rf unreadable unwritable.gz closed
 else
     skip "permissions: they do not hold back this user here"
@@ -258,7 +261,7 @@ fi
 # A reader that goes away.
 mkfifo pipe
 head -c 1000 pipe >/dev/null &
-refuses "nobody reads the output any more" "pipe: Broken pipe" "$program" files/incompressible pipe
+refuses "nobody reads the output any more" "pipe: Broken pipe" "${program[@]}" files/incompressible pipe
 wait
 
 # A failure is told at once, even while the input has not ended and keeps the reader waiting: it gets one chunk and a bit
@@ -267,7 +270,7 @@ mkfifo late_input
 exec 3<>late_input
 head -c 150000 /dev/urandom >&3 &
 refuses "full device while input is late" "/dev/full: No space left on device" \
-    timeout 20 "$program" late_input /dev/full
+    "${program[@]}" late_input /dev/full
 wait
 exec 3>&-
 rm -f pipe late_input
@@ -278,7 +281,7 @@ rm -f pipe late_input
 hasUnfinishedFile() { [ -n "$(find . -name 'signalled.gz.part-*')" ]; }
 begin() {
     mkfifo pipe
-    env --default-signal=INT,TERM,HUP "$program" pipe "$@" 2>stderr &
+    env --default-signal=INT,TERM,HUP "$binary" pipe "$@" 2>stderr &
     running=$!
     exec 3>pipe
 }

@@ -242,6 +242,19 @@ TEST(PoolLocking, aPoolWithoutAMutexNeverLocks) {
     EXPECT_EQ(entries, Log{});
 }
 
+TEST(PoolLocking, aPoolWithoutAMutexTouchesNoHandleFromItsBeginningToItsEnd) {
+    const FreshLog log;
+    const Log entries = logOf([] {
+        GVMemoryPool pool(false);
+        EXPECT_EQ(GVTestPeer::mutexHandle(pool), nullptr);
+        pool.setNumberOfBytesInPoolObject(8);
+        pool.releaseObject(pool.getTokenForFreeMemoryObject());
+        pool.setNumberOfBytesInPoolObject(16);
+        EXPECT_EQ(GVTestPeer::mutexHandle(pool), nullptr);
+    });
+    EXPECT_EQ(entries, (Log{"factory made", "factory destroyed"}));
+}
+
 TEST(PoolLocking, theFlagDecidesNotTheHandle) {
     const FreshLog log;
     GVMemoryPool pool(2, 16, true);

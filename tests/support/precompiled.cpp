@@ -1,0 +1,1 @@
+// Holds nothing: the headers that tests share are compiled along with it.
