@@ -50,7 +50,8 @@ class GILVANE_EXPORT GVExceptionMessage : public GVObject {
 
 /// Every failure that the system itself detects, thrown by value. Exhaustion of raw memory is `std::bad_alloc` instead.
 ///
-/// It does not derive from `std::exception`: a handler names GVException itself.
+/// It does not derive from `std::exception`: a handler names GVException itself, by reference, since copies need
+/// memory.
 ///
 /// @par Thread safety
 ///   None needed: an exception belongs to the thread that handles it.

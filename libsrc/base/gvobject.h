@@ -12,11 +12,12 @@ namespace Gilvane {
 
 /// Takes a byte count and returns that many writable bytes, or null when no memory can be had.
 ///
-/// It must not throw, and must be callable from several threads at once. The alignment of what it returns decides the
-/// alignment of everything built on it: the user's bytes start one pointer after it.
+/// It must not throw: where storage is asked for without exceptions, as for blocks of a pool, a throw would end the
+/// program. It must be callable from several threads at once. The alignment of what it returns decides the alignment of
+/// everything built on it: the user's bytes start one pointer after it.
 using GVAllocatorFunction = void* (*)(unsigned int numberOfBytes);
 
-/// Takes back exactly what the GVAllocatorFunction returned that belongs to it.
+/// Takes back exactly what the GVAllocatorFunction returned that belongs to it, never null.
 ///
 /// It must not throw, and must be callable from several threads at once.
 using GVDeallocatorFunction = void (*)(void* block);
@@ -47,7 +48,8 @@ class GILVANE_EXPORT GVObject {
     /// after what the allocation function returned, whatever alignment that has.
     /// @param allocator    gives memory for every raw block from now on
     /// @param deallocator  takes back every raw block made from now on
-    /// @throws GVException kind gvinvalidstate when only one of the two is null; both hooks stay as they were
+    /// @throws GVException    kind gvinvalidstate when only one of the two is null; both hooks stay as they were
+    /// @throws std::bad_alloc no memory for the exception's own texts; likewise
     /// @par Threads        to be called while no other thread allocates
     static void SetAllocationHooks(GVAllocatorFunction allocator, GVDeallocatorFunction deallocator);
 

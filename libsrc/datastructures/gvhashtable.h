@@ -10,6 +10,7 @@
 #include <gilvane/base/gvstdallocator.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <limits>
@@ -253,17 +254,22 @@ GVHashTableEntry<K, V>* GVHashTableEntry_Iterator<K, V>::occupiedEntry() const {
 
 /// Maps keys to values in one open-addressing array of slots, the first of them inside the table itself.
 ///
-/// Up to five keys need no heap memory. Before two thirds of the slots are in use the table grows: fourfold below 30000
-/// live keys, twofold from there on. It never shrinks by itself.
+/// Up to five keys need no heap memory, as long as none is removed. When two thirds of the slots are occupied or
+/// deleted, an insertion gives the table a new size: four times its live keys below 30000 of them, twice from there on.
+/// That is more slots, or fewer where many keys were removed.
 ///
-///     key 0, then 8, then 16 in a table of 8 slots: each steps on from its home slot 0
+///     key 0, then 8, in a table of 8 slots: both have home slot 0, and 8 steps on
 ///     slot   0   1   2   3   4   5   6   7  | end
 ///     key    0   8   .   .   .   .   .   .  |  .
 ///                ^ 5 * 0 + 1 + 8, modulo 8
 ///
-/// @tparam K  key: copyable, with `==`
-/// @tparam V  value: copyable; value-initialised by `operator[]` and `clear`
-/// @tparam H  function object that gives the unsigned 32-bit hash of a key
+/// @tparam K  key: default-constructible, copyable and assignable, with `==`
+/// @tparam V  value: likewise, with `==` where tables are compared
+/// @tparam H  function object, const where it is called, that gives the unsigned 32-bit hash of a key
+///
+/// What the copies and comparisons of K and V throw passes through. A slot is written before it is counted, so a throw
+/// from storing a new key leaves the table as it was; one in the middle of a change of size loses the keys that were
+/// not yet carried over, and the former array.
 ///
 /// @par Invariants (after every completed insert)
 ///   1. theUsedCount <= theFillCount <= theMask
@@ -305,15 +311,15 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     Entry* lookup(const K& key, unsigned int hash) const;
 
     /// Stores without growing: a building block of insert.
-    /// @returns 2 when stored, 1 when there is no slot and the table must grow first
+    /// @returns 2 when stored; 1 only for a table that has no slot array
     int insert_helper(const K& key, const V& value);
 
     /// Stores a value under a key, overwriting the value that stood there, and grows the table when it is two thirds
     /// full. References, entries and iterators die when it grows.
     /// @returns 2, always
     /// @throws GVException     kind gvoutofmemory: no memory for the larger slot array. The value is stored, and the
-    ///                         next insertion tries to grow again. In a table whose growth failed until no slot was
-    ///                         left empty, the search for an absent key does not end
+    ///                         next insertion tries to grow again. In a table whose growth failed until every slot was
+    ///                         occupied, the search for an absent key does not end
     /// @throws GVException     kind gvhashtablefailure: growth failed within itself; not reached while the invariants
     ///                         hold
     /// @throws std::bad_alloc  no memory for the exception's own texts; otherwise as kind gvoutofmemory
@@ -322,7 +328,7 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
 
     /// Gives the table another slot array and stores every live key again: a building block of insert.
     /// @param minUsed  keys that the new array must hold; the new size is the smallest power of two above it, at least
-    ///                 8. Fewer than are live is misuse: the search for a free slot would not end
+    ///                 8. Where the live keys would fill that size or more, the search for a free slot does not end
     /// @returns 2 when done; 0 when nothing was done: the table was small and without deleted slots already, or 2^31 or
     ///          more keys were asked for; 1 when a key could not be stored again: the table then holds the keys stored
     ///          so far, and the former array is not released
@@ -335,15 +341,18 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     /// @returns its entry, or null
     Entry* get(const K& key) const;
 
-    /// The value under a key, which is added with a value-initialised V when it is absent.
-    /// @throws as insert, when the key is absent. The key then stays, if it was stored
+    /// The value under a key, which is added with a value-initialised V when it is not found.
+    /// @param key  not inside this table, whose slots may move
+    /// @throws             what insert throws, when the key is absent. The key then stays, if it was stored
+    /// @throws GVException kind gvhashtablefailure: the key is not found after it was stored, as one unequal to itself
     V& operator[](const K& key);
 
     /// Marks a key's slot deleted. The slot goes on counting towards growth, and the array stays as it is.
     /// @returns whether the key was found
     bool remove(const K& key);
 
-    /// Forgets everything and returns to 8 slots; no value is deleted.
+    /// Forgets everything and returns to 8 slots; no value is deleted. Keys of embedded slots stay there, unseen, until
+    /// they are overwritten.
     void clear();
 
     /// Live keys.
@@ -359,6 +368,7 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     KeyList get_keys() const;
 
     /// Whether both tables hold the same keys with values that are equal by V's `==`; sizes and order do not matter.
+    /// The other is asked for keys by this table's hash function and by its own; where these differ, so do the tables.
     bool operator==(const GVHashTable& other) const;
     bool operator!=(const GVHashTable& other) const { return !(*this == other); }
 
@@ -456,12 +466,13 @@ int GVHashTable<K, V, H>::insert_helper(const K& key, const V& value) {
         entry->theValue = value;
         return 2;
     }
-    if (entry->theState == gvemptyentry) {
-        ++theFillCount;
-    }
     entry->theKey = key;
     entry->theValue = value;
     entry->theHash = hash;
+    // From here on nothing throws.
+    if (entry->theState == gvemptyentry) {
+        ++theFillCount;
+    }
     entry->theState = gvoccupiedentry;
     ++theUsedCount;
     return 2;
@@ -559,11 +570,12 @@ unsigned int GVHashTable<K, V, H>::sizeAbove(unsigned int minUsed) {
     return size;
 }
 
-// Empty entries on the heap, or null. More bytes than 32 bits can count are refused here: the new-expression would
-// report them in its own way where size_t has 32 bits.
+// Empty entries on the heap, or null. More bytes than the hook or the language can count are refused here, since the
+// new-expression would report them in its own way.
 template <typename K, typename V, typename H>
 GVHashTableEntry<K, V>* GVHashTable<K, V, H>::makeArray(unsigned int numberOfEntries) {
-    if (numberOfEntries > std::numeric_limits<unsigned int>::max() / sizeof(Entry)) {
+    constexpr std::size_t mostBytes = std::min<std::size_t>(std::numeric_limits<unsigned int>::max(), PTRDIFF_MAX);
+    if (numberOfEntries > mostBytes / sizeof(Entry)) {
         return nullptr;
     }
     return new (std::nothrow) Entry[numberOfEntries];
@@ -576,8 +588,10 @@ GVHashTableEntry<K, V>* GVHashTable<K, V, H>::copyOfArray() const {
     if (copy == nullptr) {
         throw GVException("Unable to allocate space for new table.", theHashTableFile, __LINE__, gvoutofmemory, 0);
     }
-    if (theTable != nullptr) {
-        std::copy(theTable, theTable + theMask + 1, copy);
+    for (unsigned int slot = 0; theTable != nullptr && slot <= theMask; ++slot) {
+        if (theTable[slot].theState != gvemptyentry) { // the other fields of an empty slot may never have been set
+            copy[slot] = theTable[slot];
+        }
     }
     return copy;
 }
@@ -653,8 +667,11 @@ bool GVHashTable<K, V, H>::operator==(const GVHashTable& other) const {
     }
     for (Iterator position = begin(); position != end(); ++position) {
         const K& key = position.GetKey();
-        const Entry* const counterpart = other.lookup(key, hashOf(key));
-        if (!isOccupied(counterpart) || !(other.get(key)->theValue == *position)) {
+        if (!isOccupied(other.lookup(key, hashOf(key)))) {
+            return false;
+        }
+        const Entry* const counterpart = other.get(key);
+        if (counterpart == nullptr || !(counterpart->theValue == *position)) {
             return false;
         }
     }

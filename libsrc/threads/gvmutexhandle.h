@@ -13,7 +13,8 @@ namespace Gilvane {
 /// An exclusive lock for the threads of one process, seen through its operations only.
 ///
 /// Made by GVThreadsFactory::CreateUnnamedHandle or CreateUnnamedMutexHandle. A program that wants locks of another
-/// make derives from this class and links its own definitions of those two.
+/// make derives from this class, with operations that do not throw, and links its own definitions of all that
+/// gvthreadsfactory.h declares.
 ///
 /// @par Invariants
 ///   The virtual operations stand in this order: destructors, tryLock, lock, unlock. Programs rely on it.

@@ -39,8 +39,8 @@ GVMemoryPoolObject::GVMemoryPoolObject() : theBytes(nullptr), theLength(0), theT
 // The token is taken last, so that a block that could not be built uses none up.
 GVMemoryPoolObject::GVMemoryPoolObject(unsigned int length) {
     // A reader would expect a check that the header word can be added. There is none, by requirement: a length within a
-    // word of 2^32 wraps and gets a block too small for it. Watched by
-    // PoolObject.asksForItsLengthAndAHeaderWordModulo32Bits.
+    // word of 2^32 wraps and gets a block too small for it, on a 64-bit target even for the header word.
+    // Watched by PoolObject.asksForItsLengthAndAHeaderWordModulo32Bits.
     void* const bytes = allocateRawBlock(length);
     if (bytes == nullptr) {
         throw std::bad_alloc();
@@ -93,9 +93,8 @@ GVSmartPointer<GVMemoryPool> GVMemoryPool::initWithNumberOfObjects(unsigned int 
 }
 
 GVSmartPointer<GVMemoryPool> GVMemoryPool::initWithNumberOfObjectsAndSize(unsigned int numberOfObjects,
-                                                                          unsigned int bytesInEachObject,
-                                                                          bool useMutex) {
-    return share(std::unique_ptr<GVMemoryPool>(new GVMemoryPool(numberOfObjects, bytesInEachObject, useMutex)));
+                                                                          unsigned int bytesPerObject, bool useMutex) {
+    return share(std::unique_ptr<GVMemoryPool>(new GVMemoryPool(numberOfObjects, bytesPerObject, useMutex)));
 }
 
 GVMemoryPool::GVMemoryPool(bool useMutex) : GVMemoryPool(defaultNumberOfObjects, useMutex) {}
@@ -139,7 +138,9 @@ void GVMemoryPool::resizePool(unsigned int numberOfObjects) {
     auto tokens = memoryPool.get_keys();
     tokens.sort();
     // A reader would expect lent blocks to be spared, or their holders to be told. Neither happens, by requirement.
-    // Watched by PoolShrinking.removesTheHighestTokensEvenIfLent.
+    // Watched by PoolShrinking.removesTheHighestTokensEvenIfLent. Nor is a token that the table misses behind a deleted
+    // slot passed over: operator[] stores it again, with a null block, and the block it named stays until the pool
+    // goes.
     for (unsigned int removed = 0; removed < count - numberOfObjects; ++removed) {
         const unsigned int token = tokens.back();
         delete memoryPool[token];
@@ -150,7 +151,8 @@ void GVMemoryPool::resizePool(unsigned int numberOfObjects) {
 }
 
 // A reader would expect one lock around the whole. The check and the rebuilding lock each by itself, and what stands
-// between them does not, by requirement: another thread may borrow a block in the gap and lose it to the rebuilding.
+// between them, a race with other threads, does not, by requirement: another thread may also borrow a block in the gap
+// and lose it to the rebuilding.
 // Watched by PoolBlockSize.locksTheCheckAndTheRebuildingSeparately.
 void GVMemoryPool::setNumberOfBytesInPoolObject(unsigned int bytes) {
     if (numberOfObjectsInPoolInUse() != 0) {
@@ -183,8 +185,9 @@ unsigned int GVMemoryPool::getTokenForFreeMemoryObject() {
     }
     if (availableTokens.empty()) {
         // Growing takes the lock itself. A reader would expect the number of blocks to be read before the lock is
-        // released: it is read after, by requirement, so that two threads that find the list empty both grow the pool.
-        // Watched by TokenLending.readsTheNumberOfBlocksOutsideTheLock.
+        // released: it is read after, a race with other threads, by requirement. Two threads that find the list empty
+        // both act on the number they read: the later may do nothing, double the pool once more, shrink it or rebuild
+        // it. Watched by TokenLending.readsTheNumberOfBlocksOutsideTheLock.
         if (useMutexHandle) {
             theMutexHandle->unlock();
         }
@@ -213,7 +216,8 @@ void* GVMemoryPool::getMemoryForToken(unsigned int token) {
     GVMutex guard;
     lockIfShared(guard);
     // A reader would expect an unknown token to be refused. The table adds it, with a null block that is then read, by
-    // requirement. Watched by MisuseOfTokens.addsAnEntryForAnUnknownToken.
+    // requirement; so it does for a token that it misses behind a deleted slot, after a shrink.
+    // Watched by MisuseOfTokens.addsAnEntryForAnUnknownToken.
     return memoryPool[token]->getBytes();
 }
 

@@ -21,7 +21,7 @@ namespace Gilvane {
 /// @par Invariants
 ///   theBytes is null and theLength is 0, or theBytes is the user's address of a raw block of theLength bytes.
 /// @par Thread safety
-///   None; see takeNextToken about construction.
+///   None. Construction takes a token from one unguarded counter, so no two threads may construct blocks at once.
 /// @par Ownership
 ///   Owns its bytes.
 class GILVANE_EXPORT GVMemoryPoolObject : public GVObject {
@@ -30,7 +30,8 @@ class GILVANE_EXPORT GVMemoryPoolObject : public GVObject {
     GVMemoryPoolObject();
 
     /// A block with bytes, whose contents are not set.
-    /// @param length  bytes. The header word's are added modulo 2^32, without a check
+    /// @param length  bytes. The header word's are added modulo 2^32, without a check: with a length that wraps, the
+    ///                header word itself may not fit
     /// @throws std::bad_alloc no memory for the bytes; no token is used up
     explicit GVMemoryPoolObject(unsigned int length);
 
@@ -74,21 +75,22 @@ GILVANE_EXPORT std::ostream& operator<<(std::ostream& stream, const GVMemoryPool
 /// Owns blocks of one size and lends them by token.
 ///
 /// A borrower gets a token, asks for the block's address when it needs the bytes, and returns the token. The block
-/// returned last is lent first. A pool that has nothing left to lend doubles.
+/// returned or built last is lent first. A pool that has nothing left to lend doubles.
 ///
 /// Tokens are not checked: a token that was never lent, was returned twice or belongs to a block that is gone is
-/// misuse, and not noticed.
+/// misuse, and not noticed. A pool that was rebuilt lends such tokens itself; see makePool.
 ///
-/// @par Invariants
+/// @par Invariants (while tokens are used as they should be, and building never failed)
 ///   1. memoryPool maps the token of each block to the block; its number of keys is the pool's number of blocks
-///   2. while tokens are used as they should be and the pool was never rebuilt, availableTokens holds the token of each
-///      block that is not lent, once
+///   2. until the pool is rebuilt, availableTokens holds the token of each block that is not lent, once
 ///   3. theMutexHandle is null  <=>  useMutexHandle is false
 /// @par Thread safety
-///   A pool made with a mutex may be used by several threads at once, except for construction, destruction, copying,
-///   comparison, print and removeTokenFromAvailableList, which take no lock. Tokens come from a counter that all pools
-///   of the process share without a lock: threads that grow different pools at the same time need a lock of their own
-///   around that. Fill shared pools before the threads start.
+///   A pool made with a mutex may be used by several threads at once, with these exceptions. Construction, destruction,
+///   copying, comparison, print and removeTokenFromAvailableList take no lock. setNumberOfBytesInPoolObject writes the
+///   block size and reads the number of blocks outside the lock, and a loan that finds nothing to lend reads that
+///   number outside it too; these accesses are not synchronised with other threads that change the pool. Tokens come
+///   from a counter that all pools of the process share without a lock. So: fill shared pools before the threads start,
+///   and keep them from running dry.
 /// @par Ownership
 ///   Owns its blocks and its mutex handle. A copy, which is made member by member, holds the same blocks and the same
 ///   handle: only one of the two may ever be destroyed.
@@ -99,15 +101,16 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
 
     /// @name Construction inside a smart pointer
     /// As the constructors, with the pool owned by a pointer that has a lock of its own.
-    /// @throws whatever the constructor throws, or the pointer's; the pool is then released
+    /// @throws whatever the constructor throws, leaving what the constructor leaves; or the pointer's, after which the
+    ///         pool is deleted
     /// @{
     static GVSmartPointer<GVMemoryPool> init(bool useMutex);
     static GVSmartPointer<GVMemoryPool> initWithNumberOfObjects(unsigned int numberOfObjects, bool useMutex);
     static GVSmartPointer<GVMemoryPool> initWithNumberOfObjectsAndSize(unsigned int numberOfObjects,
-                                                                       unsigned int bytesInEachObject, bool useMutex);
+                                                                       unsigned int bytesPerObject, bool useMutex);
     /// @}
 
-    /// A pool that builds defaultNumberOfObjects blocks without bytes at its first loan.
+    /// A pool that builds defaultNumberOfObjects blocks without bytes at its first loan; see the next about 0.
     /// @param useMutex  whether operations lock
     /// @throws what GVThreadsFactory::CreateUnnamedHandle throws
     explicit GVMemoryPool(bool useMutex);
@@ -119,7 +122,7 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     GVMemoryPool(unsigned int numberOfObjects, bool useMutex);
 
     /// A pool with all its blocks built.
-    /// @param numberOfObjects    blocks
+    /// @param numberOfObjects    blocks. With 0 the first loan finds nothing to take, which is misuse
     /// @param bytesPerObject     bytes in each; with 0 the blocks have none
     /// @param useMutex           whether operations lock
     /// @throws what GVThreadsFactory::CreateUnnamedHandle throws, and what makePool throws. After the latter the mutex
@@ -135,7 +138,8 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
 
     /// Destroys every block, lent or not, and builds new ones.
     ///
-    /// Tokens in the free list stay there, dead, below the new ones; numberOfObjectsInPoolInUse counts them as free.
+    /// Tokens in the free list stay there, dead, below the new ones: numberOfObjectsInPoolInUse counts them as free,
+    /// and once the new ones are all lent, the pool lends the dead ones, which name no block, before it grows.
     /// @param numberOfObjects  blocks the pool shall hold
     /// @throws GVException     kind gvoutofmemory: no memory for a block or for the table. The blocks built so far stay
     ///                         in the pool, free to lend. The one being built is not lent: it stays, counting as in
@@ -149,12 +153,16 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     /// Grows or shrinks the pool to `numberOfObjects` blocks.
     ///
     /// Shrinking removes the blocks with the highest tokens, lent or not: a token lent out and removed is dead, and its
-    /// holder is not told.
+    /// holder is not told. Removed tokens leave deleted slots in the table, behind which a token that stays may,
+    /// rarely, no longer be found, although its block lives; see GVHashTable::lookup. A block that is not found while
+    /// shrinking stays, and the pool keeps that many more.
     /// @param numberOfObjects  blocks the pool shall hold
     /// @throws GVException     growing, kind gvoutofmemory: no memory for a block or for the table; as with makePool
     /// @throws std::bad_alloc  growing: as with makePool; shrinking: no memory for the list of tokens, before anything
-    ///                         has changed
-    /// @par Complexity  growing: linear in the new blocks; shrinking: removed blocks x free tokens
+    ///                         has changed. A token that is not found while shrinking is stored again, which may throw
+    ///                         what GVHashTable::insert throws; the tokens above it are then gone
+    /// @par Complexity  growing: linear in the new blocks; shrinking: removed blocks x free tokens, and slots, and
+    ///                  n log n for n blocks
     /// @par Threads     takes the pool's lock, when it has one, for its whole body
     void resizePool(unsigned int numberOfObjects);
 
@@ -162,8 +170,8 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     /// @param bytes  bytes in each block; with 0 the blocks have none
     /// @throws GVException kind gvinvalidstate while numberOfObjectsInPoolInUse is not 0; nothing has changed
     /// @throws             what makePool throws; the new size is then recorded already
-    /// @par Threads  the check and the rebuilding take the pool's lock, each by itself; the size is written in between
-    ///               without it, and a block borrowed in between is destroyed
+    /// @par Threads  the check and the rebuilding take the pool's lock, each by itself; in between the size is written
+    ///               and the number of blocks read without it, and a block borrowed in between is destroyed
     void setNumberOfBytesInPoolObject(unsigned int bytes);
 
     /// Blocks that are not in the free list. Wraps below 0 when the list holds more tokens than the pool has blocks, as
@@ -171,7 +179,7 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     /// @par Threads  takes the pool's lock, when it has one
     unsigned int numberOfObjectsInPoolInUse();
 
-    /// Takes a token out of the free list, where it stands first; does nothing when it does not.
+    /// Takes a token's first occurrence out of the free list; does nothing when there is none.
     /// @par Complexity  linear in the free tokens
     /// @par Threads     takes no lock: the caller holds it
     void removeTokenFromAvailableList(unsigned int token);
@@ -180,27 +188,31 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     /// @name Loans
     /// @{
 
-    /// Lends a block: the one returned last, or, of those never lent, the one built last. When none is left, the pool
-    /// first doubles, or builds its initial number of blocks if it has none.
+    /// Lends the block that was returned or built last. When none is left, the pool first doubles, or builds its
+    /// initial number of blocks if it has none.
     /// @returns the block's token
     /// @throws what makePool and resizePool throw; the pool is then as they leave it and nothing is lent
     /// @par Complexity  constant; linear in the blocks when the pool grows
-    /// @par Threads     takes the pool's lock, when it has one, twice when the pool grows: in between other threads may
-    ///                  grow it too, or take every new block, after which there is none to take, which is misuse
+    /// @par Threads     takes the pool's lock, when it has one. When the pool must grow it takes it three times, and
+    ///                  acts on a number of blocks read in between: meanwhile other threads may have grown the pool
+    ///                  too, so that this one doubles it once more, shrinks it to twice the number it read, lent blocks
+    ///                  included, or, having read 0, rebuilds it and destroys what another has just been lent; or they
+    ///                  may have taken every new block, after which there is none to take, which is misuse
     unsigned int getTokenForFreeMemoryObject();
 
     /// The address of a block's first byte; null in a pool whose blocks have none.
-    /// @param token  of a block of this pool, lent or not. Any other is misuse
-    /// @throws       for a token of another pool what GVHashTable::insert throws
+    /// @param token  of a block of this pool, lent or not. For one that is not found the table gains an entry without a
+    ///               block, what GVHashTable::insert throws passes, and the rest is misuse
     /// @par Complexity  constant on average
     /// @par Threads     takes the pool's lock, when it has one
     void* getMemoryForToken(unsigned int token);
 
     /// Takes a block back. Its bytes are left as they are.
-    /// @param token  lent by this pool and not yet returned. Any other is put into the free list like it
-    /// @throws std::bad_alloc  no memory for the free list; the token is not taken back. Not while tokens are used as
-    ///                         they should be: the list has had room for it before
-    /// @par Complexity  constant
+    /// @param token  lent by this pool, not yet returned, and its block still there. Any other is put into the free
+    ///               list like it
+    /// @throws std::bad_alloc  no memory for the free list, which gets room as tokens come back; the token is not taken
+    ///                         back, and may be returned again
+    /// @par Complexity  constant on average
     /// @par Threads     takes the pool's lock, when it has one
     void releaseObject(unsigned int token);
 

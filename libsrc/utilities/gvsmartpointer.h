@@ -36,7 +36,8 @@ struct GVHasStreamOperator<T, std::void_t<decltype(std::declval<std::ostream&>()
 ///
 /// @par Invariants
 ///   1. all four fields are null (an empty pointer), or object, refCount and ownObject are not null
-///   2. *refCount, where it exists, is the number of pointers that share the object, at least 1
+///   2. *refCount, where it exists, is the number of pointers that share the object, at least 1, less the shares given
+///      up by decrementRefCount
 /// @par Thread safety
 ///   Different pointers that share one object may be copied, assigned and destroyed by different threads at the same
 ///   time if the first of them was made with a lock. One pointer is for one thread at a time. Access to the object is
@@ -75,7 +76,8 @@ class GILVANE_EXPORT GVSmartPointer : public GVObject {
     /// A first sharer, owning and with a lock of its own, of a new copy of the object made with its copy constructor.
     ///
     /// A copied pool shares its blocks and its mutex handle with its source: only one of the two may ever be torn down.
-    /// No lock is taken; calling this on an empty pointer is misuse.
+    /// An object of a class derived from T is copied as a T. No lock is taken; calling this on an empty pointer is
+    /// misuse.
     /// @throws GVException kind gvinvalidstate when T cannot be copied
     /// @throws             whatever the copy constructor and the constructor of a pointer throw. The source is
     ///                     unchanged. A copied pool is then not released, since that would delete what the source holds
@@ -85,7 +87,8 @@ class GILVANE_EXPORT GVSmartPointer : public GVObject {
     /// @returns `stream`
     virtual std::ostream& print(std::ostream& stream) const;
 
-    /// Deletes the object if it is owned. Clears no field: decrementRefCount calls it for the last sharer.
+    /// Deletes the object if it is owned. Clears no field: decrementRefCount calls it for the last sharer. A class that
+    /// overrides it calls decrementRefCount in its own destructor: in this one's, the override is no longer there.
     virtual void deleteData();
 
     /// Gives up this share; the last one deletes the object, if owned, and both cells and the handle, and leaves this

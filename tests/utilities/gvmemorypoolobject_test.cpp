@@ -15,15 +15,6 @@
 #include <unistd.h>
 #include <vector>
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define GILVANE_TEST_SANITIZED
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define GILVANE_TEST_SANITIZED
-#endif
-
 namespace Gilvane {
 
 namespace {

@@ -243,6 +243,25 @@ TEST(SmartPointerDeepCopy, returnsThePoolsMemoryWhenTheTableCannotBeCopied) {
     EXPECT_EQ(Peer::table(*source).getUsedCount(), 6U);
 }
 
+TEST(SmartPointerDeepCopy, losesTheArrayThatTheCopiedTableHadGrownWhenItCannotGrowAgain) {
+    HookLedger ledger;
+    {
+        PoolPointer source = GVMemoryPool::initWithNumberOfObjectsAndSize(22, 16, true);
+        const std::size_t before = ledger.liveBlocks().size();
+
+        ledger.refuseOnce(2); // the pool and 32 slots are granted, 128 slots are not
+        expectGVException([&source] { source.deepCopy(); }, gvoutofmemory, "libsrc/datastructures/gvhashtable",
+                          "Unable to allocate space for new table.");
+
+        EXPECT_EQ(ledger.liveBlocks().size(), before + 1);
+        EXPECT_EQ(Peer::table(*source).getUsedCount(), 22U);
+    }
+    const std::vector<HookLedger::Block> lost = ledger.liveBlocks();
+    ASSERT_EQ(lost.size(), 1U);
+    EXPECT_GE(lost[0].bytes, 33 * sizeof(TokenTable::Entry) + rawBlockHeaderBytes);
+    ledger.reclaimLiveBlocks();
+}
+
 TEST(SmartPointerDeepCopy, throwsBadAllocAndReleasesTableAndPoolWhenTheTokensCannotBeCopied) {
     HookLedger ledger;
     PoolPointer source = GVMemoryPool::initWithNumberOfObjectsAndSize(6, 16, true);
