@@ -581,17 +581,15 @@ GVHashTableEntry<K, V>* GVHashTable<K, V, H>::makeArray(unsigned int numberOfEnt
     return new (std::nothrow) Entry[numberOfEntries];
 }
 
-// The slots of the current array, without the end slot, in a new array on the heap.
+// The slots of the current array, empty ones too, without the end slot, in a new array on the heap.
 template <typename K, typename V, typename H>
 GVHashTableEntry<K, V>* GVHashTable<K, V, H>::copyOfArray() const {
     Entry* const copy = makeArray(theMask + 2);
     if (copy == nullptr) {
         throw GVException("Unable to allocate space for new table.", theHashTableFile, __LINE__, gvoutofmemory, 0);
     }
-    for (unsigned int slot = 0; theTable != nullptr && slot <= theMask; ++slot) {
-        if (theTable[slot].theState != gvemptyentry) { // the other fields of an empty slot may never have been set
-            copy[slot] = theTable[slot];
-        }
+    if (theTable != nullptr) {
+        std::copy(theTable, theTable + theMask + 1, copy);
     }
     return copy;
 }
