@@ -2,12 +2,12 @@
 # What parallel_gzip promises: any file comes back from gunzip as it was, memory does not grow with the file, and
 # a run that fails says why in one line, ends with status 1 and leaves everything as it found it.
 #
-#   parallel_gzip_test.sh PROGRAM WORK_FOLDER
+#   parallel_gzip_test.sh WORK_FOLDER PROGRAM
 set -uo pipefail
 
-binary=$(realpath "$1")
+binary=$(realpath "$2")
 program=(timeout -k 5 60 "$binary") # should it hang, that is status 124
-work=$2
+work=$1
 rm -rf "$work"
 mkdir -p "$work"
 cd "$work" || exit 1

@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # The quickstart says what it does, and does it.
 #
-#   quickstart_test.sh PROGRAM WORK_FOLDER
+#   quickstart_test.sh WORK_FOLDER COMMAND...
 set -euo pipefail
-program=$1 work=$2
+work=$1
+shift
 rm -rf "$work"
 mkdir -p "$work"
 
-"$program" >"$work/output" || { echo "quickstart ended with status $?" >&2; exit 1; }
+"$@" >"$work/output" || { echo "quickstart ended with status $?" >&2; exit 1; }
 
 # The block built last is lent first; returned, it is lent again; the third loan grows the pool from 2 blocks to 4.
 diff - <(head -n 6 "$work/output") <<'END' || { echo "quickstart wrote something else" >&2; exit 1; }
