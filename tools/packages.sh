@@ -9,3 +9,12 @@ testPackages=(
     clang clang-format clang-tidy libgtest-dev
     g++-arm-linux-gnueabihf qemu-user googletest abigail-tools
 )
+
+# To count instructions.
+countPackages=("${buildPackages[@]}" valgrind python3)
+
+# To run the benchmarks.
+benchPackages=(
+    "${buildPackages[@]}"
+    libbenchmark-dev libboost1.81-dev libabsl-dev libmimalloc-dev gnuplot-nox python3 valgrind
+)

@@ -1,0 +1,56 @@
+/// @file
+/// What the benchmarks share: how they are named and registered, and small helpers.
+#ifndef GILVANE_BENCHMARKS_HARNESS_H
+#define GILVANE_BENCHMARKS_HARNESS_H
+
+#include <benchmark/benchmark.h>
+
+#include <string>
+#include <vector>
+
+/// What the command line asks for.
+struct Settings {
+    unsigned int largest = 10'000'000; // blocks or keys: no benchmark goes above
+    double secondsForOneShrink = 20;   // a shrink that is predicted to take longer is left out
+};
+
+/// @name Registration
+/// Each names its benchmarks "row/ID/SUBJECT/SIZE" or "curve/ID/SUBJECT/SIZE", which the report takes apart: a row has
+/// goals, a curve becomes a plot. SIZE is the number of blocks or keys. The rows are described in goals.json.
+/// @{
+void registerLending(const Settings& settings);
+void registerBuilding(const Settings& settings);
+void registerTables(const Settings& settings);
+void registerDumps(const Settings& settings);
+/// @}
+
+/// The name under which the report looks for a benchmark.
+inline std::string benchmarkName(const std::string& kindAndId, const char* subject, unsigned int size) {
+    return kindAndId + "/" + subject + "/" + std::to_string(size);
+}
+
+/// Says that one iteration of the benchmark is that many operations; without it, the report takes it for one.
+inline void setOperationsPerIteration(benchmark::State& state, double operations) {
+    state.counters["operations"] = operations;
+}
+
+/// 0 to `size` - 1 in a random order that is the same at each call.
+std::vector<unsigned int> randomOrder(unsigned int size);
+
+/// Gives back to the system what malloc keeps for later, so that what ran before leaves no mark on what comes.
+void tidyHeap();
+
+/// Makes the compiler take it that anything may have happened to the object, so that none of it stays in registers.
+template <typename T>
+void escape(T* object) {
+    benchmark::DoNotOptimize(object);
+    benchmark::ClobberMemory();
+}
+
+/// Writes to a block's first byte.
+inline void touch(void* block) { *static_cast<volatile char*>(block) = 1; }
+
+/// Seconds of the processor that this thread has used so far.
+double processorSeconds();
+
+#endif
