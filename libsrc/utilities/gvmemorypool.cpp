@@ -3,6 +3,7 @@
 #include <gilvane/base/gvdumpvalue.h>
 #include <gilvane/base/gvexception.h>
 #include <gilvane/base/gvrawblock.h>
+#include <gilvane/base/gvunguarded.h>
 #include <gilvane/threads/gvthreadsfactory.h>
 
 #include <algorithm>
@@ -28,6 +29,21 @@ GVSmartPointer<GVMemoryPool> share(std::unique_ptr<GVMemoryPool> pool) {
     GVSmartPointer<GVMemoryPool> pointer(pool.get(), true, true);
     static_cast<void>(pool.release());
     return pointer;
+}
+
+// A reader would expect this read to need the pool's lock. Both callers make it without, by requirement: the number may
+// be out of date when they act on it. Watched by TokenLending.readsTheNumberOfBlocksOutsideTheLock and
+// PoolBlockSize.rebuildsAsManyBlocksAsThereAreAfterTheCheck.
+template <typename Table>
+GILVANE_UNGUARDED unsigned int countWithoutLock(const Table& table) {
+    return table.getUsedCount();
+}
+
+// A reader would expect this write to need the pool's lock. It is made without, by requirement: a thread that builds
+// blocks meanwhile may build some of the old size and some of the new.
+// Watched by PoolBlockSize.isWrittenBetweenTheLockedSteps.
+GILVANE_UNGUARDED void setWithoutLock(unsigned int& bytesInEachObject, unsigned int bytes) {
+    bytesInEachObject = bytes;
 }
 
 } // namespace
@@ -78,7 +94,7 @@ std::ostream& GVMemoryPoolObject::print(std::ostream& stream) const {
 // A reader would expect an atomic counter or a lock: pools of different locks, or of none, share it. There is neither,
 // and neither is to be added; it wraps without a check for tokens still in use. This is required.
 // Watched by PoolObject.tokensGoOnFromZeroAfterTheLastOne.
-unsigned int GVMemoryPoolObject::takeNextToken() { return theNextToken++; }
+GILVANE_UNGUARDED unsigned int GVMemoryPoolObject::takeNextToken() { return theNextToken++; }
 
 std::ostream& operator<<(std::ostream& stream, const GVMemoryPoolObject& block) { return block.print(stream); }
 
@@ -159,8 +175,8 @@ void GVMemoryPool::setNumberOfBytesInPoolObject(unsigned int bytes) {
         constexpr const char* message = "Cannot change size of pool object memory while objects are still in use.";
         throw GVException(message, theSourceFile, __LINE__, gvinvalidstate, 0);
     }
-    bytesInEachObject = bytes;
-    makePool(memoryPool.getUsedCount());
+    setWithoutLock(bytesInEachObject, bytes);
+    makePool(countWithoutLock(memoryPool));
 }
 
 unsigned int GVMemoryPool::numberOfObjectsInPoolInUse() {
@@ -191,7 +207,7 @@ unsigned int GVMemoryPool::getTokenForFreeMemoryObject() {
         if (useMutexHandle) {
             theMutexHandle->unlock();
         }
-        const unsigned int count = memoryPool.getUsedCount();
+        const unsigned int count = countWithoutLock(memoryPool);
         if (count != 0) {
             resizePool(count * 2);
         } else {

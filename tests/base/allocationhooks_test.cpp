@@ -7,10 +7,12 @@
 
 #include <gtest/gtest.h>
 
+#include <malloc.h>
 #include <sys/resource.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -121,6 +123,9 @@ TEST(DefaultHooks, serveSeveralThreadsAtOnce) {
 
 namespace {
 
+// What the default allocation function adds in front, so that the byte after the header word is aligned.
+constexpr std::size_t padding = alignof(std::max_align_t) - rawBlockHeaderBytes;
+
 constexpr unsigned int largestRequest = std::numeric_limits<unsigned int>::max();
 
 // Leaves the process little address space beyond what it has, so that malloc refuses large requests. Where addresses
@@ -142,6 +147,25 @@ class ScarceAddressSpace {
 };
 
 } // namespace
+
+TEST(DefaultHooks, takeNoMoreFromMallocThanTheyNeed) {
+    for (unsigned int bytes = 1; bytes <= 100; ++bytes) {
+        void* const block = GVObject::GetAllocator()(bytes);
+        void* const asMuch = std::malloc(padding + bytes);
+        EXPECT_EQ(malloc_usable_size(static_cast<char*>(block) - padding), malloc_usable_size(asMuch)) << bytes;
+        std::free(asMuch);
+        GVObject::GetDeallocator()(block);
+    }
+}
+
+TEST(DefaultHooks, giveMemoryBackToMalloc) {
+    constexpr unsigned int bytes = 64U << 20; // more than malloc ever takes from its heap
+    const std::size_t mapped = mallinfo2().hblkhd;
+    void* const block = GVObject::GetAllocator()(bytes);
+    EXPECT_GT(mallinfo2().hblkhd, mapped);
+    GVObject::GetDeallocator()(block);
+    EXPECT_EQ(mallinfo2().hblkhd, mapped);
+}
 
 TEST(DefaultHooks, returnNullWhenMemoryIsExhausted) {
     const ScarceAddressSpace scarcity;

@@ -34,6 +34,22 @@ struct Mortal {
     int& theDeaths;
 };
 
+/// Throws an int when it is told to refuse and then overwritten.
+struct Unforgettable {
+    static bool& refuses() {
+        static bool theRefusal = false;
+        return theRefusal;
+    }
+    Unforgettable() = default;
+    Unforgettable(const Unforgettable&) = default;
+    Unforgettable& operator=(const Unforgettable&) {
+        if (refuses()) {
+            throw 0;
+        }
+        return *this;
+    }
+};
+
 /// Never gives the same hash twice.
 struct UnsteadyHash {
     static unsigned int& next() {
@@ -219,6 +235,8 @@ TEST(HashTable, comparesTheStoredHashAtTheHomeSlot) {
     //  slot                    0 1 2 3 4 5 6 7
     EXPECT_EQ(slotsOf(table), ". 4 . . 4 . . .");
     EXPECT_EQ(table.get(4)->theValue, 41);
+    EXPECT_EQ(slotOf(table, table.lookup(4, 12)), 4U);
+    EXPECT_NE(slotOf(table, table.lookup(4, 20)), 4U) << "a greater hash than the stored one is another hash too";
 }
 
 TEST(HashTable, comparesTheKeyAtTheHomeSlotToo) {
@@ -353,6 +371,7 @@ TEST(HashTable, aDeletedHomeSlotIsPreferredToADeletedSlotPastIt) {
     //  slot                    0 1 2 3 4 5 6 7
     EXPECT_EQ(slotsOf(table), "x x . . . . . .");
     EXPECT_EQ(slotOf(table, table.lookup(16, 16)), 0U);
+    EXPECT_EQ(slotOf(table, table.lookup(8, 8)), 0U) << "even by the key that the slot past it held";
 }
 
 TEST(HashTable, aDeletedSlotPastTheHomeSlotEndsTheSearch) {
@@ -514,6 +533,24 @@ TEST(HashTableClear, tellsAHeapArrayByTheSizeAlone) {
         EXPECT_EQ(ledger.liveBlocks().size(), 1U);
     }
     EXPECT_EQ(ledger.reclaimLiveBlocks(), 1U);
+}
+
+TEST(HashTableClear, isDoneButForTheValuesWhenOneCannotBeForgotten) {
+    HookLedger ledger;
+    GVHashTable<unsigned int, Unforgettable> table;
+    for (unsigned int key = 0; key < 6; ++key) {
+        table.insert(key, {});
+    }
+    table.resize(63);
+    GVTestPeer::smallSlots(table)[0].theState = gvdeletedentry;
+    Unforgettable::refuses() = true;
+    EXPECT_THROW(table.clear(), int);
+    Unforgettable::refuses() = false;
+    EXPECT_TRUE(ledger.liveBlocks().empty());
+    EXPECT_EQ(table.getUsedCount(), 0U);
+    EXPECT_EQ(GVTestPeer::mask(table), 7U);
+    EXPECT_EQ(GVTestPeer::slots(table), GVTestPeer::smallSlots(table));
+    EXPECT_EQ(GVTestPeer::smallSlots(table)[0].theState, gvemptyentry);
 }
 
 TEST(HashTableClear, bringsATableBackThatHasNoSlotArray) {

@@ -41,6 +41,12 @@ struct RoundedValue {
     }
 };
 
+/// Hashes a key to itself and what this function object was told to add.
+struct ShiftingHash {
+    unsigned int operator()(unsigned int key) const { return key + theShift; }
+    unsigned int theShift = 0;
+};
+
 using LoggedTable = GVHashTable<unsigned int, int, LoggingHash>;
 
 /// A table with the given keys, each its own value, whose hash function bears a name.
@@ -307,6 +313,18 @@ TEST(HashTableEquality, looksUpWithItsOwnHashAndGetsWithTheOthers) {
     LoggingHash::log().clear();
     EXPECT_TRUE(one == other);
     EXPECT_EQ(LoggingHash::log(), LoggedCalls({"one:1", "other:1", "one:2", "other:2"}));
+}
+
+TEST(HashTableEquality, failsForAKeyThatTheOthersOwnHashFunctionDoesNotFind) {
+    GVHashTable<unsigned int, int, ShiftingHash> one;
+    GVHashTable<unsigned int, int, ShiftingHash> other;
+    insertKeys(one, 1, 1);
+    insertKeys(other, 1, 1);
+    EXPECT_TRUE(one == other);
+    GVTestPeer::hashFunction(other).theShift = 3; // looks for key 1 in slot 4 from now on
+    ASSERT_NE(other.lookup(1, 1)->theState, gvemptyentry) << "the hash function of the one finds it";
+    EXPECT_FALSE(one == other);
+    EXPECT_FALSE(other == one);
 }
 
 TEST(HashTableEquality, stopsAtTheFirstAbsentKey) {

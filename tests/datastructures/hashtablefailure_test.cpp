@@ -7,6 +7,7 @@
 
 #include <deque>
 #include <new>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,51 @@ struct Stage {
 };
 
 using Calls = std::vector<std::string>;
+
+/// A key or value whose copies can be made to fail.
+struct Brittle {
+    struct Failure {};
+
+    Brittle() = default;
+    Brittle(unsigned int initialNumber)
+        : number(initialNumber) {} // NOLINT(google-explicit-constructor): keys by number
+    Brittle(const Brittle& other) : number(other.number) { countCopy(); }
+    Brittle& operator=(const Brittle& other) {
+        countCopy();
+        number = other.number;
+        return *this;
+    }
+    ~Brittle() = default;
+    bool operator==(const Brittle& other) const { return number == other.number; }
+
+    /// Copies that succeed before one fails; below 0 none fails.
+    static int& copiesLeft() {
+        static int theCopies = -1;
+        return theCopies;
+    }
+
+    unsigned int number = 0;
+
+  private:
+    static void countCopy() {
+        if (copiesLeft() >= 0 && copiesLeft()-- == 0) {
+            throw Failure();
+        }
+    }
+};
+std::ostream& operator<<(std::ostream& stream, const Brittle& brittle) { return stream << brittle.number; }
+struct BrittleHash {
+    unsigned int operator()(const Brittle& key) const { return key.number; }
+};
+using BrittleTable = GVHashTable<Brittle, Brittle, BrittleHash>;
+
+/// Runs an operation of a table and expects that copy to fail in it, counted from 0.
+template <typename Operation>
+void expectCopyToFail(int copiesBefore, Operation operation) {
+    Brittle::copiesLeft() = copiesBefore;
+    EXPECT_THROW(operation(), Brittle::Failure);
+    Brittle::copiesLeft() = -1;
+}
 
 } // namespace
 
@@ -228,6 +274,107 @@ TEST(HashTableInsertion, spellsItsThreeFailuresInThreeWays) {
     EXPECT_EQ(messageOf({1, 0}), "Error ocurred while resizing table.");
     EXPECT_EQ(messageOf({0}), "Error occurred while inserting.");
     EXPECT_EQ(messageOf({2, 0}), "Error occured while resizing table.");
+}
+
+// Copies that throw: the first is the key's, the second the value's.
+
+TEST(HashTableInsertion, leavesTheTableAsItWasWhenACopyForAnEmptySlotFails) {
+    for (const int copiesBefore : {0, 1}) {
+        BrittleTable table;
+        table.insert(1U, 10U);
+        const std::string before = stateOf(table);
+        expectCopyToFail(copiesBefore, [&table] { table.insert(2U, 20U); });
+        EXPECT_EQ(stateOf(table), before) << copiesBefore;
+        EXPECT_EQ(table.get(2U), nullptr);
+    }
+}
+
+TEST(HashTableInsertion, leavesADeletedSlotDeletedWhenACopyForItFails) {
+    for (const int copiesBefore : {0, 1}) {
+        BrittleTable table;
+        table.insert(1U, 10U);
+        table.insert(2U, 20U);
+        table.remove(1U);
+        const std::string before = stateOf(table);
+        expectCopyToFail(copiesBefore, [&table] { table.insert(9U, 90U); });
+        //  slot                    0 1 2 3 4 5 6 7
+        EXPECT_EQ(slotsOf(table), ". x 2 . . . . .");
+        EXPECT_EQ(stateOf(table), before) << copiesBefore;
+        EXPECT_EQ(GVTestPeer::fillCount(table), 2U);
+        EXPECT_EQ(table.getUsedCount(), 1U);
+    }
+}
+
+TEST(HashTableInsertion, keepsTheFormerValueWhenACopyForAReplacementFails) {
+    for (const int copiesBefore : {0, 1}) {
+        BrittleTable table;
+        table.insert(1U, 10U);
+        const std::string before = stateOf(table);
+        expectCopyToFail(copiesBefore, [&table] { table.insert(1U, 11U); });
+        EXPECT_EQ(stateOf(table), before) << copiesBefore;
+        ASSERT_NE(table.get(1U), nullptr);
+        EXPECT_EQ(table.get(1U)->theValue.number, 10U);
+    }
+}
+
+TEST(HashTableInsertion, doesNotGrowWhenACopyFails) {
+    HookLedger ledger;
+    BrittleTable table;
+    for (unsigned int key = 0; key < 5; ++key) {
+        table.insert(key, key);
+    }
+    expectCopyToFail(1, [&table] { table.insert(5U, 50U); });
+    EXPECT_EQ(GVTestPeer::fillCount(table), 5U);
+    EXPECT_EQ(ledger.allocationCount(), 0U);
+}
+
+TEST(HashTableInsertion, succeedsAfterACopyFailed) {
+    BrittleTable table;
+    expectCopyToFail(1, [&table] { table.insert(1U, 10U); });
+    EXPECT_EQ(table.insert(1U, 10U), 2);
+    //  slot                    0 1 2 3 4 5 6 7
+    EXPECT_EQ(slotsOf(table), ". 1 . . . . . .");
+    EXPECT_EQ(table.getUsedCount(), 1U);
+    EXPECT_EQ(GVTestPeer::fillCount(table), 1U);
+    EXPECT_EQ(table.get(1U)->theHash, 1U);
+}
+
+TEST(HashTableSubscript, addsNothingWhenACopyFails) {
+    for (const int copiesBefore : {0, 1}) {
+        BrittleTable table;
+        table.insert(1U, 10U);
+        const std::string before = stateOf(table);
+        expectCopyToFail(copiesBefore, [&table] { table[2U]; });
+        EXPECT_EQ(stateOf(table), before) << copiesBefore;
+        EXPECT_EQ(table.get(2U), nullptr);
+    }
+}
+
+TEST(HashTableSubscript, copiesNothingForAPresentKey) {
+    BrittleTable table;
+    table.insert(1U, 10U);
+    Brittle::copiesLeft() = 0;
+    EXPECT_EQ(table[1U].number, 10U);
+    Brittle::copiesLeft() = -1;
+}
+
+TEST(HashTableResize, losesTheKeysNotYetCarriedOverAndTheFormerArrayWhenACopyFails) {
+    HookLedger ledger;
+    {
+        BrittleTable table;
+        table.resize(8);
+        for (const unsigned int key : {1U, 2U, 3U}) {
+            table.insert(key, key * 10);
+        }
+        expectCopyToFail(3, [&table] { table.resize(16); }); // the value of the second key
+        EXPECT_EQ(GVTestPeer::mask(table), 31U);
+        EXPECT_EQ(keysOf(table), "1");
+        EXPECT_EQ(table.getUsedCount(), 1U);
+        EXPECT_EQ(GVTestPeer::fillCount(table), 1U);
+        EXPECT_EQ(ledger.releaseCount(), 0U);
+    }
+    EXPECT_EQ(ledger.releaseCount(), 1U) << "the new array, with its table";
+    EXPECT_EQ(ledger.reclaimLiveBlocks(), 1U) << "the former array";
 }
 
 } // namespace Gilvane

@@ -100,6 +100,16 @@ TEST(HashTableGrowth, happensExactlyWhenTwoThirdsOfTheSlotsAreFilled) {
     EXPECT_NE(table.get(89999), nullptr);
 }
 
+TEST(HashTableGrowth, happensAtOneFilledSlotOverTwoThirdsWhereThatIsNoWholeNumber) {
+    Table table;
+    ASSERT_EQ(table.resize(8), 2);
+    ASSERT_EQ(GVTestPeer::mask(table), 15U);
+    insertKeys(table, 0, 10); // 10 * 3 < 16 * 2
+    EXPECT_EQ(GVTestPeer::mask(table), 15U);
+    table.insert(10, 10); // 11 * 3 is one above
+    EXPECT_EQ(GVTestPeer::mask(table), 63U);
+}
+
 TEST(HashTableGrowth, asksForFourTimesTheLiveKeys) {
     EXPECT_EQ(sizeGrownTo(3), 16U);         // 12
     EXPECT_EQ(sizeGrownTo(4), 32U);         // 16: the new size lies above it

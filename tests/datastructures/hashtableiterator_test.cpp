@@ -92,6 +92,12 @@ TEST(HashTableIterator, refusesEveryOperationWhenNotReadyEachWithItsOwnMessage) 
     expectMisuse(iterator, dereference, "Iterator not ready to dereference.");
 }
 
+TEST(HashTableIterator, isNotReadyRatherThanAtTheEndWhenBothHold) {
+    const Iterator iterator = GVTestPeer::iteratorOn<unsigned int, int>(nullptr, 1, 0);
+    expectMisuse(iterator, increment, "Iterator not ready to increment.");
+    expectMisuse(iterator, dereference, "Iterator not ready to dereference.");
+}
+
 TEST(HashTableIterator, beginsAtTheEndOfAnEmptyTable) {
     const Table table;
     Iterator iterator = table.begin();
@@ -291,7 +297,9 @@ TEST(HashTableIterator, isEqualOnTheSameSlotOfTheSameArrayOnly) {
     EXPECT_FALSE(iterator != GVTestPeer::iteratorOn(GVTestPeer::slots(table), 9, 2));
     EXPECT_FALSE(iterator == GVTestPeer::iteratorOn(GVTestPeer::slots(table), 9, 3));
     EXPECT_TRUE(iterator != GVTestPeer::iteratorOn(GVTestPeer::slots(table), 9, 3));
+    EXPECT_FALSE(GVTestPeer::iteratorOn(GVTestPeer::slots(table), 9, 3) == iterator);
     EXPECT_FALSE(iterator == GVTestPeer::iteratorOn(GVTestPeer::slots(table), 8, 2));
+    EXPECT_FALSE(GVTestPeer::iteratorOn(GVTestPeer::slots(table), 8, 2) == iterator);
     const Table other;
     EXPECT_FALSE(iterator == GVTestPeer::iteratorOn(GVTestPeer::slots(other), 9, 2));
     EXPECT_TRUE(Iterator() == Iterator());

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <new>
 #include <ostream>
 #include <string>
@@ -336,6 +337,15 @@ TEST(HashTableResize, resetsTheStateOfTheEmbeddedSlotsAlone) {
     EXPECT_EQ(GVTestPeer::slots(table)[1].theValue, 1);
 }
 
+TEST(HashTableResize, resetsTheLastEmbeddedSlotToo) {
+    Table table;
+    insertKeys(table, 6, 2);
+    table.remove(7);
+    EXPECT_EQ(table.resize(7), 2);
+    //  slot                    0 1 2 3 4 5 6 7
+    EXPECT_EQ(slotsOf(table), ". . . . . . 6 .");
+}
+
 TEST(HashTableResize, neverWritesTheEmbeddedEndSlot) {
     Table table;
     Table::Entry& endSlot = GVTestPeer::smallSlots(table)[8];
@@ -555,6 +565,26 @@ TEST(HashTableResize, countsASizeThatNoBlockCanHaveAsExhaustion) {
     expectTableException([&table] { table.resize(2147483647U); }, gvoutofmemory, noMemoryMessage, 1);
     EXPECT_EQ(ledger.refusedCount(), 0U) << "the allocation function is not asked";
     EXPECT_EQ(stateOf(table), before);
+}
+
+TEST(HashTableResize, countsAnArrayThatTheLanguageCannotMeasureAsExhaustion) {
+    HookLedger ledger;
+    Table table;
+    insertKeys(table, 0, 3);
+    const std::string before = stateOf(table);
+    // The hook could be asked for so many bytes, but where a difference of pointers has 32 bits no array is as large.
+    constexpr unsigned int slots = 134217728;
+    constexpr std::size_t mostBytes = std::numeric_limits<unsigned int>::max();
+    static_assert(slots > (mostBytes / 2) / sizeof(Table::Entry) && slots < mostBytes / sizeof(Table::Entry),
+                  "more than half of what 32 bits can count, and less than all");
+    constexpr bool isMeasurable = sizeof(std::ptrdiff_t) > sizeof(unsigned int);
+    if (isMeasurable) {
+        ledger.refuseOnce(0);
+    }
+    expectTableException([&table] { table.resize(slots - 1); }, gvoutofmemory, noMemoryMessage, 1);
+    EXPECT_EQ(ledger.refusedCount(), isMeasurable ? 1U : 0U) << "asked for the array or not";
+    EXPECT_EQ(stateOf(table), before);
+    EXPECT_TRUE(ledger.liveBlocks().empty());
 }
 
 TEST(HashTableResize, doesNothingWhenItsSizeWouldNotFitIn32Bits) {

@@ -158,6 +158,14 @@ TEST(MutexCreation, refusesATrueFlag) {
     }
 }
 
+TEST(MutexCreation, looksAtTheKindBeforeTheFlag) {
+    for (const Maker& maker : makers) {
+        SCOPED_TRACE(maker.name);
+        expectGVException([&] { delete maker.create(static_cast<_gvmutex>(0), true); }, gvinvalidstate, sourceFile,
+                          "Unknown kind of mutex.");
+    }
+}
+
 TEST(MutexCreation, reportsAPosixFailureAndLeavesNothingBehind) {
     for (const Maker& maker : makers) {
         SCOPED_TRACE(maker.name);

@@ -120,6 +120,7 @@ TEST(PoolComparison, poolsOfTheSameBlocksAndAnotherSizeAreUnequal) {
     const Copy holder(pool);
     GVTestPeer::bytesInEachObject(*holder) = 17;
     EXPECT_FALSE(pool == *holder);
+    EXPECT_FALSE(*holder == pool);
     EXPECT_TRUE(pool != *holder);
 }
 

@@ -193,6 +193,35 @@ TEST(TokenReturn, withoutMemoryForTheFreeListTakesNothingBack) {
     EXPECT_EQ(GVTestPeer::freeTokens(pool), before);
 }
 
+TEST(TokenReturn, toAPoolThatGrewByLoansMayFindNoMemoryAndMayBeRepeated) {
+    HookLedger ledger;
+    GVMemoryPool pool(2, 16, false);
+    const std::vector<unsigned int> tokens = borrow(pool, 4); // the free list never held more than two
+    pool.releaseObject(tokens[0]);
+    pool.releaseObject(tokens[1]);
+    ledger.refuseFrom(0);
+    EXPECT_THROW(pool.releaseObject(tokens[2]), std::bad_alloc);
+    ledger.refuseNothing();
+    EXPECT_EQ(GVTestPeer::freeTokens(pool), (Tokens{tokens[0], tokens[1]}));
+    EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 2U);
+    EXPECT_NE(pool.getMemoryForToken(tokens[2]), nullptr);
+    pool.releaseObject(tokens[2]);
+    EXPECT_EQ(GVTestPeer::freeTokens(pool), (Tokens{tokens[0], tokens[1], tokens[2]}));
+    EXPECT_EQ(pool.getTokenForFreeMemoryObject(), tokens[2]);
+}
+
+TEST(TokenReturn, unlocksThePoolWhenTheFreeListFindsNoMemory) {
+    HookLedger ledger;
+    GVMemoryPool pool(2, 16, true);
+    const std::vector<unsigned int> tokens = borrow(pool, 3);
+    pool.releaseObject(tokens[0]);
+    ledger.refuseFrom(0);
+    EXPECT_THROW(pool.releaseObject(tokens[1]), std::bad_alloc);
+    ledger.refuseNothing();
+    ASSERT_TRUE(GVTestPeer::mutexHandle(pool)->tryLock());
+    GVTestPeer::mutexHandle(pool)->unlock();
+}
+
 TEST(PoolInUse, countsTheBlocksThatAreLent) {
     GVMemoryPool pool(5, 16, false);
     EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 0U);

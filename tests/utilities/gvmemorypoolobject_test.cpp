@@ -246,11 +246,13 @@ TEST(PoolObject, doesNotEqualAnotherThatDiffersInOneField) {
     const GVMemoryPoolObject one;
     GVMemoryPoolObject other;
     EXPECT_FALSE(one == other); // token
+    EXPECT_FALSE(other == one);
 
     GVTestPeer::token(other) = one.getToken();
     EXPECT_TRUE(one == other);
     GVTestPeer::length(other) = 1;
     EXPECT_FALSE(one == other);
+    EXPECT_FALSE(other == one);
     EXPECT_TRUE(one != other);
     GVTestPeer::length(other) = 0;
     GVTestPeer::bytes(other) = &other;

@@ -295,6 +295,17 @@ TEST(SmartPointer, givesUpItsShareWhenOnlyTheCountIsThere) {
     EXPECT_EQ(count, 1U);
 }
 
+TEST(SmartPointer, leavesTheFlagAloneWhenOnlyThatIsThere) {
+    bool owned = true;
+    const HookLedger ledger;
+    {
+        Pointer pointer;
+        Peer::ownObject(pointer) = &owned;
+    }
+    EXPECT_TRUE(owned);
+    EXPECT_EQ(ledger.releaseCount(), 0U);
+}
+
 // Giving up a share
 
 TEST(SmartPointerDecrement, ofTheLastShareEmptiesThePointer) {

@@ -130,6 +130,28 @@ TEST(PoolLocking, makePoolLocksOnce) {
     EXPECT_EQ(logOf([&] { pool.makePool(0); }), lockedOnce);
 }
 
+TEST(PoolLocking, makePoolDestroysAndBuildsUnderTheLock) {
+    const FreshLog log;
+    const HookLedger ledger;
+    GVMemoryPool pool(3, 16, true);
+    const std::size_t releasesBefore = ledger.releaseCount();
+    const std::size_t allocationsBefore = ledger.allocationCount();
+    std::vector<std::size_t> releases;
+    std::vector<std::size_t> allocations;
+    watch([&](const std::string&) {
+        releases.push_back(ledger.releaseCount());
+        allocations.push_back(ledger.allocationCount());
+    });
+    pool.makePool(2);
+    ThreadsLog::observer() = nullptr;
+    const std::size_t releasesAfter = ledger.releaseCount();
+    const std::size_t allocationsAfter = ledger.allocationCount();
+    EXPECT_GE(releasesAfter, releasesBefore + 6); // three blocks with their bytes
+    EXPECT_EQ(releases, (std::vector<std::size_t>{releasesBefore, releasesAfter}));
+    EXPECT_GE(allocationsAfter, allocationsBefore + 4);
+    EXPECT_EQ(allocations, (std::vector<std::size_t>{allocationsBefore, allocationsAfter}));
+}
+
 TEST(PoolLocking, resizePoolLocksOnceWhicheverWayItGoes) {
     const FreshLog log;
     GVMemoryPool pool(3, 16, true);

@@ -1,0 +1,224 @@
+#!/usr/bin/env python3
+"""Unites what several programs cover of the same sources, and is the gate that must find nothing left.
+
+usage: evaluate.py ROOT EXCLUSIONS SOURCE... [--result FILE] -- EXPORT...
+
+SOURCE is a file below ROOT; EXPORT is what `llvm-cov export` writes of one program.
+
+A place of a source stands for itself, however often it was compiled: in several programs, and as part of several
+instantiations of a template. It is covered when it is covered in one of them:
+  region    one of them runs it
+  branch    each outcome is taken in one of them, not necessarily in the same
+  condition one of them alone has shown it to decide alone (MC/DC): runs of different instantiations, or of different
+            programs, are not put together for this
+A region that `if constexpr` leaves out of every instantiation counts as not compiled.
+
+A line of code counts as covered when a region that starts in it, or else the one that it lies in, is covered. Places
+that an exclusion excuses count in no figure but in that of the exclusions.
+"""
+
+import collections
+import json
+import os
+import sys
+
+CODE, SKIPPED, GAP = 0, 2, 3  # kinds of regions
+
+
+class Source:
+    """What is known of one source; places are (first line, first column, last line, last column)."""
+
+    def __init__(self, root, name):
+        self.name = name
+        with open(os.path.join(root, name), encoding="utf-8") as file:
+            self.texts = [line.rstrip("\n") for line in file]
+        self.regions = collections.Counter()  # place -> runs
+        self.lines = {}  # line -> whether covered
+        self.leftOut = set()  # lines that an instantiation leaves out
+        self.branches = {}  # place -> [taken when true, taken when false]
+        self.decisions = {}  # place -> [whether each condition has decided alone]
+        self.excused = {"lines": set(), "outcomes": set(), "conditions": set()}
+
+    def text(self, place):
+        """The source text of a place, in one line."""
+        first, column, last, end = place
+        if first == last:
+            return self.texts[first - 1][column - 1 : end - 1]
+        return self.texts[first - 1][column - 1 :].strip() + " ..."
+
+    def conditions(self, decision):
+        """The places of a decision's conditions, in their order."""
+        start, end = decision[:2], decision[2:]
+        places = sorted(place for place in self.branches if start <= place[:2] and place[2:] <= end)
+        if len(places) != len(self.decisions[decision]):
+            sys.exit(f"{self.name}:{decision[0]}: cannot tell the conditions of this decision apart")
+        return places
+
+    def add(self, function):
+        """Takes in what one function, or one instantiation, was seen to do."""
+        regions = [(tuple(region[:4]), region[7], region[4]) for region in function["regions"]]
+        if any(region[5] != 0 for region in function["regions"]):
+            sys.exit(f"{self.name}: the code of a macro cannot be told apart; write a function instead")
+        for place, kind, runs in regions:
+            if kind == CODE:
+                self.regions[place] += runs
+        for branch in function["branches"]:
+            taken = self.branches.setdefault(tuple(branch[:4]), [False, False])
+            taken[0] |= branch[4] > 0
+            taken[1] |= branch[5] > 0
+        for record in function["mcdc_records"]:
+            shown = self.decisions.setdefault(tuple(record[:4]), [False] * len(record[6]))
+            shown[:] = [before or now for before, now in zip(shown, record[6])]
+        self.addLines(regions)
+
+    def addLines(self, regions):
+        body = regions[0][0]
+        for line in range(body[0], body[2] + 1):
+            text = self.texts[line - 1]
+            if not text.strip() or text.lstrip().startswith("//"):
+                continue
+            runs = [count for place, kind, count in regions if kind == CODE and place[0] == line]
+            if not runs:
+                start = (line, len(text) - len(text.lstrip()) + 1)
+                around = [region for region in regions if region[0][:2] <= start < region[0][2:]]
+                place, kind, count = max(around, key=lambda region: (region[0][:2], [-end for end in region[0][2:]]))
+                if kind == SKIPPED:
+                    self.leftOut.add(line)
+                    continue
+                runs = [count]
+            self.lines[line] = self.lines.get(line, False) or max(runs) > 0
+
+    def excuse(self, text, condition, outcome):
+        """Applies an exclusion; returns what is wrong with it, or None."""
+        numbers = [number for number, line in enumerate(self.texts, 1) if line.strip() == text]
+        if len(numbers) != 1:
+            return f"its line stands {len(numbers)} times in the file"
+        places = [place for place in self.branches if place[0] == numbers[0] and self.text(place) == condition]
+        if len(places) != 1:
+            return "its condition is no branch of its line"
+        if self.branches[places[0]][0 if outcome else 1]:
+            return "not needed: its outcome is taken"
+        self.excused["outcomes"].add((places[0], outcome))
+        self.excused["conditions"].add(places[0])
+        for region, runs in self.regions.items():
+            if runs == 0 and region[0] == numbers[0] and region[:2] >= places[0][2:]:
+                self.excused["lines"].update(range(region[0] + 1, region[2] + (self.lines.get(region[2]) is False)))
+        return None
+
+    def findings(self):
+        """What is not covered, as (line, text)."""
+        for line in sorted(self.leftOut - self.lines.keys()):
+            yield line, f"not compiled in any instantiation: {self.texts[line - 1].strip()}"
+        missing = sorted(self.missingOutcomes())
+        for place, outcome in missing:
+            yield place[0], f"not taken: {'true' if outcome else 'false'} of: {self.text(place)}"
+        for place in sorted(place for place, runs in self.regions.items() if runs == 0):
+            # What a missing outcome of a branch alone leads to goes without saying.
+            told = {branch[0] for branch, _ in missing} | {branch[0] for branch, _ in self.excused["outcomes"]}
+            if place[0] not in told and place[0] not in self.excused["lines"]:
+                yield place[0], f"not run: {self.text(place)}"
+        told = {place for place, _ in missing}
+        for decision, shown in sorted(self.decisions.items()):
+            for place, alone in zip(self.conditions(decision), shown):
+                if not alone and place not in self.excused["conditions"] and place not in told:
+                    yield place[0], f"not deciding alone: {self.text(place)} in: {self.text(decision)}"
+
+    def missingOutcomes(self):
+        """The outcomes of branches that are neither taken nor excused, as (place, outcome)."""
+        for place, taken in self.branches.items():
+            for outcome, wasTaken in ((True, taken[0]), (False, taken[1])):
+                if not wasTaken and (place, outcome) not in self.excused["outcomes"]:
+                    yield place, outcome
+
+    def figures(self):
+        """(covered, all) of lines, branch outcomes and conditions, the excused ones left out."""
+        lines = [covered for line, covered in self.lines.items() if line not in self.excused["lines"]]
+        taken = sum(sum(outcomes) for outcomes in self.branches.values())
+        shown = [
+            alone
+            for decision, conditions in self.decisions.items()
+            for place, alone in zip(self.conditions(decision), conditions)
+            if place not in self.excused["conditions"]
+        ]
+        outcomes = 2 * len(self.branches) - len(self.excused["outcomes"])
+        return [(sum(lines), len(lines)), (taken, outcomes), (sum(shown), len(shown))]
+
+
+def readExclusions(path):
+    """The entries of the exclusions' file, as (source, line, condition, outcome)."""
+    entries = []
+    with open(path, encoding="utf-8") as file:
+        for number, line in enumerate(file, 1):
+            text = line.strip()
+            if not text or text.startswith("#"):
+                continue
+            if not line[0].isspace():
+                entries.append({"source": text})
+                continue
+            key, _, value = text.partition(":")
+            if entries and key in ("line", "never", "reason"):
+                entries[-1][key] = value.strip()
+            elif not entries or "reason" not in entries[-1]:
+                sys.exit(f"{path}:{number}: not understood: {text}")
+    result = []
+    for entry in entries:
+        condition, _, outcome = entry.get("never", "").rpartition(" is ")
+        if outcome not in ("true", "false") or not entry.get("line") or not entry.get("reason"):
+            sys.exit(f"{path}: the entry for {entry['source']} is not complete")
+        result.append((entry["source"], entry["line"], condition, outcome == "true"))
+    return result
+
+
+def main(arguments):
+    separator = arguments.index("--")
+    arguments, exports = arguments[:separator], arguments[separator + 1 :]
+    resultFile = None
+    if "--result" in arguments:
+        position = arguments.index("--result")
+        resultFile = arguments[position + 1]
+        del arguments[position : position + 2]
+    root, exclusions, *names = arguments
+    sources = {os.path.realpath(os.path.join(root, name)): Source(root, name) for name in names}
+    for export in exports:
+        with open(export, encoding="utf-8") as file:
+            for function in json.load(file)["data"][0]["functions"]:
+                source = sources.get(os.path.realpath(function["filenames"][0]))
+                if source is not None:
+                    source.add(function)
+
+    findings = []
+    entries = readExclusions(exclusions)
+    for name, line, condition, outcome in entries:
+        source = sources.get(os.path.realpath(os.path.join(root, name)))
+        wrong = "its file is not measured" if source is None else source.excuse(line, condition, outcome)
+        if wrong is not None:
+            findings.append(f"not a good exclusion: {name}, {line}: {wrong}")
+
+    totals = [[0, 0], [0, 0], [0, 0]]
+    print(f"{'':44}{'lines':>12}{'branches':>12}{'MC/DC':>12}")
+    for source in sources.values():
+        figures = source.figures()
+        findings += [f"{text}  ({source.name}:{line})" for line, text in source.findings()]
+        for total, (covered, whole) in zip(totals, figures):
+            total[0] += covered
+            total[1] += whole
+        if source.lines:
+            print(f"{source.name:44}" + "".join(f"{f'{covered}/{whole}':>12}" for covered, whole in figures))
+    print(f"{'all':44}" + "".join(f"{f'{covered}/{whole}':>12}" for covered, whole in totals))
+    for finding in findings:
+        print(finding)
+    if any(whole == 0 for _, whole in totals[:2]):
+        findings.append("not a single line or branch was measured")
+        print(findings[-1])
+
+    if resultFile is not None:
+        with open(resultFile, "w", encoding="utf-8") as file:
+            for name, (covered, whole) in zip(("lines", "branch outcomes", "MC/DC conditions"), totals):
+                print(f"{name}: {covered} of {whole}", file=file)
+            print(f"exclusions: {len(entries)}", file=file)
+            print(f"findings: {len(findings)}", file=file)
+    return 1 if findings or any(covered != whole for covered, whole in totals) else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

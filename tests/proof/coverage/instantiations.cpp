@@ -1,0 +1,46 @@
+// Every class template of the library whole, and every function template that belongs to no class or is a member by
+// itself, for each way it compiles: what no test calls would otherwise not be compiled, and not be missed.
+
+#include <gilvane/utilities/gvmemorypool.h>
+
+namespace Gilvane {
+
+namespace {
+
+struct NotCopied : GVObject {
+    NotCopied() = default;
+    NotCopied(const NotCopied&) = delete;
+    NotCopied& operator=(const NotCopied&) = delete;
+};
+
+enum Choice : int {};
+
+} // namespace
+
+template void writeDumpValue<int>(std::ostream&, const int&);
+template void writeDumpValue<unsigned int>(std::ostream&, const unsigned int&);
+template void writeDumpValue<int*>(std::ostream&, int* const&);
+template void writeDumpValue<void (*)()>(std::ostream&, void (*const&)());
+
+template class GVStdAllocator<int>;
+template GVStdAllocator<int>::GVStdAllocator(const GVStdAllocator<char>&);
+template void GVStdAllocator<int>::construct<int, int>(int*, int&&);
+template void GVStdAllocator<int>::destroy<int>(int*);
+template bool operator==<int, char>(const GVStdAllocator<int>&, const GVStdAllocator<char>&);
+template bool operator!=<int, char>(const GVStdAllocator<int>&, const GVStdAllocator<char>&);
+
+template class GVHashTableEntry<int, int>;
+template class GVHashTableEntry_Iterator<int, int>;
+template class GVHashTable<int, int>;
+template class GVGenericHashFunction<unsigned int>;
+template class GVGenericHashFunction<Choice>;
+template class GVGenericHashFunction<int*>;
+
+template class GVSmartPointer<GVMemoryPool>;
+template class GVSmartPointer<int>;
+template class GVSmartPointer<NotCopied>;
+template std::ostream& operator<< <int>(std::ostream&, const GVSmartPointer<int>&);
+
+} // namespace Gilvane
+
+int main() {}

@@ -1,0 +1,52 @@
+// One unit that holds every template of the library, each with several types: where a part of one has the same type in
+// all of them, that type is the template's own.
+#include <gilvane/base/gvdumpvalue.h>
+#include <gilvane/base/gvrawblock.h>
+#include <gilvane/base/gvstdallocator.h>
+#include <gilvane/utilities/gvmemorypool.h>
+
+#include <string>
+
+namespace Gilvane {
+
+enum class GVColour { red };
+
+struct GVCopied {
+    int field;
+};
+
+struct GVNeverCopied {
+    GVNeverCopied() = default;
+    GVNeverCopied(const GVNeverCopied&) = delete;
+};
+
+inline std::ostream& operator<<(std::ostream& stream, const GVCopied&) { return stream; }
+
+template class GVHashTable<std::string, std::string>;
+template class GVHashTableEntry<std::string, std::string>;
+template class GVHashTableEntry_Iterator<std::string, std::string>;
+template class GVGenericHashFunction<std::string>;
+template class GVGenericHashFunction<short>;
+template class GVGenericHashFunction<GVColour>;
+template class GVSmartPointer<GVCopied>;
+template class GVSmartPointer<GVNeverCopied>;
+template class GVStdAllocator<std::string>;
+template class GVStdAllocator<char>;
+
+void useFunctionTemplates(std::ostream& stream, GVStdAllocator<char>& characters, GVStdAllocator<std::string>& texts) {
+    writeDumpValue(stream, &useFunctionTemplates);
+    writeDumpValue(stream, &stream);
+    writeDumpValue(stream, 1U);
+    writeDumpValue(stream, 'a');
+    static_cast<void>(characters == texts || characters != texts);
+    static_cast<void>(GVStdAllocator<short>(characters));
+    char* const character = characters.allocate(1);
+    characters.construct(character, 'a');
+    characters.destroy(character);
+    std::string* const text = texts.allocate(1);
+    texts.construct(text, "a");
+    texts.destroy(text);
+    stream << GVSmartPointer<GVCopied>() << GVSmartPointer<GVNeverCopied>();
+}
+
+} // namespace Gilvane
