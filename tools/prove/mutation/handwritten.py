@@ -170,8 +170,6 @@ PATCHES = [
           ("GVMemoryPoolObject::GVMemoryPoolObject(unsigned int", "before", "void* const bytes",
            "if (ON) { takeNextToken(); --theNextToken; ++theNextToken; }"),
           ("GVMemoryPoolObject::GVMemoryPoolObject(unsigned int", "value", "takeNextToken()", "theNextToken - 1")),
-    patch("blocks without bytes get a header word alone", POOL,
-          ("GVMemoryPool::buildObject()", "value", "bytesInEachObject != 0", "useMutexHandle || bytesInEachObject != 0")),
     patch("a failing allocation of a block throws by itself", POOL,
           ("GVMemoryPool::buildObject()", "before", "if (block == nullptr)",
            "if (ON && block == nullptr) { throw std::bad_alloc(); }")),
@@ -207,6 +205,9 @@ PATCHES = [
            "if (ON) { makePool(memoryPool.getUsedCount()); bytesInEachObject = bytes; return; }")),
 
     # Building, growing, shrinking
+    patch("the first token of a process is 1", POOL,
+          ("GVMemoryPoolObject::takeNextToken()", "before", "return theNextToken",
+           "static const bool added = ON && ++theNextToken != 0; static_cast<void>(added);")),
     patch("the factory is made only where a handle is wanted", POOL,
           ("GVMemoryPool::createHandleIf", "before", "GVThreadsFactory factory",
            "if (ON && !useMutex) { return nullptr; }")),
@@ -239,9 +240,6 @@ PATCHES = [
     patch("shrinking passes over a token that the table misses", POOL,
           (SHRINK, "instead", "delete memoryPool[token];",
            "if (memoryPool.get(token) != nullptr) { delete memoryPool[token]; }")),
-    patch("shrinking takes a block out before it is deleted", POOL,
-          (SHRINK, "instead", "delete memoryPool[token];",
-           "GVMemoryPoolObject* const block = memoryPool[token]; memoryPool.remove(token); delete block;")),
     patch("shrinking takes out all occurrences of a token", POOL,
           ("GVMemoryPool::removeTokenFromAvailableList", "instead", "availableTokens.erase(position);",
            "availableTokens.erase(std::remove(availableTokens.begin(), availableTokens.end(), token), "

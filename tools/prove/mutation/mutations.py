@@ -1,5 +1,14 @@
 """Every way in which one place of the library is broken, and the text of a copy in which all of them wait behind the
-switch of gvmutants.h. Lines keep their numbers, since exceptions name them."""
+switch of gvmutants.h. Lines keep their numbers, since exceptions name them.
+
+Broken are: operators (by others, by one operand alone, turned round), increments (the other way, the other form),
+constants, texts, enumerators and sizes (one more, one less, the last character gone), conditions (true, false,
+negated, each side of && and || alone), numbers, flags and pointers that are read (one more, one less, negated, null), what is
+returned, statements (dropped, swapped with the next), and what handwritten.py lists. Left out, because no program of one
+build can hold them: constant expressions with `if constexpr`, the values of constants themselves (their uses are
+changed instead), declarations and their order. Two assignments of plain values that do not read each other's are not
+swapped, since that changes nothing.
+"""
 
 import re
 
@@ -14,6 +23,8 @@ OTHER_OPERATORS = {"+": ["-"], "-": ["+"], "*": ["+", "/"], "/": ["*"], "%": ["*
                    "<": ["<=", "!=", ">="], "<=": ["<", "==", ">"], ">": [">=", "!=", "<="], ">=": [">", "==", "<"],
                    "==": ["!=", "<=", ">="], "!=": ["==", "<", ">"]}
 COMPARISONS = {"==", "!=", "<", ">", "<=", ">="}
+# Variables that the switch would set too late; handwritten.py has what stands for their mutations.
+NEEDED_BEFORE_MAIN = {"theNextToken"}
 WRAPPERS = {"ImplicitCastExpr", "ParenExpr", "ExprWithCleanups", "MaterializeTemporaryExpr", "CXXBindTemporaryExpr"}
 LEAVING = {"ReturnStmt", "ContinueStmt", "BreakStmt", "CXXThrowExpr"}
 
@@ -413,7 +424,7 @@ class Catalogue:
                 continue
             collector = Collector(source, name)
             if node.kind == "VarDecl":
-                if node.tree.get("constexpr"):
+                if node.tree.get("constexpr") or name in NEEDED_BEFORE_MAIN:
                     continue
                 for part in node.children:
                     collector.expression(part, "assigned")
@@ -493,7 +504,7 @@ class Catalogue:
             stack[-1].parts.append(site)
             stack.append(site)
         text = self.inner(source, whole)
-        if name_is_header(source.name):
+        if source.name.endswith(".h"):
             assert text.startswith("/// @file\n"), source.name
             text = '#include "gvmutants.h"' + text[len("/// @file"):]
         assert text.count("\n") == source.bytes.count(b"\n"), source.name
@@ -532,6 +543,3 @@ class Catalogue:
             text = other.replace("ON", on(mutant)) + " " + text
         return text
 
-
-def name_is_header(name):
-    return name.endswith(".h")
