@@ -268,7 +268,8 @@ PATCHES = [
     patch("a replacement stores the hash", TABLE,
           (HELPER, "before", "entry->theValue = value;", "if (ON) { entry->theHash = hash; }")),
     patch("a replacement keeps the old key", TABLE,
-          (HELPER, "instead", "entry->theKey = key;", "if (entry->theState != gvoccupiedentry) { entry->theKey = key; }")),
+          (HELPER, "instead", "entry->theKey = key;",
+           "if (entry->theState != gvoccupiedentry) { entry->theKey = key; }")),
     patch("a slot is counted before it is written", TABLE,
           (HELPER, "before", "entry->theKey = key;\n    entry->theValue = value;\n    entry->theHash",
            "if (ON) { theFillCount += entry->theState == gvemptyentry ? 1 : 0; ++theUsedCount; "
@@ -327,7 +328,8 @@ PATCHES = [
     patch("the end is one slot short", TABLE,
           ("bool isAtEnd() const", "value", "theIndex == theCapacity - 1", "theIndex + 2 >= theCapacity")),
     patch("the postfix step returns the new position", TABLE,
-          ("GVHashTableEntry_Iterator<K, V>::operator++(int)", "before", "return previous;", "if (ON) { return *this; }")),
+          ("GVHashTableEntry_Iterator<K, V>::operator++(int)", "before", "return previous;",
+           "if (ON) { return *this; }")),
 
     # Hooks and text
     patch("one hook alone is taken over", OBJECT,

@@ -3,11 +3,11 @@ switch of gvmutants.h. Lines keep their numbers, since exceptions name them.
 
 Broken are: operators (by others, by one operand alone, turned round), increments (the other way, the other form),
 constants, texts, enumerators and sizes (one more, one less, the last character gone), conditions (true, false,
-negated, each side of && and || alone), numbers, flags and pointers that are read (one more, one less, negated, null), what is
-returned, statements (dropped, swapped with the next), and what handwritten.py lists. Left out, because no program of one
-build can hold them: constant expressions with `if constexpr`, the values of constants themselves (their uses are
-changed instead), declarations and their order. Two assignments of plain values that do not read each other's are not
-swapped, since that changes nothing.
+negated, each side of && and || alone), numbers, flags and pointers that are read (one more, one less, negated, null),
+what is returned, statements (dropped, swapped with the next), and what handwritten.py lists. Left out, because no
+program of one build can hold them: constant expressions with `if constexpr`, the values of constants themselves (their
+uses are changed instead), declarations and their order. Two assignments of plain values that do not read each other's
+are not swapped, since that changes nothing.
 """
 
 import re
