@@ -41,7 +41,7 @@ takeDownInterface "$scratch/base/libgilvane.so" "$scratch/base.abi"
 tools/check-abi "$scratch/base.abi" "$scratch/base/libgilvane.so" >/dev/null
 echo "the guard is silent: nothing changed"
 
-expectFiring "a field widened" 's|^    unsigned int bytesInEachObject;|    unsigned long long bytesInEachObject;|'
+expectFiring "a field widened" 's|^    unsigned int initialNumberOfObjects;|    unsigned long long initialNumberOfObjects;|'
 expectFiring "two fields swapped" \
     's|^    unsigned int theHash; |    unsigned int TMP; |; s|^    unsigned int theState;|    unsigned int theHash;|
      s|^    unsigned int TMP; |    unsigned int theState; |'
