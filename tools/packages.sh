@@ -6,8 +6,8 @@ buildPackages=(cmake ninja-build g++ zlib1g-dev gzip)
 # To run the tests as well.
 testPackages=(
     "${buildPackages[@]}"
-    clang clang-format clang-tidy libgtest-dev
-    g++-arm-linux-gnueabihf qemu-user googletest abigail-tools
+    clang libclang-rt-dev llvm clang-format clang-tidy libgtest-dev
+    g++-arm-linux-gnueabihf qemu-user googletest abigail-tools python3
 )
 
 # To count instructions.
