@@ -47,6 +47,12 @@ void escape(T* object) {
     benchmark::ClobberMemory();
 }
 
+/// As escape, for what fits in a register and may stay there, as what is borrowed does in a program.
+template <typename T>
+void escapeRegister(T& value) {
+    asm volatile("" : "+r"(value) : : "memory");
+}
+
 /// Writes to a block's first byte.
 inline void touch(void* block) { *static_cast<volatile char*>(block) = 1; }
 

@@ -20,7 +20,7 @@ template <typename Subject>
 void borrowAndReturn(Subject* subject) {
     escape(subject);
     auto loan = subject->borrow();
-    benchmark::DoNotOptimize(loan);
+    escapeRegister(loan);
     subject->giveBack(loan);
 }
 
@@ -28,7 +28,7 @@ template <typename Subject>
 void borrowTouchAndReturn(Subject* subject) {
     escape(subject);
     auto loan = subject->borrow();
-    benchmark::DoNotOptimize(loan);
+    escapeRegister(loan);
     touch(subject->address(loan));
     subject->giveBack(loan);
 }

@@ -4,7 +4,10 @@
 #include <gilvane/base/gvrawblock.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
+
+#include <sys/mman.h>
 
 namespace Gilvane {
 
@@ -24,13 +27,32 @@ static_assert(alignof(std::max_align_t) >= rawBlockHeaderBytes &&
                   defaultHookPadding % alignof(GVDeallocatorFunction) == 0,
               "the header word is aligned too");
 
+// The slots of a large table are reached in no order, so that with ordinary pages most accesses miss in the address
+// translation as well, and each growth faults in thousands of pages. Only pages that lie in the block wholly are asked
+// for as huge ones; whether they come is the kernel's choice.
+void adviseHugePages(void* memory, std::size_t bytes) {
+    constexpr std::uintptr_t hugePageBytes = std::uintptr_t{1} << 21;
+    constexpr std::size_t leastBytes = 2 * hugePageBytes;
+    if (bytes < leastBytes) {
+        return;
+    }
+    const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(memory);
+    const std::uintptr_t first = (start + hugePageBytes - 1) / hugePageBytes * hugePageBytes;
+    const std::uintptr_t end = (start + bytes) / hugePageBytes * hugePageBytes;
+    static_cast<void>(madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE));
+}
+
 void* allocateWithMalloc(unsigned int numberOfBytes) {
     const std::size_t paddedBytes = defaultHookPadding + numberOfBytes;
     if (paddedBytes < numberOfBytes) { // wraps where size_t has 32 bits
         return nullptr;
     }
     void* const memory = std::malloc(paddedBytes);
-    return memory == nullptr ? nullptr : static_cast<char*>(memory) + defaultHookPadding;
+    if (memory == nullptr) {
+        return nullptr;
+    }
+    adviseHugePages(memory, paddedBytes);
+    return static_cast<char*>(memory) + defaultHookPadding;
 }
 
 void releaseWithFree(void* block) { std::free(static_cast<char*>(block) - defaultHookPadding); }

@@ -6,6 +6,7 @@
 #include <gilvane/base/gvdumpvalue.h>
 #include <gilvane/base/gvexception.h>
 #include <gilvane/base/gvexport.h>
+#include <gilvane/base/gvhotpath.h>
 #include <gilvane/base/gvobject.h>
 #include <gilvane/base/gvstdallocator.h>
 
@@ -381,11 +382,18 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
 
     static constexpr unsigned int theSmallSize = 8;
     static constexpr unsigned int theSlowGrowthCount = 30000; // live keys from which growth is twofold
+    static constexpr unsigned int thePrefetchDistance = 12;   // entries that resize looks ahead
 
+    // Keys that fit in a register stay there when they are handed on.
+    using KeyArgument = std::conditional_t<std::is_scalar_v<K>, const K, const K&>;
+
+    Entry* lookupPastHome(KeyArgument key, unsigned int hash) const;
+    V& addMissing(KeyArgument key);
     unsigned int hashOf(const K& key) const { return theHashFunction(key); }
     static bool isOccupied(const Entry* entry) { return entry != nullptr && entry->theState == gvoccupiedentry; }
     bool hasHeapArray() const { return theMask + 1 > theSmallSize && theTable != nullptr; }
     unsigned int grownMinimum() const;
+    void prefetchHomeOf(const Entry& entry) const;
     static unsigned int sizeAbove(unsigned int minUsed);
     static Entry* makeArray(unsigned int numberOfEntries);
     Entry* copyOfArray() const;
@@ -426,17 +434,22 @@ GVHashTableEntry<K, V>* GVHashTable<K, V, H>::lookup(const K& key, unsigned int 
     if (theTable == nullptr) {
         return nullptr;
     }
+    // Nearly every search ends at the home slot; this much is meant to be compiled into every caller.
+    Entry* const home = &theTable[hash & theMask];
+    if (GILVANE_LIKELY(home->theState == gvoccupiedentry && home->theHash == hash && home->theKey == key) ||
+        home->theState == gvemptyentry) {
+        return home;
+    }
+    return lookupPastHome(key, hash);
+}
+
+// The rest of lookup, when the home slot is deleted or holds another key.
+template <typename K, typename V, typename H>
+GILVANE_OUT_OF_LINE GVHashTableEntry<K, V>* GVHashTable<K, V, H>::lookupPastHome(KeyArgument key,
+                                                                                 unsigned int hash) const {
     unsigned int index = hash & theMask;
     Entry* entry = &theTable[index];
-    if (entry->theState == gvemptyentry) {
-        return entry;
-    }
-    Entry* reusable = nullptr;
-    if (entry->theState == gvdeletedentry) {
-        reusable = entry;
-    } else if (entry->theHash == hash && entry->theKey == key) {
-        return entry;
-    }
+    Entry* const reusable = entry->theState == gvdeletedentry ? entry : nullptr;
     // All arithmetic wraps at 32 bits. The first step adds the whole hash, later steps what five-bit shifts leave of
     // it, until the sequence is index * 5 + 1 alone, which visits every slot.
     for (unsigned int perturb = hash;; perturb >>= 5) {
@@ -534,22 +547,30 @@ int GVHashTable<K, V, H>::resize(unsigned int minUsed) {
         }
     }
 
+    const unsigned int oldMask = theMask;
     unsigned int remaining = theFillCount;
     theMask = newSize - 1;
     theTable = newArray;
     theUsedCount = 0;
-    for (unsigned int slot = 0; slot < newSize; ++slot) {
-        theTable[slot].theState = gvemptyentry;
+    // A new heap array is empty as it was made.
+    if (theTable == theSmallTable) {
+        for (unsigned int slot = 0; slot < newSize; ++slot) {
+            theTable[slot].theState = gvemptyentry;
+        }
     }
     theFillCount = 0;
 
-    for (const Entry* entry = oldArray; remaining > 0; ++entry) {
-        if (entry->theState == gvemptyentry) {
+    for (unsigned int slot = 0; remaining > 0; ++slot) {
+        const Entry& entry = oldArray[slot];
+        if (slot + thePrefetchDistance <= oldMask) {
+            prefetchHomeOf(oldArray[slot + thePrefetchDistance]);
+        }
+        if (entry.theState == gvemptyentry) {
             continue;
         }
         // A reader would expect the old array to be released on this way out. It is not, by requirement: the table
         // keeps what was stored so far. Watched by HashTableResize.returnsOneAndKeepsTheOldArrayWhenAKeyFindsNoSlot.
-        if (entry->theState == gvoccupiedentry && insert_helper(entry->theKey, entry->theValue) <= 1) {
+        if (entry.theState == gvoccupiedentry && insert_helper(entry.theKey, entry.theValue) <= 1) {
             return 1;
         }
         --remaining;
@@ -558,6 +579,16 @@ int GVHashTable<K, V, H>::resize(unsigned int minUsed) {
         delete[] oldArray;
     }
     return 2;
+}
+
+// Asks the memory for the slot where an entry of the old array will most likely be stored again. Keys come to the new
+// array in no order, and which way the search for a slot goes depends on what is found there; so without this each key
+// waits for its slot alone.
+template <typename K, typename V, typename H>
+void GVHashTable<K, V, H>::prefetchHomeOf(const Entry& entry) const {
+    if (entry.theState == gvoccupiedentry) {
+        __builtin_prefetch(&theTable[entry.theHash & theMask], 1);
+    }
 }
 
 // The smallest power of two above minUsed, at least 8; 0 when 32 bits do not hold it.
@@ -602,11 +633,14 @@ GVHashTableEntry<K, V>* GVHashTable<K, V, H>::get(const K& key) const {
 
 template <typename K, typename V, typename H>
 V& GVHashTable<K, V, H>::operator[](const K& key) {
-    Entry* entry = get(key);
-    if (entry == nullptr) {
-        insert(key, V());
-        entry = get(key);
-    }
+    Entry* const entry = get(key);
+    return entry != nullptr ? entry->theValue : addMissing(key);
+}
+
+template <typename K, typename V, typename H>
+GILVANE_OUT_OF_LINE V& GVHashTable<K, V, H>::addMissing(KeyArgument key) {
+    insert(key, V());
+    Entry* const entry = get(key);
     if (entry == nullptr) {
         throw GVException("Internal lookup error during operator[].", theHashTableFile, __LINE__, gvhashtablefailure,
                           0);

@@ -22,6 +22,11 @@ template class GVSmartPointer<GVMemoryPool>;
 
 namespace {
 
+// Programs compile these operations into themselves; where a compiler chooses not to, they are found here.
+[[gnu::used]] unsigned int (GVMemoryPool::*const theLoan)() = &GVMemoryPool::getTokenForFreeMemoryObject;
+[[gnu::used]] void* (GVMemoryPool::*const theAddress)(unsigned int) = &GVMemoryPool::getMemoryForToken;
+[[gnu::used]] void (GVMemoryPool::*const theReturn)(unsigned int) = &GVMemoryPool::releaseObject;
+
 constexpr const char* theSourceFile = "libsrc/utilities/gvmemorypool";
 
 // Wraps a new pool; should the pointer fail, the pool goes.
@@ -45,6 +50,66 @@ GILVANE_UNGUARDED unsigned int countWithoutLock(const Table& table) {
 GILVANE_UNGUARDED void setWithoutLock(unsigned int& bytesInEachObject, unsigned int bytes) {
     bytesInEachObject = bytes;
 }
+
+// The tokens that a shrink removes from a pool, the highest first.
+//
+// Each is to be gone from the free list too, where it stands there first. To look for each by itself would make the
+// cost of a shrink grow with the square of the pool; they leave the list together, in one pass, when the shrink is
+// over, however it ends.
+class TokenRemoval {
+  public:
+    using Tokens = std::vector<unsigned int, GVStdAllocator<unsigned int>>;
+
+    // Throws std::bad_alloc; nothing has changed then.
+    template <typename Table>
+    TokenRemoval(const Table& table, Tokens& freeTokens, unsigned int numberOfTokens)
+        : theFreeTokens(freeTokens), theFoundMarks(numberOfTokens, false) {
+        theTokens.reserve(table.getUsedCount());
+        for (auto position = table.begin(); position != table.end(); ++position) {
+            theTokens.push_back(position.GetKey());
+        }
+        std::sort(theTokens.begin(), theTokens.end());
+        theTokens.erase(theTokens.begin(), theTokens.end() - numberOfTokens);
+        theFirstGone = theTokens.size();
+    }
+    TokenRemoval(const TokenRemoval&) = delete;
+    TokenRemoval& operator=(const TokenRemoval&) = delete;
+    // A plain loop in the order of the list, since which of several equal tokens goes depends on it.
+    ~TokenRemoval() {
+        auto end = theFreeTokens.begin();
+        for (const unsigned int token : theFreeTokens) {
+            if (!isToLeaveFreeList(token)) {
+                *end++ = token;
+            }
+        }
+        theFreeTokens.erase(end, theFreeTokens.end());
+    }
+
+    bool isComplete() const { return theFirstGone == 0; }
+    unsigned int highestToken() const { return theTokens[theFirstGone - 1]; }
+    void highestTokenIsGone() { --theFirstGone; }
+
+  private:
+    // True as often as the token is among those that are gone. It can be there more than once: a table may hold a key
+    // twice, see GVHashTable::lookup.
+    bool isToLeaveFreeList(unsigned int token) {
+        auto place = std::lower_bound(theTokens.cbegin() + theFirstGone, theTokens.cend(), token);
+        while (place != theTokens.cend() && *place == token) {
+            auto mark = theFoundMarks.begin() + (place - theTokens.cbegin());
+            if (!*mark) {
+                *mark = true;
+                return true;
+            }
+            ++place;
+        }
+        return false;
+    }
+
+    Tokens& theFreeTokens;
+    Tokens theTokens;                                      // to remove, in ascending order
+    std::vector<bool, GVStdAllocator<bool>> theFoundMarks; // for each, whether it was found in the free list
+    std::ptrdiff_t theFirstGone;                           // index of the lowest that is gone already
+};
 
 } // namespace
 
@@ -151,18 +216,16 @@ void GVMemoryPool::resizePool(unsigned int numberOfObjects) {
         buildObjects(numberOfObjects - count);
         return;
     }
-    auto tokens = memoryPool.get_keys();
-    tokens.sort();
+    // What needs memory comes first, so that a failure there leaves the pool unchanged.
+    TokenRemoval removal(memoryPool, availableTokens, count - numberOfObjects);
     // A reader would expect lent blocks to be spared, or their holders to be told. Neither happens, by requirement.
     // Watched by PoolShrinking.removesTheHighestTokensEvenIfLent. Nor is a token that the table misses behind a deleted
     // slot passed over: operator[] stores it again, with a null block, and the block it named stays until the pool
     // goes.
-    for (unsigned int removed = 0; removed < count - numberOfObjects; ++removed) {
-        const unsigned int token = tokens.back();
+    for (; !removal.isComplete(); removal.highestTokenIsGone()) {
+        const unsigned int token = removal.highestToken();
         delete memoryPool[token];
         memoryPool.remove(token);
-        removeTokenFromAvailableList(token);
-        tokens.pop_back();
     }
 }
 
@@ -195,54 +258,24 @@ void GVMemoryPool::removeTokenFromAvailableList(unsigned int token) {
     }
 }
 
-unsigned int GVMemoryPool::getTokenForFreeMemoryObject() {
-    if (useMutexHandle) {
-        theMutexHandle->lock();
-    }
-    if (availableTokens.empty()) {
-        // Growing takes the lock itself. A reader would expect the number of blocks to be read before the lock is
-        // released: it is read after, a race with other threads, by requirement. Two threads that find the list empty
-        // both act on the number they read: the later may do nothing, double the pool once more, shrink it or rebuild
-        // it. Watched by TokenLending.readsTheNumberOfBlocksOutsideTheLock.
-        if (useMutexHandle) {
-            theMutexHandle->unlock();
-        }
-        const unsigned int count = countWithoutLock(memoryPool);
-        if (count != 0) {
-            resizePool(count * 2);
-        } else {
-            makePool(initialNumberOfObjects);
-        }
-        if (useMutexHandle) {
-            theMutexHandle->lock();
-        }
-        // A reader would expect a second look at availableTokens here: another thread may have taken the new tokens
-        // between the two locked sections. There is none, and none is to be added: growth and the pop after it are
-        // defined so. Watched by TokenLending.popsAfterGrowthWithoutLookingAgain.
-    }
-    const unsigned int token = availableTokens.back();
-    availableTokens.pop_back();
+// For a loan that finds nothing to lend. Called, and left, with the lock taken if the pool locks.
+void GVMemoryPool::growToLend() {
+    // Growing takes the lock itself. A reader would expect the number of blocks to be read before the lock is
+    // released: it is read after, a race with other threads, by requirement. Two threads that find the list empty
+    // both act on the number they read: the later may do nothing, double the pool once more, shrink it or rebuild
+    // it. Watched by TokenLending.readsTheNumberOfBlocksOutsideTheLock.
     if (useMutexHandle) {
         theMutexHandle->unlock();
     }
-    return token;
-}
-
-void* GVMemoryPool::getMemoryForToken(unsigned int token) {
-    GVMutex guard;
-    lockIfShared(guard);
-    // A reader would expect an unknown token to be refused. The table adds it, with a null block that is then read, by
-    // requirement; so it does for a token that it misses behind a deleted slot, after a shrink.
-    // Watched by MisuseOfTokens.addsAnEntryForAnUnknownToken.
-    return memoryPool[token]->getBytes();
-}
-
-// A reader would expect the token to be checked. It is not, by requirement: whatever comes is lent again.
-// Watched by TokenReturn.takesATokenTwiceAndLendsItTwice.
-void GVMemoryPool::releaseObject(unsigned int token) {
-    GVMutex guard;
-    lockIfShared(guard);
-    availableTokens.push_back(token);
+    const unsigned int count = countWithoutLock(memoryPool);
+    if (count != 0) {
+        resizePool(count * 2);
+    } else {
+        makePool(initialNumberOfObjects);
+    }
+    if (useMutexHandle) {
+        theMutexHandle->lock();
+    }
 }
 
 bool GVMemoryPool::operator==(const GVMemoryPool& other) const {
@@ -271,12 +304,6 @@ std::ostream& GVMemoryPool::print(std::ostream& stream) const {
 GVMutexHandle* GVMemoryPool::createHandleIf(bool useMutex) {
     GVThreadsFactory factory;
     return useMutex ? factory.CreateUnnamedHandle(gvexclusivemutex, false) : nullptr;
-}
-
-void GVMemoryPool::lockIfShared(GVMutex& guard) const {
-    if (useMutexHandle) {
-        guard.setHandle(theMutexHandle);
-    }
 }
 
 void GVMemoryPool::buildObjects(unsigned int numberOfObjects) {

@@ -4,6 +4,7 @@
 #define GILVANE_UTILITIES_GVMEMORYPOOL_H
 
 #include <gilvane/base/gvexport.h>
+#include <gilvane/base/gvhotpath.h>
 #include <gilvane/base/gvobject.h>
 #include <gilvane/base/gvstdallocator.h>
 #include <gilvane/datastructures/gvhashtable.h>
@@ -161,8 +162,8 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     /// @throws std::bad_alloc  growing: as with makePool; shrinking: no memory for the list of tokens, before anything
     ///                         has changed. A token that is not found while shrinking is stored again, which may throw
     ///                         what GVHashTable::insert throws; the tokens above it are then gone
-    /// @par Complexity  growing: linear in the new blocks; shrinking: removed blocks x free tokens, and slots, and
-    ///                  n log n for n blocks
+    /// @par Complexity  growing: linear in the new blocks; shrinking: linear in the slots and free tokens, times
+    ///                  the logarithm of the blocks
     /// @par Threads     takes the pool's lock, when it has one, for its whole body
     void resizePool(unsigned int numberOfObjects);
 
@@ -232,6 +233,7 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     friend struct GVTestPeer;
 
     static GVMutexHandle* createHandleIf(bool useMutex);
+    void growToLend();
     void lockIfShared(GVMutex& guard) const;
     void buildObjects(unsigned int numberOfObjects);
     void buildObject();
@@ -244,6 +246,50 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     GVMutexHandle* theMutexHandle;       // null when the pool does not lock
     bool useMutexHandle;
 };
+
+// What programs do most is compiled into them. It comes after the class, in the class's order.
+
+inline unsigned int GVMemoryPool::getTokenForFreeMemoryObject() {
+    const bool locks = useMutexHandle;
+    if (GILVANE_UNLIKELY(locks)) {
+        theMutexHandle->lock();
+    }
+    if (GILVANE_UNLIKELY(availableTokens.empty())) {
+        growToLend();
+        // A reader would expect a second look at availableTokens here: another thread may have taken the new tokens
+        // between the two locked sections. There is none, and none is to be added: growth and the pop after it are
+        // defined so. Watched by TokenLending.popsAfterGrowthWithoutLookingAgain.
+    }
+    const unsigned int token = availableTokens.back();
+    availableTokens.pop_back();
+    if (GILVANE_UNLIKELY(locks)) {
+        theMutexHandle->unlock();
+    }
+    return token;
+}
+
+inline void* GVMemoryPool::getMemoryForToken(unsigned int token) {
+    GVMutex guard;
+    lockIfShared(guard);
+    // A reader would expect an unknown token to be refused. The table adds it, with a null block that is then read, by
+    // requirement; so it does for a token that it misses behind a deleted slot, after a shrink.
+    // Watched by MisuseOfTokens.addsAnEntryForAnUnknownToken.
+    return memoryPool[token]->getBytes();
+}
+
+// A reader would expect the token to be checked. It is not, by requirement: whatever comes is lent again.
+// Watched by TokenReturn.takesATokenTwiceAndLendsItTwice.
+inline void GVMemoryPool::releaseObject(unsigned int token) {
+    GVMutex guard;
+    lockIfShared(guard);
+    availableTokens.push_back(token);
+}
+
+inline void GVMemoryPool::lockIfShared(GVMutex& guard) const {
+    if (GILVANE_UNLIKELY(useMutexHandle)) {
+        guard.setHandle(theMutexHandle);
+    }
+}
 
 /// Writes a pool's text form, as GVMemoryPool::print.
 GILVANE_EXPORT std::ostream& operator<<(std::ostream& stream, const GVMemoryPool& pool);

@@ -12,10 +12,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <limits>
 #include <new>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -41,6 +44,23 @@ struct Strict : GVObject {
     std::max_align_t value;
 };
 
+// Whether the kernel was advised to take huge pages for the page at that address.
+bool isAdvisedHuge(const void* address) {
+    const auto number = reinterpret_cast<std::uintptr_t>(address);
+    std::ifstream maps("/proc/self/smaps");
+    bool isInside = false;
+    for (std::string line; std::getline(maps, line);) {
+        unsigned long long first = 0;
+        unsigned long long end = 0;
+        if (std::sscanf(line.c_str(), "%llx-%llx ", &first, &end) == 2) {
+            isInside = first <= number && number < end;
+        } else if (isInside && line.rfind("VmFlags:", 0) == 0) {
+            return line.find(" hg") != std::string::npos;
+        }
+    }
+    return false;
+}
+
 // An allocation function in whose middle the hooks change.
 void* allocateAndRestoreTheDefaults(unsigned int numberOfBytes) {
     GVObject::SetAllocationHooks(nullptr, nullptr);
@@ -56,6 +76,22 @@ TEST(DefaultHooks, alignEveryBlockForAnyType) {
         EXPECT_TRUE(isAlignedFor(userBytes, alignof(long double))) << bytes << " bytes";
         releaseRawBlock(userBytes);
     }
+}
+
+TEST(DefaultHooks, askForHugePagesInsideLargeBlocks) {
+    if (!std::ifstream("/sys/kernel/mm/transparent_hugepage/enabled") || sizeof(void*) == 4) {
+        GTEST_SKIP() << "this kernel has no transparent huge pages, or the emulator does not hand the advice on";
+    }
+    constexpr unsigned int mebibyte = 1U << 20;
+    char* const large = static_cast<char*>(allocateRawBlock(9 * mebibyte));
+    char* const small = static_cast<char*>(allocateRawBlock(3 * mebibyte));
+    EXPECT_TRUE(isAdvisedHuge(large + 4 * mebibyte));
+    EXPECT_FALSE(isAdvisedHuge(small + mebibyte + mebibyte / 2));
+    large[0] = 'a';
+    large[9 * mebibyte - 1] = 'z';
+    EXPECT_TRUE(isAlignedFor(large, alignof(std::max_align_t)));
+    releaseRawBlock(small);
+    releaseRawBlock(large);
 }
 
 TEST(DefaultHooks, alignObjectsAndArraysForTheirMembers) {
