@@ -8,6 +8,7 @@ testPackages=(
     "${buildPackages[@]}"
     clang libclang-rt-dev llvm clang-format clang-tidy libgtest-dev
     g++-arm-linux-gnueabihf qemu-user googletest abigail-tools python3
+    pkg-config dpkg-dev file
 )
 
 # To count instructions.

@@ -1,0 +1,56 @@
+# What `cmake --install` puts into a prefix, and cpack into a package. A prefix may be moved afterwards: whatever names a
+# folder in it does so from where it stands itself.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+foreach(dir LIBDIR INCLUDEDIR)
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_${dir}}")
+    message(FATAL_ERROR "CMAKE_INSTALL_${dir} has to be relative to the prefix")
+  endif()
+endforeach()
+
+# --- headers and libraries --------------------------------------------------------------------------------------------
+
+install(DIRECTORY libsrc/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/gilvane FILES_MATCHING PATTERN "*.h")
+install(TARGETS gilvane_static gilvane_shared EXPORT GilvaneTargets INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+# --- find_package(Gilvane) --------------------------------------------------------------------------------------------
+
+set(gilvane_config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Gilvane)
+install(EXPORT GilvaneTargets NAMESPACE Gilvane:: DESTINATION ${gilvane_config_dir})
+configure_package_config_file(cmake/GilvaneConfig.cmake.in ${PROJECT_BINARY_DIR}/GilvaneConfig.cmake
+  INSTALL_DESTINATION ${gilvane_config_dir} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/GilvaneConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/GilvaneConfig.cmake ${PROJECT_BINARY_DIR}/GilvaneConfigVersion.cmake
+  DESTINATION ${gilvane_config_dir})
+
+# --- gilvane.pc -------------------------------------------------------------------------------------------------------
+
+set(gilvane_pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH gilvane_pc_to_prefix /${gilvane_pc_dir} /)
+string(REGEX REPLACE "/$" "" gilvane_pc_to_prefix "${gilvane_pc_to_prefix}")
+list(TRANSFORM gilvane_definitions PREPEND " -D" OUTPUT_VARIABLE gilvane_pc_definitions)
+string(JOIN "" gilvane_pc_definitions ${gilvane_pc_definitions})
+configure_file(cmake/gilvane.pc.in ${PROJECT_BINARY_DIR}/gilvane.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/gilvane.pc DESTINATION ${gilvane_pc_dir})
+
+# --- packages ---------------------------------------------------------------------------------------------------------
+
+# dpkg, which cpack asks for the architecture and for what the library depends on, knows this machine's alone.
+if(CMAKE_CROSSCOMPILING)
+  return()
+endif()
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME libgilvane)
+set(CPACK_PACKAGE_DESCRIPTION "A pool owns memory blocks of one size and lends them by number.
+This package holds the static and the shared library, the headers, and what
+CMake and pkg-config need to find them.")
+set(CPACK_PACKAGE_CONTACT "Gilvane developers <developers@gilvane.invalid>")
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Also has the system's list of shared libraries brought up to date.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+include(CPack)

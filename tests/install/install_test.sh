@@ -1,0 +1,112 @@
+#!/usr/bin/env bash
+# The library serves programs in each of the ways that it can be had: installed, by find_package and by pkg-config; from
+# its sources, by add_subdirectory; from the Debian package, which is unpacked here and never installed.
+#
+#   tests/install/install_test.sh SOURCE_DIR BUILD_DIR SCRATCH_DIR VERSION
+set -euo pipefail
+cd "$1"
+build=$2
+scratch=$3
+version=$4
+emulator=()
+. tests/install/installation.sh
+rm -rf "$scratch"
+mkdir -p "$scratch"
+unset CMAKE_PREFIX_PATH PKG_CONFIG_PATH LD_LIBRARY_PATH CXXFLAGS LDFLAGS DESTDIR
+
+# --- the prefix -------------------------------------------------------------------------------------------------------
+
+prefix=$scratch/prefix
+silently cmake --install "$build" --prefix "$prefix"
+expectInstalled "$prefix"
+expectMovable "$prefix"
+
+# Programs find the library by its soname, and in it this system's own symbols alone.
+expectHolds "the shared library" "$(readelf -d "$prefix/lib/libgilvane.so")" "SONAME.*\[libgilvane\.so\.${version%%.*}\]"
+symbols=$(nm --dynamic --defined-only --demangle "$prefix/lib/libgilvane.so" | sed -E 's/^[0-9a-f]+ . //')
+expectHolds "the list of symbols" "$symbols" '^Gilvane::GVMemoryPool::releaseObject\(unsigned int\)' \
+    '^typeinfo for Gilvane::GVException'
+! grep -vE '^(typeinfo for |typeinfo name for |vtable for )?Gilvane::' <<<"$symbols" ||
+    fail "the shared library offers the symbols above"
+
+(cd "$prefix/include" && find gilvane -name '*.h' -print0) |
+    xargs -0 -n 1 -P 2 sh -c 'printf "#include <%s>\n" "$1" |
+        g++ -std=c++17 -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -I "$0/include" -fsyntax-only -x c++ - || {
+            echo "installed, $1 does not stand alone" >&2
+            exit 255
+        }' "$prefix"
+
+# --- find_package -----------------------------------------------------------------------------------------------------
+
+expectConsumerServed by_find_package static -DCMAKE_PREFIX_PATH="$prefix"
+
+# --- pkg-config, by the README's commands -----------------------------------------------------------------------------
+
+# compile PREFIX_OF_PC PATTERN: runs the one line of the README that the pattern matches, in a folder with the program.
+compile() {
+    local line
+    line=$(grep -E -- "$2" README.md) || fail "README.md has no line that matches '$2'"
+    rm -rf "$scratch/by_pkg_config"
+    cp -r tests/install/consumer "$scratch/by_pkg_config"
+    (cd "$scratch/by_pkg_config" && PKG_CONFIG_PATH=$1 silently sh -c "$line")
+}
+compile "$prefix/lib/pkgconfig" '^g\+\+ .*pkg-config --cflags --libs gilvane'
+expectServed shared env LD_LIBRARY_PATH="$prefix/lib" "$scratch/by_pkg_config/program"
+compile "$prefix/lib/pkgconfig" '^g\+\+ .* -static .*pkg-config --static --cflags --libs gilvane'
+expectServed static "$scratch/by_pkg_config/program"
+
+# ask OPTION...: what pkg-config says of the library.
+ask() { PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config "$@" gilvane; }
+[[ $(ask --modversion) == "$version" ]] || fail "gilvane.pc tells another version: $(ask --modversion)"
+# With this C library programs link without it; with older ones they do not.
+expectHolds "what static programs link with" "$(ask --static --libs)" ' -pthread\b'
+
+# --- the Debian package -----------------------------------------------------------------------------------------------
+
+# Made as a distributor would: an optimised build, the shared library for everyone who does not choose, and the folder
+# for libraries of this kind of machine. Moved after it has been unpacked.
+libdir=lib/$(g++ -print-multiarch)
+silently cmake --preset release -B "$scratch/release" -DBUILD_SHARED_LIBS=ON -DGILVANE_BUILD_EXAMPLES=OFF \
+    -DCMAKE_INSTALL_LIBDIR="$libdir"
+silently cmake --build "$scratch/release" -j 2
+silently cpack --config "$scratch/release/CPackConfig.cmake" -B "$scratch/package"
+package=$scratch/package/libgilvane_${version}_$(dpkg --print-architecture).deb
+[[ -f $package ]] || fail "cpack did not make $package"
+expectHolds "the package" "$(dpkg-deb --field "$package")" "^Package: libgilvane$" "^Version: $version$" \
+    "^Maintainer: Gilvane developers <" "^Depends: .*libc6 .*libstdc\+\+6 "
+dpkg-deb -x "$package" "$scratch/unpacked"
+mv "$scratch/unpacked/usr" "$scratch/moved"
+expectMovable "$scratch/moved"
+expectConsumerServed by_package shared -DCMAKE_PREFIX_PATH="$scratch/moved"
+compile "$scratch/moved/$libdir/pkgconfig" '^g\+\+ .*pkg-config --cflags --libs gilvane'
+expectServed shared env LD_LIBRARY_PATH="$scratch/moved/$libdir" "$scratch/by_pkg_config/program"
+
+# --- add_subdirectory -------------------------------------------------------------------------------------------------
+
+consumer=$scratch/consumer
+cp -r tests/install/consumer "$consumer"
+ln -s "$PWD" "$consumer/gilvane"
+expectConsumerServed by_add_subdirectory static
+
+# The program's own project stays as it was.
+added=$scratch/by_add_subdirectory
+# Of its programs, not of the library's sources.
+commands=$(grep -F '"command":' "$added/compile_commands.json" | grep -F -- "$consumer/main.cpp")
+[[ -n $commands ]] || fail "no command compiles the consumer"
+! grep -E -- ' -(W|std=c\+\+17|fvisibility)' <<<"$commands" || fail "the library's flags leak into the commands above"
+! grep -E '^BUILD_SHARED_LIBS|^BUILD_TESTING' "$added/CMakeCache.txt" || fail "the options above were set for it"
+targets=$(ninja -C "$added" -t targets all)
+! grep -E 'quickstart|parallel_gzip|_tests' <<<"$targets" || fail "more than the library is built"
+[[ $(ctest --test-dir "$added" -N) == *"Total Tests: 0"* ]] || fail "the library's tests are among the program's"
+silently cmake --install "$added" --prefix "$scratch/of_the_consumer"
+[[ ! -e $scratch/of_the_consumer ]] || fail "the library is installed with the program"
+
+# --- the README's lines for CMake -------------------------------------------------------------------------------------
+
+shown=$(sed -n '/^```cmake$/,/^```$/{//!p}' README.md | sed 's/ *#.*//')
+[[ -n $shown ]] || fail "README.md shows no lines for CMake"
+while IFS= read -r line; do
+    sed 's/^ *//' tests/install/consumer/CMakeLists.txt | grep -qxF -- "$line" ||
+        fail "README.md shows a line that the consumer does without: $line"
+done <<<"$shown"
+rm -rf "$scratch"
