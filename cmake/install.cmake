@@ -1,5 +1,5 @@
-# What `cmake --install` puts into a prefix, and cpack into a package. A prefix may be moved afterwards: whatever names a
-# folder in it does so from where it stands itself.
+# What `cmake --install` puts into a prefix, and cpack into a package. A prefix may be moved afterwards: a file in it
+# that names a folder does so from where it stands itself.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 foreach(dir LIBDIR INCLUDEDIR)

@@ -22,19 +22,22 @@ expectInstalled "$prefix"
 expectMovable "$prefix"
 
 # Programs find the library by its soname, and in it this system's own symbols alone.
-expectHolds "the shared library" "$(readelf -d "$prefix/lib/libgilvane.so")" "SONAME.*\[libgilvane\.so\.${version%%.*}\]"
+expectHolds "the shared library" "$(readelf -d "$prefix/lib/libgilvane.so")" \
+    "SONAME.*\[libgilvane\.so\.${version%%.*}\]"
 symbols=$(nm --dynamic --defined-only --demangle "$prefix/lib/libgilvane.so" | sed -E 's/^[0-9a-f]+ . //')
 expectHolds "the list of symbols" "$symbols" '^Gilvane::GVMemoryPool::releaseObject\(unsigned int\)' \
     '^typeinfo for Gilvane::GVException'
 ! grep -vE '^(typeinfo for |typeinfo name for |vtable for )?Gilvane::' <<<"$symbols" ||
     fail "the shared library offers the symbols above"
 
-(cd "$prefix/include" && find gilvane -name '*.h' -print0) |
-    xargs -0 -n 1 -P 2 sh -c 'printf "#include <%s>\n" "$1" |
-        g++ -std=c++17 -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -I "$0/include" -fsyntax-only -x c++ - || {
-            echo "installed, $1 does not stand alone" >&2
-            exit 255
-        }' "$prefix"
+# alone HEADER: compiles a program that includes this header and nothing else.
+alone() {
+    g++ -std=c++17 -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -I "$prefix/include" -fsyntax-only -x c++ - \
+        <<<"#include <$1>" || fail "installed, $1 does not stand alone"
+}
+export -f alone fail
+export prefix
+(cd "$prefix/include" && find gilvane -name '*.h' -print0) | xargs -0 -I HEADER -P 2 bash -c 'alone "$1"' alone HEADER
 
 # --- find_package -----------------------------------------------------------------------------------------------------
 

@@ -37,8 +37,8 @@ expectInstalled() {
         fail "what should be installed (<) is not what is (>)"
 }
 
-# expectMovable PREFIX: what build systems read names neither the folders it was made in, nor the one it lies in, nor the
-# one that it was once meant for.
+# expectMovable PREFIX: what build systems read names neither the folders it was made in, nor the one it lies in, nor
+# the one that it was once meant for.
 expectMovable() {
     local files
     mapfile -t files < <(find "$1" -name '*.cmake' -o -name '*.pc')
