@@ -1,0 +1,31 @@
+// A deep copy of a pool as a picture of an earlier state, and the one way to end both.
+#include <gilvane/utilities/gvmemorypool.h>
+
+#include <iostream>
+
+using Gilvane::GVMemoryPool;
+using Gilvane::GVSmartPointer;
+
+int main() {
+    auto pool = GVMemoryPool::initWithNumberOfObjectsAndSize(4, 64, true);
+    // [copy]
+    // The copy holds the same blocks under the same tokens and the same lock, and a free list of its own. It is made on
+    // the heap and never deleted, since deleting it would delete the blocks of `pool`.
+    static auto* const earlier = new GVSmartPointer<GVMemoryPool>(pool.deepCopy());
+    std::cout << "same blocks: " << (*pool == **earlier) << "\n";
+    // [copy]
+
+    // [apart]
+    // A loan from one is not known to the other.
+    const unsigned int token = pool->getTokenForFreeMemoryObject();
+    std::cout << "in use: " << pool->numberOfObjectsInPoolInUse() << " and " << (*earlier)->numberOfObjectsInPoolInUse()
+              << "\n";
+    std::cout << "same bytes: " << (pool->getMemoryForToken(token) == (*earlier)->getMemoryForToken(token)) << "\n";
+
+    // Blocks built later belong to one alone.
+    pool->resizePool(8);
+    std::cout << "same blocks: " << (*pool == **earlier) << "\n";
+    // [apart]
+
+    // `pool` goes here, with all blocks and the lock. From now on `*earlier` must not be touched.
+}
