@@ -3,12 +3,18 @@
 # To build the library and the examples.
 buildPackages=(cmake ninja-build g++ zlib1g-dev gzip)
 
+# To make the site.
+sitePackages=(cmake ninja-build g++ doxygen python3)
+
+# To take its picture.
+sitePicturePackages=("${sitePackages[@]}" chromium fonts-dejavu-core)
+
 # To run the tests as well.
 testPackages=(
-    "${buildPackages[@]}"
+    "${buildPackages[@]}" "${sitePackages[@]}"
     clang libclang-rt-dev llvm clang-format clang-tidy libgtest-dev
     g++-arm-linux-gnueabihf qemu-user googletest abigail-tools python3
-    pkg-config dpkg-dev file
+    pkg-config dpkg-dev file libmimalloc-dev
 )
 
 # To count instructions.

@@ -72,14 +72,14 @@ class GILVANE_EXPORT GVObject {
     /// Gives back what an `operator new` of this class returned, through the deallocation function in its header word.
     /// Null is allowed and does nothing.
     static void operator delete(void* p) noexcept;
-    /// @copydoc operator delete(void*)
+    /// As the ordinary form, for a `new (std::nothrow)` whose constructor threw.
     static void operator delete(void* p, const std::nothrow_t&) noexcept;
     /// Undoes a placement new whose constructor threw: releases nothing.
     static void operator delete(void*, void*) noexcept {}
 
     /// Gives back what an `operator new[]` of this class returned; null is allowed and does nothing.
     static void operator delete[](void* p) noexcept;
-    /// @copydoc operator delete[](void*)
+    /// As the ordinary form, for a `new (std::nothrow)` whose constructor threw.
     static void operator delete[](void* p, const std::nothrow_t&) noexcept;
     /// Undoes a placement new whose constructor threw: releases nothing.
     static void operator delete[](void*, void*) noexcept {}

@@ -27,6 +27,10 @@ namespace Gilvane {
 template <typename T>
 class GILVANE_EXPORT GVStdAllocator : public GVObject {
   public:
+    /// @name Types
+    /// @{
+
+    /// As containers expect it of an allocator.
     using value_type = T;
     using pointer = T*;
     using const_pointer = const T*;
@@ -36,9 +40,12 @@ class GILVANE_EXPORT GVStdAllocator : public GVObject {
     using difference_type = std::ptrdiff_t;
     using is_always_equal = std::true_type; // said aloud: the virtual destructor makes the class non-empty
 
+    /// @}
+
+    /// How containers ask for the allocator of another type.
     template <typename U>
     struct rebind {
-        using other = GVStdAllocator<U>;
+        using other = GVStdAllocator<U>; ///< that allocator
     };
 
     GVStdAllocator() noexcept = default;
@@ -92,6 +99,7 @@ class GILVANE_EXPORT GVStdAllocator : public GVObject {
 
     /// The object's address, even where its type overloads `operator&`.
     pointer address(reference object) const noexcept { return std::addressof(object); }
+    /// As for one that may be changed.
     const_pointer address(const_reference object) const noexcept { return std::addressof(object); }
 };
 

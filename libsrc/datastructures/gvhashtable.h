@@ -51,10 +51,10 @@ class GILVANE_EXPORT GVHashTableEntry : public GVObject {
     /// @returns `stream`
     std::ostream& WriteEntry(std::ostream& stream);
 
-    K theKey;
-    V theValue;
-    unsigned int theHash;  // of theKey; set when a key is first written to the slot
-    unsigned int theState; // a GVHashTableEntryState
+    K theKey;              ///< unset until the slot is first used
+    V theValue;            ///< likewise
+    unsigned int theHash;  ///< of theKey; set when a key is first written to the slot
+    unsigned int theState; ///< a GVHashTableEntryState
 };
 
 template <typename K, typename V>
@@ -119,7 +119,7 @@ class GVHashTable;
 template <typename K, typename V>
 class GILVANE_EXPORT GVHashTableEntry_Iterator : public GVObject {
   public:
-    using Entry = GVHashTableEntry<K, V>;
+    using Entry = GVHashTableEntry<K, V>; ///< one slot
 
     /// An iterator that is not ready: every operation on it but comparison throws.
     GVHashTableEntry_Iterator() : theTable(nullptr), theCapacity(0), theIndex(0) {}
@@ -148,6 +148,7 @@ class GILVANE_EXPORT GVHashTableEntry_Iterator : public GVObject {
     bool operator==(const GVHashTableEntry_Iterator& other) const {
         return theTable == other.theTable && theCapacity == other.theCapacity && theIndex == other.theIndex;
     }
+    /// The opposite of `==`.
     bool operator!=(const GVHashTableEntry_Iterator& other) const { return !(*this == other); }
 
   private:
@@ -284,9 +285,9 @@ GVHashTableEntry<K, V>* GVHashTableEntry_Iterator<K, V>::occupiedEntry() const {
 template <typename K, typename V, typename H = GVGenericHashFunction<K>>
 class GILVANE_EXPORT GVHashTable : public GVObject {
   public:
-    using Entry = GVHashTableEntry<K, V>;
-    using Iterator = GVHashTableEntry_Iterator<K, V>;
-    using KeyList = std::list<K, GVStdAllocator<K>>;
+    using Entry = GVHashTableEntry<K, V>; ///< one slot
+    using Iterator = GVHashTableEntry_Iterator<K, V>; ///< a position among the slots
+    using KeyList = std::list<K, GVStdAllocator<K>>;  ///< what get_keys returns
 
     /// An empty table of 8 slots; takes no heap memory.
     GVHashTable();
@@ -306,6 +307,7 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     /// Finds the slot of a key, or the slot where it would be stored.
     ///
     /// A deleted slot past the home slot ends the search, so a key stored beyond it is not found.
+    /// @param key   what to find
     /// @param hash  the key's hash; it is trusted
     /// @returns     null only for a table that has no slot array
     /// @par Complexity  constant on average, whatever was removed; linear in the slots at worst
@@ -371,6 +373,7 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     /// Whether both tables hold the same keys with values that are equal by V's `==`; sizes and order do not matter.
     /// The other is asked for keys by this table's hash function and by its own; where these differ, so do the tables.
     bool operator==(const GVHashTable& other) const;
+    /// The opposite of `==`.
     bool operator!=(const GVHashTable& other) const { return !(*this == other); }
 
     /// Writes every entry as text, in the iterator's order. Takes no lock.

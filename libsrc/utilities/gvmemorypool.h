@@ -52,6 +52,7 @@ class GILVANE_EXPORT GVMemoryPoolObject : public GVObject {
 
     /// Whether address, length and token are equal; what the bytes hold does not matter.
     bool operator==(const GVMemoryPoolObject& other) const;
+    /// The opposite of `==`.
     bool operator!=(const GVMemoryPoolObject& other) const { return !(*this == other); }
 
     /// Writes address, length and token as text.
@@ -105,8 +106,12 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     /// @throws whatever the constructor throws, leaving what the constructor leaves; or the pointer's, after which the
     ///         pool is deleted
     /// @{
+
+    /// As GVMemoryPool(bool).
     static GVSmartPointer<GVMemoryPool> init(bool useMutex);
+    /// As GVMemoryPool(unsigned int, bool).
     static GVSmartPointer<GVMemoryPool> initWithNumberOfObjects(unsigned int numberOfObjects, bool useMutex);
+    /// As GVMemoryPool(unsigned int, unsigned int, bool).
     static GVSmartPointer<GVMemoryPool> initWithNumberOfObjectsAndSize(unsigned int numberOfObjects,
                                                                        unsigned int bytesPerObject, bool useMutex);
     /// @}
@@ -222,6 +227,7 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     /// Whether both pools hold the very same blocks under the same tokens and build blocks of the same size.
     /// @par Threads  takes no lock
     bool operator==(const GVMemoryPool& other) const;
+    /// The opposite of `==`.
     bool operator!=(const GVMemoryPool& other) const { return !(*this == other); }
 
     /// Writes table, block size and lock as text. Takes no lock: seen while other threads change it, the pool may be

@@ -100,7 +100,9 @@ class GILVANE_EXPORT GVSmartPointer : public GVObject {
 
     /// The object; null when empty.
     T* get() const noexcept { return object; }
+    /// The object's members; misuse when empty.
     T* operator->() const noexcept { return object; }
+    /// The object; misuse when empty.
     T& operator*() const noexcept { return *object; }
     /// Whether there is an object.
     explicit operator bool() const noexcept { return object != nullptr; }
