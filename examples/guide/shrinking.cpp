@@ -3,7 +3,6 @@
 #include <gilvane/utilities/gvmemorypool.h>
 
 #include <iostream>
-#include <vector>
 
 using Gilvane::GVHashTable;
 using Gilvane::GVMemoryPool;
@@ -51,11 +50,11 @@ int main() {
     // Tokens in one run, no further apart than the table has slots, are each found at the first look, where no removed
     // neighbour stands before them: the pool is built in one go, and no other pool builds blocks meanwhile.
     GVMemoryPool inOneGo(100, 64, false);
-    std::vector<unsigned int> tokens;
-    for (int loan = 0; loan < 100; ++loan) {
-        tokens.push_back(inOneGo.getTokenForFreeMemoryObject());
+    unsigned int lent[100];
+    for (unsigned int& each : lent) {
+        each = inOneGo.getTokenForFreeMemoryObject();
     }
-    for (const unsigned int each : tokens) {
+    for (const unsigned int each : lent) {
         inOneGo.releaseObject(each);
     }
     inOneGo.resizePool(40); // every loan is back: nobody holds a dead token

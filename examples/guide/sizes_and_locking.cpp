@@ -18,7 +18,9 @@ int main() {
     auto shared = GVMemoryPool::initWithNumberOfObjectsAndSize(32, 256, true);
     auto secondOwner = shared;
     // [several threads]
-    std::cout << "shared has " << secondOwner.getRefCount() << " owners\n";
+    std::cout << "shared has " << secondOwner.getRefCount() << " owners, ";
+    secondOwner = {}; // an empty pointer: the share is given up
+    std::cout << "then " << shared.getRefCount() << "\n";
 
     // [later]
     // Nothing is built before the first loan, which then builds all 32.
