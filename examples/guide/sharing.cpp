@@ -59,6 +59,7 @@ int main() {
                 // The address stays good until the block goes, so it is asked for once; the bytes are this thread's.
                 auto* const bytes = static_cast<volatile unsigned int*>(pool->getMemoryForToken(token));
                 *bytes = self;
+                std::this_thread::yield(); // others get their turn, so that two borrowers of one block would be seen
                 if (*bytes != self) {
                     overlapped = true;
                 }
