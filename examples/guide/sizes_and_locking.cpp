@@ -37,4 +37,11 @@ int main() {
     const bool hasBytes = numbers.getMemoryForToken(number) != nullptr;
     // [numbers]
     std::cout << "numbers lends " << number << (hasBytes ? ", with bytes" : ", without bytes") << "\n";
+
+    // [forgotten]
+    // The last argument is missing. Compilers say nothing: 32 blocks without bytes, and 256 stands for `true`.
+    GVMemoryPool forgotten(32, 256); // NOLINT(modernize-use-bool-literals): the check of clang-tidy that finds it
+    const bool noBytes = forgotten.getMemoryForToken(forgotten.getTokenForFreeMemoryObject()) == nullptr;
+    // [forgotten]
+    std::cout << "forgotten lends blocks " << (noBytes ? "without bytes" : "with bytes") << "\n";
 }
