@@ -285,7 +285,7 @@ GVHashTableEntry<K, V>* GVHashTableEntry_Iterator<K, V>::occupiedEntry() const {
 template <typename K, typename V, typename H = GVGenericHashFunction<K>>
 class GILVANE_EXPORT GVHashTable : public GVObject {
   public:
-    using Entry = GVHashTableEntry<K, V>; ///< one slot
+    using Entry = GVHashTableEntry<K, V>;             ///< one slot
     using Iterator = GVHashTableEntry_Iterator<K, V>; ///< a position among the slots
     using KeyList = std::list<K, GVStdAllocator<K>>;  ///< what get_keys returns
 
