@@ -56,10 +56,10 @@ int main() {
             for (int loan = 0; loan < 1000; ++loan) {
                 limit.enter();
                 const unsigned int token = pool->getTokenForFreeMemoryObject();
-                // The address stays good until the block goes, so it is asked for once; the bytes are this thread's.
+                // The address stays good until the block goes; the bytes are this thread's.
                 auto* const bytes = static_cast<volatile unsigned int*>(pool->getMemoryForToken(token));
                 *bytes = self;
-                std::this_thread::yield(); // others get their turn, so that two borrowers of one block would be seen
+                std::this_thread::yield(); // so that two borrowers of one block would be seen
                 if (*bytes != self) {
                     overlapped = true;
                 }
