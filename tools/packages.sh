@@ -15,6 +15,7 @@ testPackages=(
     clang libclang-rt-dev llvm clang-format clang-tidy libgtest-dev
     g++-arm-linux-gnueabihf qemu-user googletest abigail-tools python3
     pkg-config dpkg-dev file libmimalloc-dev
+    gdb gdb-multiarch binutils
 )
 
 # To count instructions.

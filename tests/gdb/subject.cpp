@@ -1,0 +1,183 @@
+// What the debugger is asked to show: objects of every kind, whole and damaged, and what the library writes of them.
+//
+//   gdb_subject WORK_FOLDER [core]
+//
+// Writes into WORK_FOLDER the dump of each pool, and names for the addresses that a debugger will show; then calls
+// lookAround, where a debugger stops. With `core`, a fault ends the process there.
+#include <gilvane/base/gvexception.h>
+#include <gilvane/utilities/gvmemorypool.h>
+
+#include "gvtestpeer.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+using namespace Gilvane;
+
+using Peer = GVTestPeer;
+using Words = GVHashTable<int, const char*>;
+using PoolPointer = GVSmartPointer<GVMemoryPool>;
+
+// The debugger finds these by name, however much the compiler optimises.
+alignas(GVMemoryPool) char zeros[1024];
+alignas(GVMemoryPool) char ones[1024];
+Words::Entry *occupiedEntry, *emptyEntry, *deletedEntry, *damagedEntry;
+TokenTable *tableWithoutSlots, *tableOfOddSize, *tableOfWrongCount, *copiedTable, *unreadableTable;
+GVMemoryPoolObject *plainBlock, *emptyBlock, *damagedBlock;
+GVMemoryPool *poolPointer, *nullPointer, *damagedPool, *unreadablePool;
+PoolPointer *damagedPointer, *unreadablePointer;
+
+namespace {
+
+class LargePool : public GVMemoryPool {
+  public:
+    LargePool() : GVMemoryPool(3000, 16, false) {}
+};
+
+std::string theFolder;
+std::ofstream theNames;
+
+void name(const void* address, const std::string& text) { theNames << address << " [" << text << "]\n"; }
+
+void nameParts(const GVMemoryPool& constant, const std::string& text) {
+    auto& pool = const_cast<GVMemoryPool&>(constant); // the peer's accessors write too
+    name(&pool, text);
+    if (Peer::mutexHandle(pool) != nullptr) {
+        name(Peer::mutexHandle(pool), "handle of " + text);
+    }
+    for (GVMemoryPoolObject* const block : Peer::table(pool)) {
+        name(block, "block " + std::to_string(block->getToken()));
+    }
+}
+
+void dump(const GVMemoryPool& pool, const char* file) { std::ofstream(theFolder + "/" + file + ".dump") << pool; }
+
+// A copy of an object's bytes, to be damaged and never destroyed.
+template <typename T>
+T* bytesOf(const T& object) {
+    void* const bytes = std::calloc(1, sizeof(T));
+    std::memcpy(bytes, static_cast<const void*>(&object), sizeof(T));
+    return static_cast<T*>(bytes);
+}
+
+// No page of a process on Linux lies that low.
+template <typename T>
+T* unreadable() {
+    return reinterpret_cast<T*>(std::uintptr_t{64});
+}
+
+Words::Entry* firstInState(Words& words, unsigned int state) {
+    Words::Entry* entry = Peer::slots(words);
+    while (entry->theState != state) {
+        ++entry;
+    }
+    return entry;
+}
+
+} // namespace
+
+// Takes all that shall be in memory when the debugger looks.
+extern "C" __attribute__((noinline)) void lookAround(const void* const* objects, bool faults) {
+    __asm__ volatile("" : : "r"(objects) : "memory");
+    if (faults) {
+        __builtin_trap();
+    }
+}
+
+int main(int numberOfArguments, char** arguments) {
+    theFolder = arguments[1];
+    theNames.open(theFolder + "/names");
+    std::memset(ones, 0xff, sizeof ones);
+    name(reinterpret_cast<void*>(UINTPTR_MAX), "all ones");
+
+    const TokenTable emptyTable;
+    Words words;
+    words.insert(1, "one");
+    words.insert(-3, "minus three");
+    words.insert(6, "six");
+    words.remove(6);
+    for (Words::Entry* entry = Peer::slots(words); entry < Peer::slots(words) + 8; ++entry) {
+        if (entry->theState != gvemptyentry) {
+            name(entry->theValue, "text");
+        }
+    }
+    occupiedEntry = firstInState(words, gvoccupiedentry);
+    emptyEntry = firstInState(words, gvemptyentry);
+    deletedEntry = firstInState(words, gvdeletedentry);
+    damagedEntry = bytesOf(*occupiedEntry);
+    damagedEntry->theState = 77;
+    tableWithoutSlots = bytesOf(emptyTable);
+    Peer::slots(*tableWithoutSlots) = nullptr;
+    tableOfOddSize = bytesOf(emptyTable);
+    Peer::mask(*tableOfOddSize) = 12345;
+    tableOfWrongCount = bytesOf(emptyTable);
+    Peer::usedCount(*tableOfWrongCount) = 3;
+    copiedTable = bytesOf(emptyTable);
+    unreadableTable = bytesOf(emptyTable);
+    Peer::mask(*unreadableTable) = 15;
+    Peer::slots(*unreadableTable) = unreadable<TokenTable::Entry>();
+    name(&emptyTable, "empty table");
+    name(Peer::smallSlots(emptyTable), "slots of empty table");
+
+    const Words::Iterator firstWord = words.begin();
+    const Words::Iterator noMoreWords = words.end();
+    const Words::Iterator noTable;
+    const Words::Iterator lostIterator = Peer::iteratorOn(Peer::slots(words), 9, 9);
+
+    Peer::nextToken() = 10;
+    const GVMemoryPoolObject block(24);
+    const GVMemoryPoolObject blockWithoutBytes;
+    plainBlock = bytesOf(block);
+    emptyBlock = bytesOf(blockWithoutBytes);
+    damagedBlock = bytesOf(block);
+    Peer::bytes(*damagedBlock) = nullptr;
+    name(block.getBytes(), "bytes of block");
+
+    Peer::nextToken() = 100;
+    const GVMemoryPool emptyPool(false);
+    GVMemoryPool pool(3, 64, true);
+    pool.getTokenForFreeMemoryObject();
+    const GVMemoryPool& poolReference = pool;
+    poolPointer = &pool;
+    const LargePool largePool;
+    nameParts(pool, "pool");
+    nameParts(largePool, "large pool");
+    damagedPool = bytesOf(pool);
+    Peer::mutexHandle(*damagedPool) = nullptr;
+    Peer::slots(Peer::table(*damagedPool)) = nullptr;
+    unreadablePool = bytesOf(pool);
+    Peer::slots(Peer::table(*unreadablePool)) = unreadable<TokenTable::Entry>();
+
+    const PoolPointer shared = GVMemoryPool::initWithNumberOfObjectsAndSize(2, 8, true);
+    const PoolPointer sharedAgain = shared;
+    const PoolPointer emptyPointer;
+    const PoolPointer borrowed(&pool, false, false);
+    nameParts(*shared, "shared pool");
+    damagedPointer = bytesOf(shared);
+    Peer::refCount(*damagedPointer) = nullptr;
+    unreadablePointer = bytesOf(shared);
+    Peer::refCount(*unreadablePointer) = unreadable<unsigned int>();
+
+    const GVException exception("A \"quoted\"\ttext.", "libsrc/utilities/gvmemorypool", 17, gvoutofmemory, -3);
+    const GVException ordinaryExceptions[] = {{"State", "a file", 1, gvinvalidstate, 0},
+                                              {"Iterator", "a file", 2, gviteratormisuse, 0},
+                                              {"Table", "a file", 3, gvhashtablefailure, 0}};
+    const GVException strangeException("", "a file", 1, static_cast<gvexceptiontype>(99), 0);
+
+    dump(emptyPool, "emptyPool");
+    dump(pool, "pool");
+    dump(largePool, "largePool");
+    dump(*shared, "shared");
+    theNames.close();
+
+    const void* const objects[] = {
+        &emptyTable, &words,       &firstWord,     &noMoreWords,      &noTable,           &lostIterator, &block,
+        &emptyPool,  &pool,        &poolReference, &largePool,        &blockWithoutBytes, &shared,       &borrowed,
+        &exception,  &sharedAgain, &emptyPointer,  &strangeException, ordinaryExceptions,
+    };
+    lookAround(objects, numberOfArguments > 2);
+    return 0;
+}
