@@ -16,8 +16,8 @@ fail() {
 look() {
     local commands=() command
     for command in "$@"; do commands+=(-ex "$command"); done
-    timeout 100 gdb -batch -nx -iex "set auto-load safe-path $prefix/share/gdb/auto-load" -ex "set environment LD_LIBRARY_PATH $folder" \
-        -ex 'break lookAround' -ex "run $work" -ex 'frame function main' "${commands[@]}" "$program" 2>&1 </dev/null
+    timeout 100 gdb -batch -nx -iex "set auto-load safe-path $prefix/share/gdb/auto-load" \
+        -ex "set environment LD_LIBRARY_PATH $folder" -ex 'break lookAround' -ex "run $work" -ex 'frame function main' "${commands[@]}" "$program" 2>&1 </dev/null
 }
 
 rm -rf "$work"
