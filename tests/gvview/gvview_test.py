@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """The picture of a pool shows what the input holds, and says what it does not.
 
-    gvview_test.py GVVIEW FOLDER [REAL_DUMP ...]
+    gvview_test.py GVVIEW FOLDER REAL_INPUT...
 
-FOLDER holds the inputs that are known by heart; REAL_DUMPs come from a program.
+FOLDER holds the inputs that are known by heart; the REAL_INPUTs come from a program.
 """
 
 import subprocess
@@ -13,7 +13,7 @@ import xml.etree.ElementTree as ElementTree
 from html.parser import HTMLParser
 
 gvview, folder = sys.argv[1:3]
-realDumps = sys.argv[3:]
+realInputs = sys.argv[3:]
 
 
 def run(text):
@@ -185,12 +185,14 @@ class Dump(Picture):
                       for title, _ in page.cells["memory"])
         self.assertEqual(counted, 100000)
 
-    def test_ofARealProgramIsRead(self):
-        self.assertGreater(len(realDumps), 0)
-        for name in realDumps:
+
+class RealInput(Picture):
+    def test_isRead(self):
+        self.assertGreater(len(realInputs), 0)
+        for name in realInputs:
             text = read(name)
             page = self.page(text)
-            self.assertIn("blocks%d" % text.count("<K>"), page.text[""])
+            self.assertIn("blocks%d" % (text.count("<K>") + text.count("<block>")), page.text[""])
 
 
 class Report(Picture):
