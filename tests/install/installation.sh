@@ -33,6 +33,9 @@ expectInstalled() {
         printf 'lib/libgilvane.%s\n' a so "so.${version%%.*}" "so.$version"
         printf 'lib/cmake/Gilvane/Gilvane%s.cmake\n' Config ConfigVersion Targets Targets-BUILDTYPE
         echo lib/pkgconfig/gilvane.pc
+        echo bin/gvview
+        echo share/gdb/auto-load/gilvane/gilvane_gdb.py
+        echo "lib/libgilvane.so.$version-gdb.py"
     } | sort) <(find "$prefix" ! -type d -printf '%P\n' | sed 's|Targets-[a-z]*|Targets-BUILDTYPE|' | sort) ||
         fail "what should be installed (<) is not what is (>)"
 }
