@@ -93,22 +93,23 @@ class TokenRemoval {
     // True as often as the token is among those that are gone. It can be there more than once: a table may hold a key
     // twice, see GVHashTable::lookup.
     bool isToLeaveFreeList(unsigned int token) {
-        auto place = std::lower_bound(theTokens.cbegin() + theFirstGone, theTokens.cend(), token);
-        while (place != theTokens.cend() && *place == token) {
-            auto mark = theFoundMarks.begin() + (place - theTokens.cbegin());
+        const unsigned int* const tokens = theTokens.data();
+        const unsigned int* const end = tokens + theTokens.size();
+        for (auto place = std::lower_bound(tokens + theFirstGone, end, token); place != end && *place == token;
+             ++place) {
+            auto mark = theFoundMarks.begin() + (place - tokens);
             if (!*mark) {
                 *mark = true;
                 return true;
             }
-            ++place;
         }
         return false;
     }
 
     Tokens& theFreeTokens;
-    Tokens theTokens;                                      // to remove, in ascending order
     std::vector<bool, GVStdAllocator<bool>> theFoundMarks; // for each, whether it was found in the free list
-    std::ptrdiff_t theFirstGone;                           // index of the lowest that is gone already
+    Tokens theTokens;                                      // to remove, in ascending order
+    std::size_t theFirstGone;                              // index of the lowest that is gone already
 };
 
 } // namespace

@@ -135,7 +135,7 @@ FAULTS = [
     GVSmartPointer<GVMemoryPool> pointer(kept, true, true);
     static_cast<void>(pool.release());
 """),
-    ("the free list gets exactly the room it needs", "utilities/gvmemorypool.cpp",
+    ("the free list gets exactly the room it needs", "utilities/gvmemorypool.h",
      "    lockIfShared(guard);\n    availableTokens.push_back(token);\n",
      """    lockIfShared(guard);
     if (@) {
@@ -163,10 +163,10 @@ FAULTS = [
     ("an exception drops its message", "base/gvexception.cpp",
      "theMessage(message), theFile(file) {}", 'theMessage((@) ? "" : message), theFile(file) {}'),
     ("a shrinking pool that cannot list its tokens forgets a free one", "utilities/gvmemorypool.cpp",
-     "    auto tokens = memoryPool.get_keys();\n",
-     """    const auto list = [this] {
+     "    TokenRemoval removal(memoryPool, availableTokens, count - numberOfObjects);\n",
+     """    const auto list = [&] {
         try {
-            return memoryPool.get_keys();
+            return TokenRemoval(memoryPool, availableTokens, count - numberOfObjects);
         } catch (...) {
             if ((@) && !availableTokens.empty()) {
                 availableTokens.pop_back();
@@ -174,6 +174,6 @@ FAULTS = [
             throw;
         }
     };
-    auto tokens = list();
+    TokenRemoval removal = list();
 """),
 ]

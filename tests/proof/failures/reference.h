@@ -214,6 +214,18 @@ class Scope {
     Id theHandle;
 };
 
+/// Storage for the time of an operation: released on every way out.
+class Storage {
+  public:
+    explicit Storage(std::size_t bytes) : theBlock(requestOrThrow(bytes)) {}
+    Storage(const Storage&) = delete;
+    Storage& operator=(const Storage&) = delete;
+    ~Storage() { release(theBlock); }
+
+  private:
+    Id theBlock;
+};
+
 inline void deleteBlock(Id block) {
     if (block != 0) {
         release(world().blocks[block].bytes);
@@ -260,11 +272,6 @@ struct KeyList {
     std::vector<std::pair<unsigned int, Id>> nodes;
 
     void append(unsigned int key) { nodes.emplace_back(key, requestOrThrow(sizeof(Node))); }
-    void sort() { std::sort(nodes.begin(), nodes.end()); }
-    void dropLast() {
-        release(nodes.back().second);
-        nodes.pop_back();
-    }
 
     KeyList() = default;
     KeyList(KeyList&& other) noexcept : nodes(std::move(other.nodes)) { other.nodes.clear(); }
@@ -441,14 +448,22 @@ class Table {
         }
     }
 
-    KeyList get_keys() const {
-        KeyList keys;
+    std::vector<unsigned int> keys() const {
+        std::vector<unsigned int> keys;
         for (const Slot& slot : slots()) {
             if (slot.state == 1) {
-                keys.append(*slot.key);
+                keys.push_back(*slot.key);
             }
         }
         return keys;
+    }
+
+    KeyList get_keys() const {
+        KeyList list;
+        for (const unsigned int key : keys()) {
+            list.append(key);
+        }
+        return list;
     }
 
     bool operator==(Table& other) {
@@ -594,14 +609,18 @@ class Pool {
             build(numberOfObjects - count);
             return;
         }
-        KeyList keys = table.get_keys();
-        keys.sort();
-        for (unsigned int removed = count - numberOfObjects; removed > 0; --removed) {
-            const unsigned int token = keys.nodes.back().first;
+        const unsigned int surplus = count - numberOfObjects;
+        constexpr std::size_t bitsOfWord = 8 * sizeof(unsigned long);
+        const Storage marks((surplus + bitsOfWord - 1) / bitsOfWord * sizeof(unsigned long));
+        const Storage list(count * sizeof(unsigned int));
+        std::vector<unsigned int> tokens = table.keys();
+        std::sort(tokens.begin(), tokens.end());
+        for (unsigned int removed = surplus; removed > 0; --removed) {
+            const unsigned int token = tokens.back();
             deleteBlock(static_cast<Id>(table[token]));
             table.remove(token);
             removeTokenFromAvailableList(token);
-            keys.dropLast();
+            tokens.pop_back();
         }
     }
 

@@ -227,7 +227,11 @@ void Reference::resizeFor(unsigned int number, unsigned int blockCount, const Lo
             deleteBlock(blocks.items[entry->block],
                         loan != nullptr ? staleNumberRemovedALentBlock : shrinkingRemovedALentBlock);
             pool.table.erase(static_cast<unsigned int>(entry - pool.table.begin()));
-            const unsigned int* const position = std::find(pool.freeTokens.begin(), pool.freeTokens.end(), token);
+        }
+        // The tokens leave the free list together; nobody sees it before, since the lock is held.
+        for (unsigned int left = count; left > blockCount; --left) {
+            const unsigned int* const position =
+                std::find(pool.freeTokens.begin(), pool.freeTokens.end(), tokens[left - 1]);
             if (position != pool.freeTokens.end()) {
                 pool.freeTokens.erase(static_cast<unsigned int>(position - pool.freeTokens.begin()));
             }

@@ -2,7 +2,7 @@
 
 # name, file, text that stands there once, what stands there instead
 FAULTS = [
-    ("a token returned twice is refused", "utilities/gvmemorypool.cpp",
+    ("a token returned twice is refused", "utilities/gvmemorypool.h",
      "    lockIfShared(guard);\n    availableTokens.push_back(token);\n",
      """    lockIfShared(guard);
     if ((@) && std::find(availableTokens.begin(), availableTokens.end(), token) != availableTokens.end()) {
