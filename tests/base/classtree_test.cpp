@@ -6,6 +6,7 @@
 #include <gilvane/threads/gvthreadsfactory.h>
 #include <gilvane/utilities/gvmemorypool.h>
 #include <gilvane/utilities/gvsmartpointer.h>
+#include <gilvane/utilities/gvtokenlease.h>
 
 #include <gtest/gtest.h>
 
@@ -69,6 +70,7 @@ TEST(ClassTree, everyClassDerivesPubliclyFromTheRoot) {
     EXPECT_TRUE(isPublicHeirOfTheRoot<Iterator>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVGenericHashFunction<unsigned int>>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVSmartPointer<GVMemoryPool>>);
+    EXPECT_TRUE(isPublicHeirOfTheRoot<GVTokenLease>);
 }
 
 TEST(ClassTree, everyClassHasAVirtualDestructorThatDoesNotThrow) {
@@ -86,6 +88,7 @@ TEST(ClassTree, everyClassHasAVirtualDestructorThatDoesNotThrow) {
     EXPECT_TRUE(std::is_nothrow_destructible_v<Iterator>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVGenericHashFunction<unsigned int>>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVSmartPointer<GVMemoryPool>>);
+    EXPECT_TRUE(std::is_nothrow_destructible_v<GVTokenLease>);
 }
 
 TEST(ClassTree, noClassAddsAVirtualOperationToTheDestructors) {
@@ -100,6 +103,7 @@ TEST(ClassTree, noClassAddsAVirtualOperationToTheDestructors) {
     EXPECT_EQ(numberOfSlots<Entry>(), 2U);
     EXPECT_EQ(numberOfSlots<Iterator>(), 2U);
     EXPECT_EQ(numberOfSlots<GVGenericHashFunction<unsigned int>>(), 2U);
+    EXPECT_EQ(numberOfSlots<GVTokenLease>(), 2U);
 }
 
 TEST(ClassTree, aHandlesOperationsStandInTheirSlots) {

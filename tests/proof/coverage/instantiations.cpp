@@ -2,6 +2,7 @@
 // itself, for each way it compiles: what no test calls would otherwise not be compiled, and not be missed.
 
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvtokenlease.h>
 
 namespace Gilvane {
 
@@ -40,6 +41,8 @@ template class GVSmartPointer<GVMemoryPool>;
 template class GVSmartPointer<int>;
 template class GVSmartPointer<NotCopied>;
 template std::ostream& operator<< <int>(std::ostream&, const GVSmartPointer<int>&);
+
+template int& GVTokenLease::as<int>() const;
 
 } // namespace Gilvane
 

@@ -4,6 +4,7 @@
 #include <gilvane/base/gvrawblock.h>
 #include <gilvane/base/gvstdallocator.h>
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvtokenlease.h>
 
 #include <string>
 
@@ -46,6 +47,9 @@ void useFunctionTemplates(std::ostream& stream, GVStdAllocator<char>& characters
     std::string* const text = texts.allocate(1);
     texts.construct(text, "a");
     texts.destroy(text);
+    const GVTokenLease lease;
+    static_cast<void>(lease.as<char>());
+    static_cast<void>(lease.as<std::string>());
     stream << GVSmartPointer<GVCopied>() << GVSmartPointer<GVNeverCopied>();
 }
 
