@@ -381,6 +381,7 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     std::ostream& WriteTable(std::ostream& stream) const;
 
   private:
+    friend class GVMemoryPoolInspector;
     friend struct GVTestPeer;
 
     static constexpr unsigned int theSmallSize = 8;

@@ -236,6 +236,7 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     std::ostream& print(std::ostream& stream) const;
 
   private:
+    friend class GVMemoryPoolInspector;
     friend class GVTokenLease;
     friend struct GVTestPeer;
 

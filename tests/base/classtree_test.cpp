@@ -5,6 +5,7 @@
 #include <gilvane/threads/gvmutexhandle.h>
 #include <gilvane/threads/gvthreadsfactory.h>
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvmemorypoolinspector.h>
 #include <gilvane/utilities/gvsmartpointer.h>
 #include <gilvane/utilities/gvtokenlease.h>
 
@@ -71,6 +72,8 @@ TEST(ClassTree, everyClassDerivesPubliclyFromTheRoot) {
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVGenericHashFunction<unsigned int>>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVSmartPointer<GVMemoryPool>>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVTokenLease>);
+    EXPECT_TRUE(isPublicHeirOfTheRoot<GVInspectedBlock>);
+    EXPECT_TRUE(isPublicHeirOfTheRoot<GVMemoryPoolInspector>);
 }
 
 TEST(ClassTree, everyClassHasAVirtualDestructorThatDoesNotThrow) {
@@ -89,6 +92,8 @@ TEST(ClassTree, everyClassHasAVirtualDestructorThatDoesNotThrow) {
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVGenericHashFunction<unsigned int>>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVSmartPointer<GVMemoryPool>>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVTokenLease>);
+    EXPECT_TRUE(std::is_nothrow_destructible_v<GVInspectedBlock>);
+    EXPECT_TRUE(std::is_nothrow_destructible_v<GVMemoryPoolInspector>);
 }
 
 TEST(ClassTree, noClassAddsAVirtualOperationToTheDestructors) {
@@ -104,6 +109,8 @@ TEST(ClassTree, noClassAddsAVirtualOperationToTheDestructors) {
     EXPECT_EQ(numberOfSlots<Iterator>(), 2U);
     EXPECT_EQ(numberOfSlots<GVGenericHashFunction<unsigned int>>(), 2U);
     EXPECT_EQ(numberOfSlots<GVTokenLease>(), 2U);
+    EXPECT_EQ(numberOfSlots<GVInspectedBlock>(), 2U);
+    EXPECT_EQ(numberOfSlots<GVMemoryPoolInspector>(), 2U);
 }
 
 TEST(ClassTree, aHandlesOperationsStandInTheirSlots) {

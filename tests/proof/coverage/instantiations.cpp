@@ -2,6 +2,7 @@
 // itself, for each way it compiles: what no test calls would otherwise not be compiled, and not be missed.
 
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvmemorypoolinspector.h>
 #include <gilvane/utilities/gvtokenlease.h>
 
 namespace Gilvane {
@@ -15,6 +16,8 @@ struct NotCopied : GVObject {
 };
 
 enum Choice : int {};
+
+using Visitor = void (*)(const GVInspectedBlock&);
 
 } // namespace
 
@@ -43,6 +46,7 @@ template class GVSmartPointer<NotCopied>;
 template std::ostream& operator<< <int>(std::ostream&, const GVSmartPointer<int>&);
 
 template int& GVTokenLease::as<int>() const;
+template void GVMemoryPoolInspector::visitBlocks<Visitor>(Visitor&&) const;
 
 } // namespace Gilvane
 

@@ -4,6 +4,7 @@
 #include <gilvane/base/gvrawblock.h>
 #include <gilvane/base/gvstdallocator.h>
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvmemorypoolinspector.h>
 #include <gilvane/utilities/gvtokenlease.h>
 
 #include <string>
@@ -34,6 +35,8 @@ template class GVSmartPointer<GVNeverCopied>;
 template class GVStdAllocator<std::string>;
 template class GVStdAllocator<char>;
 
+void visitInspectedBlock(const GVInspectedBlock& block);
+
 void useFunctionTemplates(std::ostream& stream, GVStdAllocator<char>& characters, GVStdAllocator<std::string>& texts) {
     writeDumpValue(stream, &useFunctionTemplates);
     writeDumpValue(stream, &stream);
@@ -50,6 +53,10 @@ void useFunctionTemplates(std::ostream& stream, GVStdAllocator<char>& characters
     const GVTokenLease lease;
     static_cast<void>(lease.as<char>());
     static_cast<void>(lease.as<std::string>());
+    const GVMemoryPool pool(false);
+    const GVMemoryPoolInspector inspector(pool);
+    inspector.visitBlocks(visitInspectedBlock);
+    inspector.visitBlocks([](const GVInspectedBlock& block) { visitInspectedBlock(block); });
     stream << GVSmartPointer<GVCopied>() << GVSmartPointer<GVNeverCopied>();
 }
 

@@ -1,0 +1,231 @@
+#include <gilvane/utilities/gvmemorypoolinspector.h>
+
+#include <gilvane/base/gvdumpvalue.h>
+#include <gilvane/base/gvrawblock.h>
+#include <gilvane/threads/gvmutex.h>
+
+#include <algorithm>
+#include <iterator>
+
+namespace Gilvane {
+
+namespace {
+
+constexpr const char* theStateCharacters[] = {".", "o", "x"}; // by GVHashTableEntryState
+constexpr std::size_t theSlotsInALine = 64;
+
+// What the compiler puts before the first element of an array whose elements have destructors: their number and, on
+// 32-bit ARM, their size.
+#ifdef __ARM_EABI__
+constexpr std::size_t theArrayCookieBytes = 2 * sizeof(std::size_t);
+#else
+constexpr std::size_t theArrayCookieBytes = sizeof(std::size_t);
+#endif
+
+// The slots that the search for a key looks at until it comes to `slot`, which it does, since it visits every one.
+unsigned int probesTo(unsigned int slot, unsigned int hash, unsigned int mask) {
+    unsigned int count = 1;
+    unsigned int index = hash;
+    for (unsigned int perturb = hash; (index & mask) != slot; perturb >>= 5) {
+        index = 5 * index + 1 + perturb;
+        ++count;
+    }
+    return count;
+}
+
+template <typename T>
+void writeElement(std::ostream& stream, const char* name, const T& value) {
+    stream << "<" << name << ">";
+    writeDumpValue(stream, value);
+    stream << "</" << name << ">";
+}
+
+template <typename T>
+void writeLine(std::ostream& stream, const char* name, const T& value) {
+    stream << "\t";
+    writeElement(stream, name, value);
+    stream << "\n";
+}
+
+void writeTokens(std::ostream& stream, const char* name, const GVMemoryPoolInspector::TokenList& tokens) {
+    stream << "\t<" << name << ">";
+    const char* separator = "";
+    for (const unsigned int token : tokens) {
+        stream << separator;
+        writeDumpValue(stream, token);
+        separator = " ";
+    }
+    stream << "</" << name << ">\n";
+}
+
+void writeSlots(std::ostream& stream, const GVMemoryPoolInspector::StateList& states) {
+    stream << "\t<slots>\n";
+    for (std::size_t slot = 0; slot < states.size(); ++slot) {
+        stream << (slot % theSlotsInALine == 0 ? "\t\t" : "");
+        stream << theStateCharacters[states[slot]];
+        stream << ((slot + 1) % theSlotsInALine == 0 || slot + 1 == states.size() ? "\n" : "");
+    }
+    stream << "\t</slots>\n";
+}
+
+void writeBlock(std::ostream& stream, const GVInspectedBlock& block) {
+    stream << "\t<block>";
+    writeElement(stream, "token", block.theToken);
+    writeElement(stream, "bytes", block.theBytes);
+    writeElement(stream, "length", block.theLength);
+    stream << "<state>" << (block.isFree ? "free" : "lent") << "</state>";
+    writeElement(stream, "slot", block.theSlot);
+    writeElement(stream, "probes", block.theProbeCount);
+    stream << "</block>\n";
+}
+
+} // namespace
+
+GVMemoryPoolInspector::GVMemoryPoolInspector(const GVMemoryPool& pool) : thePool(&pool) {
+    TokenList keys;
+    TokenList freeTokens;
+    copyFrom(pool, keys, freeTokens);
+    evaluate(keys, freeTokens);
+}
+
+std::size_t GVMemoryPoolInspector::getBytesOfHeaderWords() const {
+    std::size_t count = theBlocks.size();
+    for (const GVInspectedBlock& block : theBlocks) {
+        count += block.theBytes != nullptr ? 1 : 0;
+    }
+    count += theBytesOfSlots != 0 ? 1 : 0;
+    count += theBytesOfFreeList != 0 ? 1 : 0;
+    return count * rawBlockHeaderBytes;
+}
+
+std::size_t GVMemoryPoolInspector::getBytesSpent() const {
+    return getBytesOfPool() + getBytesOfBlockObjects() + theBytesAskedFor + getBytesOfHeaderWords() + theBytesOfSlots +
+           theBytesOfFreeList;
+}
+
+std::size_t GVMemoryPoolInspector::getNumberOfSlots(GVHashTableEntryState state) const {
+    return static_cast<std::size_t>(std::count(theSlotStates.begin(), theSlotStates.end(), state));
+}
+
+double GVMemoryPoolInspector::getLoad() const {
+    const std::size_t filled = theSlotStates.size() - getNumberOfSlots(gvemptyentry);
+    return static_cast<double>(filled) / static_cast<double>(theSlotStates.size());
+}
+
+double GVMemoryPoolInspector::getMeanProbe() const {
+    return theReachedCount == 0 ? 0 : static_cast<double>(theProbeSum) / static_cast<double>(theReachedCount);
+}
+
+bool GVMemoryPoolInspector::hasFindings() const {
+    return !theTokensTwiceFree.empty() || !theTokensUnknown.empty() || !theTokensUnreachable.empty() ||
+           !theTokensWithoutBlock.empty();
+}
+
+std::ostream& GVMemoryPoolInspector::print(std::ostream& stream) const {
+    stream << "<GVMemoryPoolInspector>\n";
+    writeLine(stream, "pool", thePool);
+    writeLine(stream, "numberOfBlocks", getNumberOfBlocks());
+    writeLine(stream, "numberOfFreeBlocks", getNumberOfFreeBlocks());
+    writeLine(stream, "numberOfLentBlocks", getNumberOfLentBlocks());
+    writeLine(stream, "numberOfFreeTokens", getNumberOfFreeTokens());
+    writeLine(stream, "bytesInEachObject", getBytesInEachObject());
+    writeLine(stream, "bytesAskedFor", getBytesAskedFor());
+    writeLine(stream, "bytesOfPool", getBytesOfPool());
+    writeLine(stream, "bytesOfBlockObjects", getBytesOfBlockObjects());
+    writeLine(stream, "bytesOfHeaderWords", getBytesOfHeaderWords());
+    writeLine(stream, "bytesOfSlots", getBytesOfSlots());
+    writeLine(stream, "bytesOfFreeList", getBytesOfFreeList());
+    writeLine(stream, "bytesSpent", getBytesSpent());
+    writeLine(stream, "tableSize", getTableSize());
+    writeLine(stream, "occupiedSlots", getNumberOfSlots(gvoccupiedentry));
+    writeLine(stream, "emptySlots", getNumberOfSlots(gvemptyentry));
+    writeLine(stream, "deletedSlots", getNumberOfSlots(gvdeletedentry));
+    writeLine(stream, "load", getLoad());
+    writeLine(stream, "longestProbe", getLongestProbe());
+    writeLine(stream, "meanProbe", getMeanProbe());
+    writeTokens(stream, "tokensTwiceFree", theTokensTwiceFree);
+    writeTokens(stream, "tokensUnknown", theTokensUnknown);
+    writeTokens(stream, "tokensUnreachable", theTokensUnreachable);
+    writeTokens(stream, "tokensWithoutBlock", theTokensWithoutBlock);
+    writeSlots(stream, theSlotStates);
+    for (const GVInspectedBlock& block : theBlocks) {
+        writeBlock(stream, block);
+    }
+    stream << "</GVMemoryPoolInspector>";
+    return stream;
+}
+
+// Everything that needs the pool's lock, and nothing else: the blocks' keys and the free list go on to evaluate.
+void GVMemoryPoolInspector::copyFrom(const GVMemoryPool& pool, TokenList& keys, TokenList& freeTokens) {
+    GVMutex guard;
+    pool.lockIfShared(guard);
+    const Table& table = pool.memoryPool;
+    freeTokens = pool.availableTokens;
+    theBytesInEachObject = pool.bytesInEachObject;
+    theBytesOfFreeList = pool.availableTokens.capacity() * sizeof(unsigned int);
+    if (table.hasHeapArray()) {
+        theBytesOfSlots = (static_cast<std::size_t>(table.theMask) + 2) * sizeof(Table::Entry) + theArrayCookieBytes;
+    }
+    keys.reserve(table.theUsedCount);
+    theBlocks.reserve(table.theUsedCount);
+    theSlotStates.reserve(static_cast<std::size_t>(table.theMask) + 1);
+    for (unsigned int slot = 0; slot <= table.theMask; ++slot) {
+        const Table::Entry& entry = table.theTable[slot];
+        theSlotStates.push_back(static_cast<unsigned char>(entry.theState));
+        if (entry.theState == gvoccupiedentry) {
+            keys.push_back(entry.theKey);
+            copyEntry(table, slot);
+        }
+    }
+}
+
+// Searches only for a key that is in the table: a search for an absent one would not end where every slot is occupied.
+void GVMemoryPoolInspector::copyEntry(const Table& table, unsigned int slot) {
+    const Table::Entry& entry = table.theTable[slot];
+    GVInspectedBlock block;
+    if (table.get(entry.theKey) == &entry) {
+        block.theProbeCount = probesTo(slot, entry.theHash, table.theMask);
+        theLongestProbe = std::max(theLongestProbe, block.theProbeCount);
+        theProbeSum += block.theProbeCount;
+        ++theReachedCount;
+    } else {
+        theTokensUnreachable.push_back(entry.theKey);
+    }
+    if (entry.theValue == nullptr) {
+        theTokensWithoutBlock.push_back(entry.theKey);
+        return;
+    }
+    block.theToken = entry.theKey;
+    block.theBytes = entry.theValue->getBytes();
+    block.theLength = entry.theValue->getLength();
+    block.theSlot = slot;
+    theBytesAskedFor += block.theLength;
+    theBlocks.push_back(block);
+}
+
+void GVMemoryPoolInspector::evaluate(TokenList& keys, TokenList& freeTokens) {
+    theFreeTokenCount = freeTokens.size();
+    std::sort(keys.begin(), keys.end());
+    std::sort(freeTokens.begin(), freeTokens.end());
+    std::sort(theTokensUnreachable.begin(), theTokensUnreachable.end());
+    std::sort(theTokensWithoutBlock.begin(), theTokensWithoutBlock.end());
+
+    auto twice = std::adjacent_find(freeTokens.begin(), freeTokens.end());
+    while (twice != freeTokens.end()) {
+        theTokensTwiceFree.push_back(*twice);
+        twice = std::adjacent_find(std::upper_bound(twice, freeTokens.end(), *twice), freeTokens.end());
+    }
+    freeTokens.erase(std::unique(freeTokens.begin(), freeTokens.end()), freeTokens.end());
+    std::set_difference(freeTokens.begin(), freeTokens.end(), keys.begin(), keys.end(),
+                        std::back_inserter(theTokensUnknown));
+    for (GVInspectedBlock& block : theBlocks) {
+        block.isFree = std::binary_search(freeTokens.begin(), freeTokens.end(), block.theToken);
+        theFreeBlockCount += block.isFree ? 1 : 0;
+    }
+}
+
+std::ostream& operator<<(std::ostream& stream, const GVMemoryPoolInspector& inspector) {
+    return inspector.print(stream);
+}
+
+} // namespace Gilvane

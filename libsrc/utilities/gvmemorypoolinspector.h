@@ -1,0 +1,195 @@
+/// @file
+/// The state of a pool in numbers, and what is wrong with it.
+#ifndef GILVANE_UTILITIES_GVMEMORYPOOLINSPECTOR_H
+#define GILVANE_UTILITIES_GVMEMORYPOOLINSPECTOR_H
+
+#include <gilvane/base/gvexport.h>
+#include <gilvane/base/gvobject.h>
+#include <gilvane/base/gvstdallocator.h>
+#include <gilvane/datastructures/gvhashtable.h>
+#include <gilvane/utilities/gvmemorypool.h>
+
+#include <cstddef>
+#include <ostream>
+#include <vector>
+
+namespace Gilvane {
+
+/// One block as an inspector found it.
+///
+/// @par Thread safety
+///   None.
+/// @par Ownership
+///   Owns nothing. The block may have changed hands since, or be gone.
+class GILVANE_EXPORT GVInspectedBlock : public GVObject {
+  public:
+    unsigned int theToken = 0;
+    const void* theBytes = nullptr; // the first byte; null for a block without bytes
+    unsigned int theLength = 0;     // bytes
+    bool isFree = false;            // whether its token was in the free list; lent otherwise
+    unsigned int theSlot = 0;       // of the table
+    unsigned int theProbeCount = 0; // slots that a search for its token looks at; 0 when no search reaches its slot
+};
+
+/// A snapshot of one pool: counts, bytes, slots, blocks and findings, all of the same moment.
+///
+/// It only reads. The pool may change or go afterwards without the snapshot's noticing.
+///
+/// @par Invariants
+///   1. theBlocks holds each entry of the table that has a block, in the order of slots
+///   2. the lists of tokens that are findings are in ascending order
+/// @par Thread safety
+///   Construction may run beside operations of the pool, if the pool has a mutex. A snapshot is for one thread at a
+///   time; several may read it.
+/// @par Ownership
+///   Owns its copies. The addresses in it are the pool's.
+class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
+  public:
+    using TokenList = std::vector<unsigned int, GVStdAllocator<unsigned int>>;
+    using BlockList = std::vector<GVInspectedBlock, GVStdAllocator<GVInspectedBlock>>;
+    using StateList = std::vector<unsigned char, GVStdAllocator<unsigned char>>;
+
+    /// Takes the snapshot.
+    /// @throws std::bad_alloc  no memory for it; nothing is left behind and the lock is free
+    /// @par Complexity  linear in the slots, and n log n in blocks and free tokens. It takes some 40 bytes a block, 8
+    ///                  more while it is made, and 1 a slot
+    /// @par Threads     takes the pool's lock, when it has one, once; copies under it, so that others wait as long as
+    ///                  the linear part lasts, and evaluates after it
+    explicit GVMemoryPoolInspector(const GVMemoryPool& pool);
+
+    /// @name Blocks
+    /// @{
+
+    /// The table's entries that have a block.
+    std::size_t getNumberOfBlocks() const { return theBlocks.size(); }
+    /// Blocks whose token is in the free list, however often.
+    std::size_t getNumberOfFreeBlocks() const { return theFreeBlockCount; }
+    /// Blocks whose token is not.
+    std::size_t getNumberOfLentBlocks() const { return theBlocks.size() - theFreeBlockCount; }
+    /// Tokens in the free list, with those that are there twice or name no block.
+    std::size_t getNumberOfFreeTokens() const { return theFreeTokenCount; }
+    /// The blocks, in the order of slots.
+    const BlockList& getBlocks() const { return theBlocks; }
+    /// Calls `visit` with each block, a `const GVInspectedBlock&`, in the order of slots. No lock is held meanwhile.
+    template <typename Visitor>
+    void visitBlocks(Visitor&& visit) const {
+        for (const GVInspectedBlock& block : theBlocks) {
+            visit(block);
+        }
+    }
+
+    /// @}
+    /// @name Bytes
+    /// What the pool holds of memory. The mutex handle is not counted in, nor what belongs to the smart pointers around
+    /// the pool, nor what the allocation function adds of its own.
+    /// @{
+
+    /// What a block built now would get.
+    unsigned int getBytesInEachObject() const { return theBytesInEachObject; }
+    /// The blocks' lengths together: what borrowers can use.
+    std::size_t getBytesAskedFor() const { return theBytesAskedFor; }
+    /// The object of the pool, the slots of a small table within it.
+    std::size_t getBytesOfPool() const { return sizeof(GVMemoryPool); }
+    /// The objects of the blocks: address, length and token of each.
+    std::size_t getBytesOfBlockObjects() const { return theBlocks.size() * sizeof(GVMemoryPoolObject); }
+    /// The header words of blocks' objects, of blocks' bytes, of the slot array and of the free list. A pool made with
+    /// `new` has one of its own, which is not counted, since one on the stack has none.
+    std::size_t getBytesOfHeaderWords() const;
+    /// The slot array on the heap, with what the compiler puts before its first element; 0 for a small table.
+    std::size_t getBytesOfSlots() const { return theBytesOfSlots; }
+    /// The room that the free list has, used or not.
+    std::size_t getBytesOfFreeList() const { return theBytesOfFreeList; }
+    /// All of these together.
+    std::size_t getBytesSpent() const;
+
+    /// @}
+    /// @name Table
+    /// @{
+
+    /// Slots, without the end slot.
+    std::size_t getTableSize() const { return theSlotStates.size(); }
+    /// The state of each slot, a GVHashTableEntryState, in the order of slots.
+    const StateList& getSlotStates() const { return theSlotStates; }
+    /// Slots in that state.
+    std::size_t getNumberOfSlots(GVHashTableEntryState state) const;
+    /// Occupied and deleted slots as a share of all, from 0 to 1: what growth looks at, which comes at two thirds.
+    double getLoad() const;
+    /// Most slots that a search for a key in the table looks at; 1 when all keys lie in their home slots, 0 without
+    /// keys. Keys that no search reaches do not count.
+    unsigned int getLongestProbe() const { return theLongestProbe; }
+    /// Slots that such a search looks at on average; 0 without keys.
+    double getMeanProbe() const;
+
+    /// @}
+    /// @name Findings
+    /// Tokens by what is wrong with them, ascending. All four lists are empty for a pool in order.
+    /// @{
+
+    /// More than once in the free list, each named once: returned twice. Two borrowers get the same block.
+    const TokenList& getTokensTwiceFree() const { return theTokensTwiceFree; }
+    /// In the free list, each named once, and under none of the table's entries: left over from a rebuilding, or never
+    /// the pool's. A borrower gets a token without a block.
+    const TokenList& getTokensUnknown() const { return theTokensUnknown; }
+    /// Of entries that no search reaches, behind a deleted slot or a second entry for the same token: the borrower's
+    /// question for the address adds an entry without a block.
+    const TokenList& getTokensUnreachable() const { return theTokensUnreachable; }
+    /// Of entries without a block, as a question for the address of an unknown token adds them.
+    const TokenList& getTokensWithoutBlock() const { return theTokensWithoutBlock; }
+    /// Whether any of the lists holds a token.
+    bool hasFindings() const;
+
+    /// @}
+
+    /// Writes the snapshot as text.
+    ///
+    /// The text is one well-formed XML element without attributes, and ends without a newline. Numbers are decimal on a
+    /// stream with default flags; addresses are written as in the dumps. What it holds, each element on a line of its
+    /// own that begins with a tab, in this order:
+    ///
+    ///     pool                    the pool's address
+    ///     numberOfBlocks          and further values of the getters of these names: numberOfFreeBlocks,
+    ///                             numberOfLentBlocks, numberOfFreeTokens, bytesInEachObject, bytesAskedFor,
+    ///                             bytesOfPool, bytesOfBlockObjects, bytesOfHeaderWords, bytesOfSlots,
+    ///                             bytesOfFreeList, bytesSpent, tableSize
+    ///     occupiedSlots           how many; likewise emptySlots, deletedSlots
+    ///     load                    and longestProbe, meanProbe
+    ///     tokensTwiceFree         the tokens, with a blank between each two; likewise tokensUnknown,
+    ///                             tokensUnreachable, tokensWithoutBlock
+    ///     slots                   a character for each slot, 64 to a line that begins with two tabs: "." empty,
+    ///                             "o" occupied, "x" deleted; its tags have lines of their own
+    ///     block                   once for each block, in the order of slots, with the elements token, bytes (the
+    ///                             address), length, state ("free" or "lent"), slot and probes, 0 when unreachable
+    /// @returns `stream`
+    std::ostream& print(std::ostream& stream) const;
+
+  private:
+    using Table = GVHashTable<unsigned int, GVMemoryPoolObject*, GVGenericHashFunction<unsigned int>>;
+
+    void copyFrom(const GVMemoryPool& pool, TokenList& keys, TokenList& freeTokens);
+    void copyEntry(const Table& table, unsigned int slot);
+    void evaluate(TokenList& keys, TokenList& freeTokens);
+
+    const GVMemoryPool* thePool; // its address alone: it may be gone
+    BlockList theBlocks;
+    std::size_t theFreeBlockCount = 0;
+    std::size_t theFreeTokenCount = 0;
+    unsigned int theBytesInEachObject = 0;
+    std::size_t theBytesAskedFor = 0;
+    std::size_t theBytesOfSlots = 0;
+    std::size_t theBytesOfFreeList = 0;
+    StateList theSlotStates;
+    unsigned int theLongestProbe = 0; // slots
+    std::size_t theReachedCount = 0;  // keys that searches reach
+    std::size_t theProbeSum = 0;      // slots that searches for all of those look at together
+    TokenList theTokensTwiceFree;
+    TokenList theTokensUnknown;
+    TokenList theTokensUnreachable;
+    TokenList theTokensWithoutBlock;
+};
+
+/// Writes a snapshot's text form, as GVMemoryPoolInspector::print.
+GILVANE_EXPORT std::ostream& operator<<(std::ostream& stream, const GVMemoryPoolInspector& inspector);
+
+} // namespace Gilvane
+
+#endif

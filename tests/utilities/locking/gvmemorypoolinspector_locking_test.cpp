@@ -1,0 +1,76 @@
+// When an inspector holds the pool's lock.
+#include <gilvane/utilities/gvmemorypoolinspector.h>
+
+#include "gvtestpeer.h"
+#include "hookledger.h"
+#include "recordingthreads.h"
+
+#include <gtest/gtest.h>
+
+#include <new>
+#include <string>
+#include <vector>
+
+namespace Gilvane {
+
+namespace {
+
+using Log = std::vector<std::string>;
+
+// An empty log at the start and at the end of each test.
+class PoolInspectorLocking : public testing::Test {
+  protected:
+    PoolInspectorLocking() { ThreadsLog::clear(); }
+    ~PoolInspectorLocking() override { ThreadsLog::clear(); }
+};
+
+} // namespace
+
+TEST_F(PoolInspectorLocking, locksOnceForTheSnapshotAndNeverAgain) {
+    GVMemoryPool pool(2, 16, true);
+    ThreadsLog::entries().clear();
+    const GVMemoryPoolInspector inspector(pool);
+    EXPECT_EQ(ThreadsLog::entries(), (Log{"lock 1", "unlock 1"}));
+    unsigned int visited = 0;
+    inspector.visitBlocks([&](const GVInspectedBlock& block) {
+        EXPECT_NE(pool.getMemoryForToken(block.theToken), nullptr) << "the pool may be used meanwhile";
+        ++visited;
+    });
+    EXPECT_EQ(visited, 2U);
+    EXPECT_EQ(ThreadsLog::count("lock 1"), 3);
+}
+
+TEST_F(PoolInspectorLocking, readsNothingBeforeItHoldsTheLock) {
+    GVMemoryPool pool(2, 16, true);
+    pool.getTokenForFreeMemoryObject();
+    // What other threads do while the inspector waits is in the snapshot; what they do after it has let go is not.
+    ThreadsLog::observer() = [&](const std::string& entry) {
+        GVTestPeer::freeTokens(pool).push_back(entry == "lock 1" ? 1000 : 2000);
+        GVTestPeer::bytesInEachObject(pool) = entry == "lock 1" ? 32 : 64;
+    };
+    const GVMemoryPoolInspector inspector(pool);
+    ThreadsLog::observer() = nullptr;
+    EXPECT_EQ(inspector.getNumberOfFreeTokens(), 2U);
+    EXPECT_EQ(inspector.getTokensUnknown(), (GVMemoryPoolInspector::TokenList{1000}));
+    EXPECT_EQ(inspector.getBytesInEachObject(), 32U);
+}
+
+TEST_F(PoolInspectorLocking, neverLocksWhereThePoolDoesNot) {
+    const GVMemoryPool pool(2, 16, false);
+    ThreadsLog::entries().clear();
+    const GVMemoryPoolInspector inspector(pool);
+    EXPECT_EQ(ThreadsLog::entries(), Log{});
+}
+
+TEST_F(PoolInspectorLocking, unlocksWhenMemoryRunsOut) {
+    const GVMemoryPool pool(2, 16, true);
+    for (std::size_t allocations = 0; allocations < 4; ++allocations) {
+        ThreadsLog::entries().clear();
+        HookLedger ledger;
+        ledger.refuseOnce(allocations);
+        EXPECT_THROW(const GVMemoryPoolInspector inspector(pool), std::bad_alloc);
+        EXPECT_EQ(ThreadsLog::entries(), (Log{"lock 1", "unlock 1"}));
+    }
+}
+
+} // namespace Gilvane
