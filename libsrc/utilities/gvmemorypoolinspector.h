@@ -23,12 +23,12 @@ namespace Gilvane {
 ///   Owns nothing. The block may have changed hands since, or be gone.
 class GILVANE_EXPORT GVInspectedBlock : public GVObject {
   public:
-    unsigned int theToken = 0;
-    const void* theBytes = nullptr; // the first byte; null for a block without bytes
-    unsigned int theLength = 0;     // bytes
-    bool isFree = false;            // whether its token was in the free list; lent otherwise
-    unsigned int theSlot = 0;       // of the table
-    unsigned int theProbeCount = 0; // slots that a search for its token looks at; 0 when no search reaches its slot
+    unsigned int theToken = 0;      ///< the key of its entry
+    const void* theBytes = nullptr; ///< the first byte; null for a block without bytes
+    unsigned int theLength = 0;     ///< bytes
+    bool isFree = false;            ///< whether its token was in the free list; lent otherwise
+    unsigned int theSlot = 0;       ///< of the table
+    unsigned int theProbeCount = 0; ///< slots that a search for its token looks at; 0 when no search reaches its slot
 };
 
 /// A snapshot of one pool: counts, bytes, slots, blocks and findings, all of the same moment.
@@ -45,9 +45,9 @@ class GILVANE_EXPORT GVInspectedBlock : public GVObject {
 ///   Owns its copies. The addresses in it are the pool's.
 class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
   public:
-    using TokenList = std::vector<unsigned int, GVStdAllocator<unsigned int>>;
-    using BlockList = std::vector<GVInspectedBlock, GVStdAllocator<GVInspectedBlock>>;
-    using StateList = std::vector<unsigned char, GVStdAllocator<unsigned char>>;
+    using TokenList = std::vector<unsigned int, GVStdAllocator<unsigned int>>;         ///< findings
+    using BlockList = std::vector<GVInspectedBlock, GVStdAllocator<GVInspectedBlock>>; ///< what getBlocks returns
+    using StateList = std::vector<unsigned char, GVStdAllocator<unsigned char>>;       ///< what getSlotStates returns
 
     /// Takes the snapshot.
     /// @throws std::bad_alloc  no memory for it; nothing is left behind and the lock is free
