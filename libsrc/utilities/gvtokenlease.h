@@ -49,12 +49,13 @@ class [[nodiscard]] GVTokenLease : public GVObject {
     /// @throws std::bad_alloc  no memory for the room that the free list needs when the block comes back
     /// @throws                 what GVMemoryPool::getTokenForFreeMemoryObject throws
     ///
-    /// After a throw nothing is lent.
+    /// After a throw nothing is lent: a block already borrowed was returned, as the destructor returns it.
     /// @par Complexity  constant; linear in the blocks when the pool grows, or has grown since the last lease was made
     /// @par Threads     takes the pool's lock, when it has one, twice: to borrow, and to look the block up
     explicit GVTokenLease(GVSmartPointer<GVMemoryPool> owner);
 
-    /// Borrows a block from a pool that outlives the lease; otherwise as from a smart pointer.
+    /// As from a smart pointer, with nothing that keeps the pool alive.
+    /// @param pool  outlives the lease
     explicit GVTokenLease(GVMemoryPool& pool);
 
     /// Not copied: two leases would return the same token.
@@ -67,9 +68,9 @@ class [[nodiscard]] GVTokenLease : public GVObject {
     /// Takes over the other's loan, which is left empty, and returns its own. Assignment to itself changes nothing.
     GVTokenLease& operator=(GVTokenLease&& other) noexcept;
 
-    /// Returns the block, and never throws. That needs no memory, unless the pool has grown since this lease was made
-    /// and the room for its free list with it; should there then be none, the block is not lent again: it stays, in
-    /// use, until the pool goes.
+    /// Returns the block, and never throws. As long as the pool has not grown since this lease was made, that needs no
+    /// memory. If it has, the free list may have to grow too; should there be no memory for it, the block is not lent
+    /// again: it stays with the pool, counting as in use.
     /// @par Threads  takes the pool's lock, when it has one
     ~GVTokenLease() override;
 
