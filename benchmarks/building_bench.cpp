@@ -110,6 +110,8 @@ void registerBuilding(const Settings& settings) {
             registerBuildAndTearDown<OurPool<false>>(size);
             registerBuildAndTearDown<ByHand<NoMutex>>(size);
             registerBuildAndTearDown<ByHandReserved>(size);
+            registerBuildAndTearDown<BarePool<false>>(size);
+            registerBuildAndTearDown<OurPoolOnMimalloc>(size);
             registerBuildAndTearDown<BoostPool>(size);
             registerBuildAndTearDown<StandardResource<std::pmr::unsynchronized_pool_resource>>(size);
             registerBuildAndTearDown<Malloc>(size);
@@ -120,6 +122,7 @@ void registerBuilding(const Settings& settings) {
         if (size <= settings.largest) {
             registerBuild<OurPool<false>>(size);
             registerBuild<ByHand<NoMutex>>(size);
+            registerBuild<BarePool<false>>(size);
         }
     }
     for (const unsigned int size : {1'000U, 10'000U, 100'000U, 1'000'000U}) {

@@ -47,7 +47,8 @@ void escape(T* object) {
     benchmark::ClobberMemory();
 }
 
-/// As escape, for what fits in a register and may stay there, as what is borrowed does in a program.
+/// Has a value that fits in a register be there, whatever became of it before: what is said to be anywhere may stay in
+/// memory, not even read.
 template <typename T>
 void escapeRegister(T& value) {
     asm volatile("" : "+r"(value) : : "memory");

@@ -96,6 +96,7 @@ void registerLocked(const std::string& prefix, int threads) {
 void registerAllLocked(const std::string& prefix, int threads) {
     registerLocked<OurPool<true>>(prefix, threads);
     registerLocked<ByHand<std::mutex>>(prefix, threads);
+    registerLocked<BarePool<true>>(prefix, threads);
     registerLocked<BoostSingletonPool<std::mutex>>(prefix, threads);
     registerLocked<StandardResource<std::pmr::synchronized_pool_resource>>(prefix, threads);
     registerLocked<Malloc>(prefix, threads);
@@ -128,7 +129,8 @@ void addressOfRandomToken(benchmark::State& state, unsigned int numberOfBlocks) 
     for (auto _ : state) {
         Subject* const escaped = &subject;
         escape(escaped);
-        benchmark::DoNotOptimize(escaped->address(visits[next]));
+        void* address = escaped->address(visits[next]);
+        escapeRegister(address);
         if (++next == visits.size()) {
             next = 0;
         }
@@ -187,6 +189,7 @@ void registerBorrowAll(const std::string& kind, unsigned int numberOfBlocks) {
 void registerLending(const Settings& settings) {
     registerUnlocked<OurPool<false>>();
     registerUnlocked<ByHand<NoMutex>>();
+    registerUnlocked<BarePool<false>>();
     registerUnlocked<BoostPool>();
     registerUnlocked<BoostSingletonPool<Unlocked>>();
     registerUnlocked<StandardResource<std::pmr::unsynchronized_pool_resource>>();
@@ -205,12 +208,14 @@ void registerLending(const Settings& settings) {
             if (size <= settings.largest) {
                 registerAddress<OurPool<false>>(kind, size);
                 registerAddress<ByHand<NoMutex>>(kind, size);
+                registerAddress<BarePool<false>>(kind, size);
             }
         }
         for (const unsigned int size : forBorrowAll) {
             if (size <= settings.largest) {
                 registerBorrowAll<OurPool<false>>(kind, size);
                 registerBorrowAll<ByHand<NoMutex>>(kind, size);
+                registerBorrowAll<BarePool<false>>(kind, size);
                 registerBorrowAll<BoostPool>(kind, size);
                 registerBorrowAll<BoostSingletonPool<Unlocked>>(kind, size);
                 registerBorrowAll<StandardResource<std::pmr::unsynchronized_pool_resource>>(kind, size);

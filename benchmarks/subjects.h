@@ -6,6 +6,7 @@
 #ifndef GILVANE_BENCHMARKS_SUBJECTS_H
 #define GILVANE_BENCHMARKS_SUBJECTS_H
 
+#include "designalone.h"
 #include "handwrittenpool.h"
 
 #include <gilvane/utilities/gvmemorypool.h>
@@ -64,6 +65,18 @@ class ByHandReserved : public HandWrittenPool<NoMutex> {
     using Loan = unsigned int;
     static constexpr const char* name = "hand-written, reserving";
     explicit ByHandReserved(unsigned int numberOfBlocks) : HandWrittenPool(numberOfBlocks, blockBytes, true) {}
+};
+
+/// The pool, with its memory from mimalloc by way of the hooks.
+class OurPoolOnMimalloc : public OurPool<false> {
+  public:
+    static constexpr const char* name = "gilvane on mimalloc";
+    explicit OurPoolOnMimalloc(unsigned int numberOfBlocks) : OurPool(withMimalloc(numberOfBlocks)) {
+        Gilvane::GVObject::SetAllocationHooks(nullptr, nullptr);
+    }
+
+  private:
+    static unsigned int withMimalloc(unsigned int numberOfBlocks);
 };
 
 /// What all subjects that lend addresses have in common.
@@ -135,13 +148,27 @@ class Mimalloc : public LendsAddresses {
     Loan borrow() { return theMalloc(blockBytes); }
     void giveBack(Loan loan) { theFree(loan); }
 
+    /// Allocation hooks, which align as the default ones do.
+    static void* allocate(unsigned int bytes) {
+        void* const memory = theMalloc(padding + bytes);
+        return memory == nullptr ? nullptr : static_cast<char*>(memory) + padding;
+    }
+    static void release(void* block) { theFree(static_cast<char*>(block) - padding); }
+
     /// To be called once, before the first object is made. Ends the program when the library cannot be loaded.
     static void load();
 
   private:
+    static constexpr std::size_t padding = alignof(std::max_align_t) - sizeof(void*);
+
     static void* (*theMalloc)(std::size_t);
     static void (*theFree)(void*);
 };
+
+inline unsigned int OurPoolOnMimalloc::withMimalloc(unsigned int numberOfBlocks) {
+    Gilvane::GVObject::SetAllocationHooks(&Mimalloc::allocate, &Mimalloc::release);
+    return numberOfBlocks;
+}
 
 using Unlocked = boost::details::pool::null_mutex;
 

@@ -1,4 +1,5 @@
 // The table template alone, against other tables.
+#include "designalone.h"
 #include "harness.h"
 
 #include <gilvane/datastructures/gvhashtable.h>
@@ -84,7 +85,8 @@ void find(benchmark::State& state, Keys kind, unsigned int numberOfKeys) {
     for (auto _ : state) {
         Table* const escaped = &table;
         escape(escaped);
-        benchmark::DoNotOptimize(escaped->find(visits[next]));
+        Value found = escaped->find(visits[next]);
+        escapeRegister(found);
         if (++next == visits.size()) {
             next = 0;
         }
@@ -125,6 +127,7 @@ void registerTables(const Settings& settings) {
         registerTable<StandardTable>(kind, suffix, numberOfKeys);
         registerTable<AbseilTable>(kind, suffix, numberOfKeys);
         registerTable<BoostTable>(kind, suffix, numberOfKeys);
+        registerTable<BareTable>(kind, suffix, numberOfKeys);
     };
     for (const unsigned int size : {1'000U, 10'000U, 100'000U, 1'000'000U}) {
         if (size <= settings.largest) {

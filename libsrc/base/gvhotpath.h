@@ -7,10 +7,17 @@
 /// compiled into programs.
 #define GILVANE_OUT_OF_LINE __attribute__((noinline))
 
-/// A condition that mostly holds: the code for it comes first, without a jump.
-#define GILVANE_LIKELY(condition) __builtin_expect(static_cast<bool>(condition), true)
+namespace Gilvane {
 
-/// A condition that mostly does not hold.
-#define GILVANE_UNLIKELY(condition) __builtin_expect(static_cast<bool>(condition), false)
+/// Its argument, which is mostly true: the code for that comes first, without a jump.
+inline bool likely(bool condition) { return __builtin_expect(condition, true); }
+
+/// Its argument, which is mostly false.
+inline bool unlikely(bool condition) { return __builtin_expect(condition, false); }
+
+/// Has the memory at an address, any address, brought near for what comes soon.
+inline void prefetch(const void* address) { __builtin_prefetch(address); }
+
+} // namespace Gilvane
 
 #endif

@@ -394,6 +394,10 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     Entry* lookupPastHome(KeyArgument key, unsigned int hash) const;
     V& addMissing(KeyArgument key);
     unsigned int hashOf(const K& key) const { return theHashFunction(key); }
+    static bool holds(const Entry& entry, const K& key, unsigned int hash) {
+        return likely(entry.theState == gvoccupiedentry) && likely(entry.theHash == hash) &&
+               likely(entry.theKey == key);
+    }
     static bool isOccupied(const Entry* entry) { return entry != nullptr && entry->theState == gvoccupiedentry; }
     bool hasHeapArray() const { return theMask + 1 > theSmallSize && theTable != nullptr; }
     unsigned int grownMinimum() const;
@@ -440,11 +444,10 @@ GVHashTableEntry<K, V>* GVHashTable<K, V, H>::lookup(const K& key, unsigned int 
     }
     // Nearly every search ends at the home slot; this much is meant to be compiled into every caller.
     Entry* const home = &theTable[hash & theMask];
-    if (GILVANE_LIKELY(home->theState == gvoccupiedentry && home->theHash == hash && home->theKey == key) ||
-        home->theState == gvemptyentry) {
+    if (holds(*home, key, hash)) {
         return home;
     }
-    return lookupPastHome(key, hash);
+    return home->theState == gvemptyentry ? home : lookupPastHome(key, hash);
 }
 
 // The rest of lookup, when the home slot is deleted or holds another key.
@@ -591,7 +594,7 @@ int GVHashTable<K, V, H>::resize(unsigned int minUsed) {
 template <typename K, typename V, typename H>
 void GVHashTable<K, V, H>::prefetchHomeOf(const Entry& entry) const {
     if (entry.theState == gvoccupiedentry) {
-        __builtin_prefetch(&theTable[entry.theHash & theMask], 1);
+        prefetch(&theTable[entry.theHash & theMask]);
     }
 }
 

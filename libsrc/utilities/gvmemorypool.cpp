@@ -7,6 +7,7 @@
 #include <gilvane/threads/gvthreadsfactory.h>
 
 #include <algorithm>
+#include <iterator>
 #include <memory>
 #include <new>
 
@@ -97,7 +98,7 @@ class TokenRemoval {
         const unsigned int* const end = tokens + theTokens.size();
         for (auto place = std::lower_bound(tokens + theFirstGone, end, token); place != end && *place == token;
              ++place) {
-            auto mark = theFoundMarks.begin() + (place - tokens);
+            auto mark = theFoundMarks.begin() + std::distance(tokens, place);
             if (!*mark) {
                 *mark = true;
                 return true;

@@ -259,10 +259,10 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
 
 inline unsigned int GVMemoryPool::getTokenForFreeMemoryObject() {
     const bool locks = useMutexHandle;
-    if (GILVANE_UNLIKELY(locks)) {
+    if (unlikely(locks)) {
         theMutexHandle->lock();
     }
-    if (GILVANE_UNLIKELY(availableTokens.empty())) {
+    if (unlikely(availableTokens.empty())) {
         growToLend();
         // A reader would expect a second look at availableTokens here: another thread may have taken the new tokens
         // between the two locked sections. There is none, and none is to be added: growth and the pop after it are
@@ -270,7 +270,7 @@ inline unsigned int GVMemoryPool::getTokenForFreeMemoryObject() {
     }
     const unsigned int token = availableTokens.back();
     availableTokens.pop_back();
-    if (GILVANE_UNLIKELY(locks)) {
+    if (unlikely(locks)) {
         theMutexHandle->unlock();
     }
     return token;
@@ -294,7 +294,7 @@ inline void GVMemoryPool::releaseObject(unsigned int token) {
 }
 
 inline void GVMemoryPool::lockIfShared(GVMutex& guard) const {
-    if (GILVANE_UNLIKELY(useMutexHandle)) {
+    if (unlikely(useMutexHandle)) {
         guard.setHandle(theMutexHandle);
     }
 }

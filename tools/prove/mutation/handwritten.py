@@ -9,6 +9,7 @@ Each has one or more edits. An edit stands at the first `anchor` after the first
 from typing import NamedTuple
 
 POOL = "libsrc/utilities/gvmemorypool.cpp"
+POOL_HEADER = "libsrc/utilities/gvmemorypool.h"
 POINTER = "libsrc/utilities/gvsmartpointer.h"
 TABLE = "libsrc/datastructures/gvhashtable.h"
 OBJECT = "libsrc/base/gvobject.cpp"
@@ -37,10 +38,11 @@ LOCKED = "GVMutex added; if (ON) { lockIfShared(added); }"
 INSERT = "GVHashTable<K, V, H>::insert("
 HELPER = "GVHashTable<K, V, H>::insert_helper("
 LOOKUP = "GVHashTable<K, V, H>::lookup("
-LEND = "GVMemoryPool::getTokenForFreeMemoryObject"
+LEND = "GVMemoryPool::getTokenForFreeMemoryObject() {"
+GROW = "void GVMemoryPool::growToLend() {"
 SHRINK = "GVMemoryPool::resizePool"
 BLOCK_SIZE = "void GVMemoryPool::setNumberOfBytesInPoolObject"
-RETURN = "void GVMemoryPool::releaseObject"
+RETURN = "inline void GVMemoryPool::releaseObject"
 RELEASE = "GVSmartPointer<T>::decrementRefCount"
 
 # What the self-test plants; not among the mutants.
@@ -64,21 +66,21 @@ PATCHES = [
           ("unsigned int bytesPerObject, bool useMutex)\n    :", "before", "makePool(",
            "if (ON) { GVMutex added; lockIfShared(added); }")),
     patch("the blocks are counted under the lock before growth", POOL,
-          (LEND, "before", "const unsigned int count", "if (ON && useMutexHandle) { theMutexHandle->lock(); }"),
-          (LEND, "before", "if (count != 0)", "if (ON && useMutexHandle) { theMutexHandle->unlock(); }")),
+          (GROW, "before", "const unsigned int count", "if (ON && useMutexHandle) { theMutexHandle->lock(); }"),
+          (GROW, "before", "if (count != 0)", "if (ON && useMutexHandle) { theMutexHandle->unlock(); }")),
     patch("the blocks are counted before the lock is released", POOL,
-          (LEND, "before", "if (availableTokens.empty())", "const unsigned int early = memoryPool.getUsedCount();"),
-          (LEND, "value", "count != 0", "early != 0"),
-          (LEND, "value", "count * 2", "early * 2")),
-    patch("growth is asked for again while the list is empty", POOL,
+          (GROW, "before", "if (useMutexHandle) {", "const unsigned int early = memoryPool.getUsedCount();"),
+          (GROW, "value", "count != 0", "early != 0"),
+          (GROW, "value", "count * 2", "early * 2")),
+    patch("growth is asked for again while the list is empty", POOL_HEADER,
           (LEND, "before", "const unsigned int token", "if (ON && availableTokens.empty()) { if (useMutexHandle) { "
            "theMutexHandle->unlock(); } return getTokenForFreeMemoryObject(); }")),
-    patch("an empty list after growth is refused", POOL,
+    patch("an empty list after growth is refused", POOL_HEADER,
           (LEND, "before", "const unsigned int token", "if (ON && availableTokens.empty()) { if (useMutexHandle) { "
            "theMutexHandle->unlock(); } throw std::bad_alloc(); }")),
     patch("the list is looked at again before growth", POOL,
-          (LEND, "before", "const unsigned int count", "if (ON && !availableTokens.empty()) { "
-           "return getTokenForFreeMemoryObject(); }")),
+          (GROW, "before", "const unsigned int count", "if (ON && !availableTokens.empty()) { if (useMutexHandle) { "
+           "theMutexHandle->lock(); } return; }")),
     patch("the block size is written under the lock", POOL,
           (BLOCK_SIZE, "before", "makePool(", "if (ON) { GVMutex added; lockIfShared(added); }")),
     patch("check and rebuilding are one locked section", POOL, (BLOCK_SIZE, "before", "if (", LOCKED)),
@@ -173,20 +175,20 @@ PATCHES = [
     patch("a failing allocation of a block throws by itself", POOL,
           ("GVMemoryPool::buildObject()", "before", "if (block == nullptr)",
            "if (ON && block == nullptr) { throw std::bad_alloc(); }")),
-    patch("an unknown token is not taken back", POOL,
+    patch("an unknown token is not taken back", POOL_HEADER,
           (RETURN, "before", "availableTokens.push_back", "if (ON && memoryPool.get(token) == nullptr) { return; }")),
-    patch("a free token is not taken back", POOL,
+    patch("a free token is not taken back", POOL_HEADER,
           (RETURN, "before", "availableTokens.push_back",
            "if (ON && std::find(availableTokens.begin(), availableTokens.end(), token) != availableTokens.end()) "
            "{ return; }")),
-    patch("returned bytes are cleared", POOL,
+    patch("returned bytes are cleared", POOL_HEADER,
           (RETURN, "before", "availableTokens.push_back",
            "if (ON && bytesInEachObject != 0 && memoryPool.get(token) != nullptr) { "
            "*static_cast<char*>(memoryPool.get(token)->theValue->getBytes()) = 0; }")),
-    patch("an unknown token has no memory", POOL,
+    patch("an unknown token has no memory", POOL_HEADER,
           ("void* GVMemoryPool::getMemoryForToken", "before", "return memoryPool",
            "if (ON && memoryPool.get(token) == nullptr) { return nullptr; }")),
-    patch("a free token has no memory", POOL,
+    patch("a free token has no memory", POOL_HEADER,
           ("void* GVMemoryPool::getMemoryForToken", "before", "return memoryPool",
            "if (ON && std::find(availableTokens.begin(), availableTokens.end(), token) != availableTokens.end()) "
            "{ return nullptr; }")),
@@ -219,7 +221,7 @@ PATCHES = [
     patch("new tokens come to the front of the free list", POOL,
           ("GVMemoryPool::buildObject()", "instead", "availableTokens.push_back(block->getToken());",
            "availableTokens.insert(availableTokens.begin(), block->getToken());")),
-    patch("returned tokens come to the front of the free list", POOL,
+    patch("returned tokens come to the front of the free list", POOL_HEADER,
           (RETURN, "instead", "availableTokens.push_back(token);",
            "availableTokens.insert(availableTokens.begin(), token);")),
     patch("room for all free tokens is made at once", POOL,
@@ -234,7 +236,7 @@ PATCHES = [
     patch("shrinking spares lent blocks", POOL,
           (SHRINK, "before", "delete memoryPool[token]",
            "if (ON && std::find(availableTokens.begin(), availableTokens.end(), token) == availableTokens.end()) "
-           "{ tokens.pop_back(); continue; }")),
+           "{ continue; }")),
     patch("shrinking to the same number goes through the list", POOL,
           (SHRINK, "value", "numberOfObjects >= count", "numberOfObjects > count")),
     patch("shrinking passes over a token that the table misses", POOL,
@@ -261,8 +263,8 @@ PATCHES = [
     patch("a deleted slot past the home slot is passed over", TABLE,
           ("for (unsigned int perturb = hash", "before", "if (entry->theState != gvoccupiedentry)",
            "if (ON && entry->theState == gvdeletedentry) { continue; }")),
-    patch("a deleted home slot ends the search", TABLE, (LOOKUP, "value", "entry->theState == gvemptyentry",
-                                                         "entry->theState != gvoccupiedentry")),
+    patch("a deleted home slot ends the search", TABLE, (LOOKUP, "value", "home->theState == gvemptyentry",
+                                                         "home->theState != gvoccupiedentry")),
     patch("the first step adds a shifted hash", TABLE,
           ("for (unsigned int perturb = ", "value", "hash", "hash >> 5")),
     patch("a replacement stores the hash", TABLE,
