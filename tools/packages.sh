@@ -14,7 +14,7 @@ testPackages=(
     "${buildPackages[@]}" "${sitePackages[@]}"
     clang libclang-rt-dev llvm clang-format clang-tidy libgtest-dev
     g++-arm-linux-gnueabihf qemu-user googletest abigail-tools python3
-    pkg-config dpkg-dev file libmimalloc-dev
+    pkg-config dpkg-dev file libmimalloc-dev valgrind
     gdb gdb-multiarch binutils
 )
 

@@ -124,6 +124,8 @@ GVMemoryPoolObject::GVMemoryPoolObject(unsigned int length) {
     // A reader would expect a check that the header word can be added. There is none, by requirement: a length within a
     // word of 2^32 wraps and gets a block too small for it, on a 64-bit target even for the header word.
     // Watched by PoolObject.asksForItsLengthAndAHeaderWordModulo32Bits.
+    GILVANE_IF_HARDENED(
+        require(fitsInRawBlock(length), "GVMemoryPoolObject: a length that wraps with the header word"));
     void* const bytes = allocateRawBlock(length);
     if (bytes == nullptr) {
         throw std::bad_alloc();
@@ -135,6 +137,7 @@ GVMemoryPoolObject::GVMemoryPoolObject(unsigned int length) {
 
 GVMemoryPoolObject::~GVMemoryPoolObject() {
     if (theBytes != nullptr && rawBlockStart(theBytes) != 0) {
+        GILVANE_IF_HARDENED(markUsable(theBytes, theLength));
         releaseRawBlock(theBytes);
     }
 }
@@ -257,6 +260,7 @@ void GVMemoryPool::removeTokenFromAvailableList(unsigned int token) {
     const auto position = std::find(availableTokens.begin(), availableTokens.end(), token);
     if (position != availableTokens.end()) {
         availableTokens.erase(position);
+        GILVANE_IF_HARDENED(checkAfterLoan(token));
     }
 }
 
@@ -318,6 +322,7 @@ void GVMemoryPool::buildObjects(unsigned int numberOfObjects) {
 // requirement: one that the table did not store is lost, and one that it stored before it failed to grow stays there,
 // never lent, until the pool goes. Watched by PoolGrowth.losesTheBlockWhoseInsertionFails.
 void GVMemoryPool::buildObject() {
+    GILVANE_IF_HARDENED(checkBlockSize());
     GVMemoryPoolObject* const block = bytesInEachObject != 0 ? new (std::nothrow) GVMemoryPoolObject(bytesInEachObject)
                                                              : new (std::nothrow) GVMemoryPoolObject;
     if (block == nullptr) {
@@ -325,6 +330,7 @@ void GVMemoryPool::buildObject() {
     }
     memoryPool.insert(block->getToken(), block);
     availableTokens.push_back(block->getToken());
+    GILVANE_IF_HARDENED(markUntouchable(block->getBytes(), block->getLength()));
 }
 
 void GVMemoryPool::deleteObjects() {

@@ -4,6 +4,7 @@
 #define GILVANE_UTILITIES_GVMEMORYPOOL_H
 
 #include <gilvane/base/gvexport.h>
+#include <gilvane/base/gvhardened.h>
 #include <gilvane/base/gvhotpath.h>
 #include <gilvane/base/gvobject.h>
 #include <gilvane/base/gvstdallocator.h>
@@ -241,11 +242,19 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     friend struct GVTestPeer;
 
     static GVMutexHandle* createHandleIf(bool useMutex);
-    void growToLend();
+    GILVANE_OF_THIS_BUILD void growToLend();
     void lockIfShared(GVMutex& guard) const;
     void buildObjects(unsigned int numberOfObjects);
     void buildObject();
     void deleteObjects();
+#if defined(GILVANE_HARDENED)
+    const GVMemoryPoolObject* findBlock(unsigned int token) const;
+    void checkThatThereIsOneToLend() const;
+    void checkAfterLoan(unsigned int token) const;
+    void checkBeforeAddress(unsigned int token) const;
+    void checkAfterReturn(unsigned int token) const;
+    void checkBlockSize() const;
+#endif
 
     GVHashTable<unsigned int, GVMemoryPoolObject*, GVGenericHashFunction<unsigned int>> memoryPool; // token -> block
     std::vector<unsigned int, GVStdAllocator<unsigned int>> availableTokens; // free tokens, the next to lend at the end
@@ -267,9 +276,11 @@ inline unsigned int GVMemoryPool::getTokenForFreeMemoryObject() {
         // A reader would expect a second look at availableTokens here: another thread may have taken the new tokens
         // between the two locked sections. There is none, and none is to be added: growth and the pop after it are
         // defined so. Watched by TokenLending.popsAfterGrowthWithoutLookingAgain.
+        GILVANE_IF_HARDENED(checkThatThereIsOneToLend());
     }
     const unsigned int token = availableTokens.back();
     availableTokens.pop_back();
+    GILVANE_IF_HARDENED(checkAfterLoan(token));
     if (unlikely(locks)) {
         theMutexHandle->unlock();
     }
@@ -282,6 +293,7 @@ inline void* GVMemoryPool::getMemoryForToken(unsigned int token) {
     // A reader would expect an unknown token to be refused. The table adds it, with a null block that is then read, by
     // requirement; so it does for a token that it misses behind a deleted slot, after a shrink.
     // Watched by MisuseOfTokens.addsAnEntryForAnUnknownToken.
+    GILVANE_IF_HARDENED(checkBeforeAddress(token));
     return memoryPool[token]->getBytes();
 }
 
@@ -291,6 +303,7 @@ inline void GVMemoryPool::releaseObject(unsigned int token) {
     GVMutex guard;
     lockIfShared(guard);
     availableTokens.push_back(token);
+    GILVANE_IF_HARDENED(checkAfterReturn(token));
 }
 
 inline void GVMemoryPool::lockIfShared(GVMutex& guard) const {

@@ -138,7 +138,8 @@ class Collector:
                 self.block(child, None, isVoid)
 
     def block(self, node, parent, isVoid):
-        statements = [child for child in node.children if child is not None]
+        # Empty statements are what GILVANE_IF_HARDENED leaves in a build that is not hardened.
+        statements = [child for child in node.children if child is not None and child.kind != "NullStmt"]
         for position, statement in enumerate(statements):
             self.statement(statement, isVoid)
             core = stripped(statement)
