@@ -1,6 +1,7 @@
 // Lending tokens, turning them into memory, and taking them back, by one thread that uses them as it should.
 #include "gvtestpeer.h"
 #include "hookledger.h"
+#include "misuse.h"
 #include "throwsites.h"
 
 #include <gtest/gtest.h>
@@ -234,6 +235,7 @@ TEST(PoolInUse, countsTheBlocksThatAreLent) {
 }
 
 TEST(PoolInUse, isZeroWithoutBlocksEvenIfTokensWereReleased) {
+    GILVANE_TEST_OF_MISUSE();
     GVMemoryPool pool(4, false);
     EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 0U);
     pool.releaseObject(3);
@@ -242,6 +244,7 @@ TEST(PoolInUse, isZeroWithoutBlocksEvenIfTokensWereReleased) {
 }
 
 TEST(PoolInUse, wrapsBelowZero) {
+    GILVANE_TEST_OF_MISUSE();
     GVMemoryPool pool(2, 16, false);
     pool.releaseObject(GVTestPeer::freeTokens(pool).back());
     EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 4294967295U);

@@ -1,6 +1,7 @@
 // Tokens used otherwise than they should be: what happens is fixed even where no one should rely on it.
 #include "gvtestpeer.h"
 #include "hookledger.h"
+#include "misuse.h"
 #include "throwsites.h"
 
 #include <gtest/gtest.h>
@@ -16,6 +17,7 @@ namespace {
 using Tokens = std::vector<unsigned int, GVStdAllocator<unsigned int>>;
 
 TEST(TokenReturn, takesATokenTwiceAndLendsItTwice) {
+    GILVANE_TEST_OF_MISUSE();
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(4, 16, false);
     for (const unsigned int expected : {3U, 2U, 1U}) {
@@ -31,6 +33,7 @@ TEST(TokenReturn, takesATokenTwiceAndLendsItTwice) {
 }
 
 TEST(TokenReturn, takesATokenThatIsFree) {
+    GILVANE_TEST_OF_MISUSE();
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(2, 16, false);
     pool.releaseObject(0);
@@ -38,6 +41,7 @@ TEST(TokenReturn, takesATokenThatIsFree) {
 }
 
 TEST(TokenReturn, takesAnUnknownTokenAndLendsIt) {
+    GILVANE_TEST_OF_MISUSE();
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(2, 16, false);
     pool.releaseObject(99);
@@ -48,6 +52,7 @@ TEST(TokenReturn, takesAnUnknownTokenAndLendsIt) {
 }
 
 TEST(TokenReturn, lendsAnUnknownTokenFromAPoolWithoutBlocksAndBuildsNone) {
+    GILVANE_TEST_OF_MISUSE();
     GVMemoryPool pool(4, false);
     pool.releaseObject(99);
     EXPECT_EQ(pool.getTokenForFreeMemoryObject(), 99U);
@@ -55,6 +60,7 @@ TEST(TokenReturn, lendsAnUnknownTokenFromAPoolWithoutBlocksAndBuildsNone) {
 }
 
 TEST(TokenReturn, takesTheTokenOfABlockThatIsGone) {
+    GILVANE_TEST_OF_MISUSE();
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(3, 16, false);
     EXPECT_EQ(pool.getTokenForFreeMemoryObject(), 2U);
@@ -65,6 +71,7 @@ TEST(TokenReturn, takesTheTokenOfABlockThatIsGone) {
 }
 
 TEST(MisuseOfTokens, anUnknownTokenThatGrowsTheTableInVainStaysInIt) {
+    GILVANE_TEST_OF_MISUSE();
     HookLedger ledger;
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(5, 16, false);
@@ -102,6 +109,7 @@ void lookAtThePoolAndExit(int) {
 #endif
 
 TEST(MisuseOfTokens, addsAnEntryForAnUnknownToken) {
+    GILVANE_TEST_OF_MISUSE();
 #if defined(GILVANE_TEST_SANITIZED)
     GTEST_SKIP() << "a sanitizer reports the read through the null pointer first";
 #else

@@ -1,6 +1,7 @@
 // Shrinking a pool, its free list's removals, and what shrinking does with a token that the table misses.
 #include "gvtestpeer.h"
 #include "hookledger.h"
+#include "misuse.h"
 #include "throwsites.h"
 
 #include <gilvane/base/gvrawblock.h>
@@ -137,6 +138,7 @@ TEST(PoolShrinking, marksSlotsDeletedAndKeepsTheTablesSize) {
 }
 
 TEST(PoolShrinking, removesOnlyTheFirstOfATokenReturnedTwice) {
+    GILVANE_TEST_OF_MISUSE();
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(3, 16, false);
     pool.releaseObject(2);

@@ -1,6 +1,7 @@
 // What a pool's destructor gives back, in which order and through which hooks.
 #include "gvtestpeer.h"
 #include "hookledger.h"
+#include "misuse.h"
 
 #include <gilvane/base/gvrawblock.h>
 
@@ -95,6 +96,7 @@ TEST(PoolTeardown, releasesBlocksThatAreLent) {
 }
 
 TEST(PoolTeardown, releasesEachBlockOnceWhateverTheFreeListHolds) {
+    GILVANE_TEST_OF_MISUSE();
     const HookLedger ledger;
     {
         GVMemoryPool pool(2, 16, false);

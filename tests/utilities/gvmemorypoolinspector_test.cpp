@@ -3,6 +3,7 @@
 
 #include "gvtestpeer.h"
 #include "hookledger.h"
+#include "misuse.h"
 
 #include <gtest/gtest.h>
 
@@ -98,6 +99,7 @@ TEST(PoolInspector, isASnapshotThatThePoolsChangesDoNotReach) {
 }
 
 TEST(PoolInspector, changesNothingInThePool) {
+    GILVANE_TEST_OF_MISUSE();
     GVMemoryPool pool(0, 16, false);
     buildBlocks(pool, {0, 16, 8});
     pool.resizePool(2);
@@ -206,6 +208,7 @@ TEST(PoolInspectorProbes, loadCountsDeletedSlots) {
 }
 
 TEST(PoolInspectorFindings, nameATokenReturnedTwiceOnce) {
+    GILVANE_TEST_OF_MISUSE();
     GVMemoryPool pool(0, 16, false);
     buildBlocks(pool, {0, 1, 2, 3});
     for (const unsigned int token : {3U, 1U, 3U}) {
@@ -220,6 +223,7 @@ TEST(PoolInspectorFindings, nameATokenReturnedTwiceOnce) {
 }
 
 TEST(PoolInspectorFindings, nameTokensThatThePoolLendsAndDoesNotKnow) {
+    GILVANE_TEST_OF_MISUSE();
     Peer::nextToken() = 0;
     GVMemoryPool pool(2, 16, false);
     pool.setNumberOfBytesInPoolObject(32); // leaves 0 and 1 in the free list
@@ -233,6 +237,7 @@ TEST(PoolInspectorFindings, nameTokensThatThePoolLendsAndDoesNotKnow) {
 }
 
 TEST(PoolInspectorFindings, unknownTokensAloneAreAFinding) {
+    GILVANE_TEST_OF_MISUSE();
     GVMemoryPool pool(2, 16, false);
     pool.releaseObject(Peer::nextToken());
     const Inspector inspector(pool);
@@ -305,6 +310,7 @@ TEST(PoolInspectorFindings, standInAscendingOrder) {
 }
 
 TEST(PoolInspectorFindings, comeToAnEndInATableWithoutAnEmptySlot) {
+    GILVANE_TEST_OF_MISUSE();
     GVMemoryPool pool(0, 16, false);
     for (unsigned int token = 0; token < 8; ++token) {
         Peer::table(pool).insert_helper(token, nullptr);
@@ -318,6 +324,7 @@ TEST(PoolInspectorFindings, comeToAnEndInATableWithoutAnEmptySlot) {
 }
 
 TEST(PoolInspectorText, isWhatItsDescriptionSays) {
+    GILVANE_TEST_OF_MISUSE();
     GVMemoryPool pool(0, 16, false);
     buildBlocks(pool, {0, 8, 16, 24});
     pool.resizePool(3); // 24 lay in slot 7
@@ -403,6 +410,7 @@ TEST(PoolInspectorText, draws64SlotsALine) {
 }
 
 TEST(PoolInspectorWithoutMemory, throwsAndLeavesThePoolAsItIs) {
+    GILVANE_TEST_OF_MISUSE();
     GVMemoryPool pool(0, 16, true);
     buildBlocks(pool, {0, 16, 8, 9, 2, 3, 4});
     pool.releaseObject(2);

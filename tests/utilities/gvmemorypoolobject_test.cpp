@@ -1,6 +1,7 @@
 // One pooled block: its bytes, its token, its comparison and its end.
 #include "gvtestpeer.h"
 #include "hookledger.h"
+#include "misuse.h"
 
 #include <gilvane/base/gvrawblock.h>
 
@@ -97,6 +98,7 @@ TEST(PoolObject, takesATokenThatIsStillInUseAfterTheCounterWrapped) {
 }
 
 TEST(PoolObject, asksForItsLengthAndAHeaderWordModulo32Bits) {
+    GILVANE_TEST_OF_MISUSE();
     HookLedger ledger;
     const GVMemoryPoolObject block(100);
     // Refused, since the block would be too small for its header word.

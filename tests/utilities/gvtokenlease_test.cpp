@@ -2,6 +2,7 @@
 
 #include "gvtestpeer.h"
 #include "hookledger.h"
+#include "misuse.h"
 #include "throwsites.h"
 
 #include <gtest/gtest.h>
@@ -334,6 +335,7 @@ TEST(TokenLease, returnsNoTokenThatItPassedOver) {
 }
 
 TEST(TokenLease, passesOverEntriesWithoutABlock) {
+    GILVANE_TEST_OF_MISUSE();
     Peer::nextToken() = 0;
     GVMemoryPool pool(1, 16, false);
     Peer::table(pool).insert(7, nullptr);

@@ -1,6 +1,7 @@
 // What another thread may do to a pool where an operation holds no lock, and what comes of it. The other thread is
 // played from inside the recorded locks, at the very moment of a lock or an unlock.
 #include "gvtestpeer.h"
+#include "misuse.h"
 #include "recordingthreads.h"
 #include "throwsites.h"
 
@@ -139,6 +140,7 @@ TEST(TokenLending, takesWhatAnotherThreadReturnedAfterTheGrowth) {
 #endif
 
 TEST(TokenLending, popsAfterGrowthWithoutLookingAgain) {
+    GILVANE_TEST_OF_MISUSE();
 #if defined(GILVANE_TEST_SANITIZED) || defined(_GLIBCXX_ASSERTIONS)
     GTEST_SKIP() << "a checker may report the pop from an empty list first";
 #else

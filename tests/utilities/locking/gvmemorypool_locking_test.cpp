@@ -1,6 +1,7 @@
 // Which operations of a pool lock, how, and for how long.
 #include "gvtestpeer.h"
 #include "hookledger.h"
+#include "misuse.h"
 #include "recordingthreads.h"
 #include "throwsites.h"
 
@@ -299,6 +300,7 @@ TEST(PoolLocking, eachPoolHasALockOfItsOwn) {
 }
 
 TEST(PoolLocking, theLockIsReleasedWhenAnOperationThrows) {
+    GILVANE_TEST_OF_MISUSE();
     const FreshLog log;
     HookLedger ledger;
     GVTestPeer::nextToken() = 0;

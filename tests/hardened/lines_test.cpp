@@ -1,0 +1,97 @@
+// The guide shows the lines that end a hardened program; here they are made.
+#include "gvtestpeer.h"
+
+#include <gilvane/threads/gvmutex.h>
+#include <gilvane/utilities/gvmemorypool.h>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <fstream>
+#include <functional>
+#include <regex>
+#include <sstream>
+#include <string>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace Gilvane {
+
+namespace {
+
+// The first line that a process of its own writes on standard error when it does this; every address in it the same.
+std::string lineOf(const std::function<void()>& mistake) {
+    int ends[2];
+    if (pipe(ends) != 0) {
+        return "no pipe";
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(ends[1], STDERR_FILENO);
+        mistake();
+        _exit(0);
+    }
+    close(ends[1]);
+    std::string text;
+    char buffer[256];
+    for (ssize_t count = read(ends[0], buffer, sizeof(buffer)); count > 0;
+         count = read(ends[0], buffer, sizeof(buffer))) {
+        text.append(buffer, static_cast<std::size_t>(count));
+    }
+    close(ends[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (!WIFSIGNALED(status) || WTERMSIG(status) != SIGABRT) {
+        return "did not abort: " + text;
+    }
+    return std::regex_replace(text.substr(0, text.find('\n')), std::regex("0x[0-9a-f]+"), "0x7ffd8a3b2c10");
+}
+
+TEST(HardenedLines, areThoseOfTheGuide) {
+    GVTestPeer::nextToken() = 14;
+    GVMemoryPool pool(4, 64, false); // tokens 14 to 17
+    GVMemoryPool other(1, 64, false);
+    const std::function<void()> mistakes[] = {
+        [&] {
+            pool.releaseObject(pool.getTokenForFreeMemoryObject());
+            pool.releaseObject(17);
+        },
+        [&] { pool.releaseObject(other.getTokenForFreeMemoryObject()); },
+        [&] { pool.getMemoryForToken(99); },
+        [&] {
+            //  slot    0   1   2   3   4   5   6   7
+            //  token   0   -   .   .   .   .   8   .      8 is searched for in slot 0, then in slot 1
+            GVMemoryPool shrunk(0, 64, false);
+            unsigned int blocks = 0;
+            for (const unsigned int token : {0U, 17U, 8U}) {
+                GVTestPeer::nextToken() = token;
+                shrunk.resizePool(++blocks);
+            }
+            shrunk.resizePool(2);
+            shrunk.getMemoryForToken(8);
+        },
+        [&] { GVMemoryPool(0, false).getTokenForFreeMemoryObject(); },
+        [&] { GVMemoryPool(1, 4294967295U, false); },
+        [&] { GVMemoryPoolObject(4294967295U); },
+        [&] { GVMutex().setHandle(nullptr); },
+        [&] {
+            GVMemoryPool shared(1, 64, true);
+            GVMutex guard;
+            guard.setHandle(GVTestPeer::mutexHandle(shared));
+            guard.setHandle(GVTestPeer::mutexHandle(shared));
+        },
+    };
+    std::string lines;
+    for (const auto& mistake : mistakes) {
+        lines += lineOf(mistake) + "\n";
+    }
+    std::ifstream file(GILVANE_SOURCE_DIR "/tests/hardened/lines.txt");
+    std::ostringstream shown;
+    shown << file.rdbuf();
+    EXPECT_EQ(lines, shown.str());
+}
+
+} // namespace
+
+} // namespace Gilvane
