@@ -23,7 +23,7 @@ namespace Gilvane {
 /// Writes one line on standard error, which begins with "gilvane: ", and ends the program with `abort`. Allocates
 /// nothing and takes no lock.
 /// @param format  of the rest of the line, as `printf` takes it
-[[noreturn]] GILVANE_EXPORT __attribute__((format(printf, 1, 2))) void reportMisuse(const char* format, ...) noexcept;
+[[noreturn, gnu::format(printf, 1, 2)]] GILVANE_EXPORT void reportMisuse(const char* format, ...) noexcept;
 
 /// Reports misuse, unless the condition holds.
 /// @param text  the operation and what is wrong

@@ -81,7 +81,8 @@ GILVANE_EXPORT std::ostream& operator<<(std::ostream& stream, const GVMemoryPool
 /// returned or built last is lent first. A pool that has nothing left to lend doubles.
 ///
 /// Tokens are not checked: a token that was never lent, was returned twice or belongs to a block that is gone is
-/// misuse, and not noticed. A pool that was rebuilt lends such tokens itself; see makePool.
+/// misuse, and noticed in a hardened build alone; see gvhardened.h. A pool that was rebuilt lends such tokens itself;
+/// see makePool.
 ///
 /// @par Invariants (while tokens are used as they should be, and building never failed)
 ///   1. memoryPool maps the token of each block to the block; its number of keys is the pool's number of blocks

@@ -28,13 +28,14 @@ silently() {
 expectRefused() {
     local complaint
     complaint=$(g++ "$scratch/$2" "$3" -pthread -o "$scratch/mixed" 2>&1) && fail "$2 links with $3"
-    grep -qE "undefined reference to .*$1" <<<"$complaint" || fail "$2 does not link with $3, but not by $1:" "$complaint"
+    grep -qE "undefined reference to .*$1" <<<"$complaint" ||
+        fail "$2 does not link with $3, but not for want of $1:" "$complaint"
 }
 
 # --- linking ----------------------------------------------------------------------------------------------------------
 
 program=tests/install/consumer/main.cpp
-# What a program says of its build, the hardened library's users ask it: by pkg-config here.
+# A hardened build tells by pkg-config what programs are to define.
 silently cmake --preset release -B "$scratch/build" -DGILVANE_HARDENED=ON -DGILVANE_BUILD_EXAMPLES=OFF
 flags=$(PKG_CONFIG_PATH=$scratch/build pkg-config --cflags gilvane)
 definitions=$(grep -oE -- '-D[^ ]+' <<<"$flags") || fail "gilvane.pc of a hardened build defines nothing: $flags"
