@@ -10,6 +10,7 @@
 #include <malloc.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -44,22 +45,34 @@ struct Strict : GVObject {
     std::max_align_t value;
 };
 
-// Whether the kernel was advised to take huge pages for the page at that address.
-bool isAdvisedHuge(const void* address) {
-    const auto number = reinterpret_cast<std::uintptr_t>(address);
+struct Range {
+    std::uintptr_t first;
+    std::uintptr_t end;
+    bool operator==(const Range& other) const { return first == other.first && end == other.end; }
+};
+
+std::ostream& operator<<(std::ostream& stream, const Range& range) {
+    return stream << std::hex << range.first << "-" << range.end << std::dec;
+}
+
+// The part of these bytes that the kernel was advised to take huge pages for.
+std::vector<Range> advisedIn(const Range& bytes) {
+    std::vector<Range> advised;
     std::ifstream maps("/proc/self/smaps");
-    bool isInside = false;
+    Range range{0, 0};
     for (std::string line; std::getline(maps, line);) {
         unsigned long long first = 0;
         unsigned long long end = 0;
         if (std::sscanf(line.c_str(), "%llx-%llx ", &first, &end) == 2) {
-            isInside = first <= number && number < end;
-        } else if (isInside && line.rfind("VmFlags:", 0) == 0) {
-            return line.find(" hg") != std::string::npos;
+            range = {std::max<std::uintptr_t>(first, bytes.first), std::min<std::uintptr_t>(end, bytes.end)};
+        } else if (range.first < range.end && line.rfind("VmFlags:", 0) == 0 && line.find(" hg") != std::string::npos) {
+            advised.push_back(range);
         }
     }
-    return false;
+    return advised;
 }
+
+constexpr unsigned int mebibyte = 1U << 20;
 
 // An allocation function in whose middle the hooks change.
 void* allocateAndRestoreTheDefaults(unsigned int numberOfBytes) {
@@ -78,20 +91,39 @@ TEST(DefaultHooks, alignEveryBlockForAnyType) {
     }
 }
 
-TEST(DefaultHooks, askForHugePagesInsideLargeBlocks) {
+TEST(DefaultHooks, askForHugePagesThatLieInALargeBlockWholly) {
     if (!std::ifstream("/sys/kernel/mm/transparent_hugepage/enabled") || sizeof(void*) == 4) {
         GTEST_SKIP() << "this kernel has no transparent huge pages, or the emulator does not hand the advice on";
     }
-    constexpr unsigned int mebibyte = 1U << 20;
-    char* const large = static_cast<char*>(allocateRawBlock(9 * mebibyte));
-    char* const small = static_cast<char*>(allocateRawBlock(3 * mebibyte));
-    EXPECT_TRUE(isAdvisedHuge(large + 4 * mebibyte));
-    EXPECT_FALSE(isAdvisedHuge(small + mebibyte + mebibyte / 2));
-    large[0] = 'a';
-    large[9 * mebibyte - 1] = 'z';
-    EXPECT_TRUE(isAlignedFor(large, alignof(std::max_align_t)));
-    releaseRawBlock(small);
-    releaseRawBlock(large);
+    constexpr unsigned int bytes = 9 * mebibyte;
+    void* const block = allocateRawBlock(bytes);
+    const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(block);
+    constexpr std::uintptr_t hugePage = 2 * mebibyte;
+    const Range inside{(start + hugePage - 1) / hugePage * hugePage, (start + bytes) / hugePage * hugePage};
+    EXPECT_EQ(advisedIn({start - hugePage, start + bytes + hugePage}), std::vector<Range>{inside});
+    releaseRawBlock(block);
+}
+
+TEST(DefaultHooks, askForNoHugePagesForSmallerBlocks) {
+    constexpr unsigned int bytes = 3 * mebibyte;
+    std::vector<void*> blocks; // so many that some hold a huge page
+    for (int built = 0; built < 8; ++built) {
+        blocks.push_back(allocateRawBlock(bytes));
+    }
+    for (void* const block : blocks) {
+        const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(block);
+        EXPECT_EQ(advisedIn({start, start + bytes}), std::vector<Range>{});
+        releaseRawBlock(block);
+    }
+}
+
+TEST(DefaultHooks, giveWholeUseOfALargeBlock) {
+    constexpr unsigned int bytes = 9 * mebibyte;
+    char* const block = static_cast<char*>(allocateRawBlock(bytes));
+    EXPECT_TRUE(isAlignedFor(block, alignof(std::max_align_t)));
+    std::memset(block, 7, bytes);
+    EXPECT_EQ(std::count(block, block + bytes, 7), static_cast<std::ptrdiff_t>(bytes));
+    releaseRawBlock(block);
 }
 
 TEST(DefaultHooks, alignObjectsAndArraysForTheirMembers) {

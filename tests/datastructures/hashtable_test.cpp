@@ -374,6 +374,22 @@ TEST(HashTable, aDeletedHomeSlotIsPreferredToADeletedSlotPastIt) {
     EXPECT_EQ(slotOf(table, table.lookup(8, 8)), 0U) << "even by the key that the slot past it held";
 }
 
+TEST(HashTable, aDeletedHomeSlotThatHeldTheKeyItselfDoesNotEndTheSearch) {
+    Table table;
+    table.insert(0, 1);
+    table.insert(8, 2);
+    table.insert(16, 3);
+    table.remove(0);
+    table.remove(8);
+    table.insert(16, 4);
+    table.remove(16);
+    table.insert(1, 5);
+    //  slot                    0 1 2 3 4 5 6  7
+    EXPECT_EQ(slotsOf(table), "x 1 . . . . 16 .");
+    ASSERT_EQ(GVTestPeer::slots(table)[0].theKey, 16U);
+    EXPECT_EQ(slotOf(table, table.lookup(16, 16)), 6U);
+}
+
 TEST(HashTable, aDeletedSlotPastTheHomeSlotEndsTheSearch) {
     Table table;
     table.insert(0, 1);

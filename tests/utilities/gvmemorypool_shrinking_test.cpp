@@ -4,6 +4,7 @@
 #include "misuse.h"
 #include "throwsites.h"
 
+#include <gilvane/base/gvexception.h>
 #include <gilvane/base/gvrawblock.h>
 
 #include <gtest/gtest.h>
@@ -316,6 +317,17 @@ TEST(PoolShrinking, stopsWhereAMissedTokenCannotGrowTheTable) {
     EXPECT_EQ(tokensInTable(pool), (Tokens{0, 2, 3, 4, 8, 8}));
     EXPECT_EQ(GVTestPeer::slots(table)[1].theKey, 8U);
     EXPECT_EQ(GVTestPeer::slots(table)[1].theValue, nullptr);
+    EXPECT_EQ(GVTestPeer::freeTokens(pool), (Tokens{0, 8, 2, 3}));
+}
+
+TEST(PoolShrinking, leavesTheTokensBelowAMissedOneThatCannotGrowTheTableInTheFreeList) {
+    HookLedger ledger;
+    GVMemoryPool pool(0, 16, false);
+    build(pool, {0, 9, 8, 2, 3});
+    buildSixthWithoutGrowth(ledger, pool, 4);
+    ledger.refuseOnce(2); // after the lists of tokens and of marks
+    EXPECT_THROW(pool.resizePool(1), GVException);
+    ledger.refuseNothing();
     EXPECT_EQ(GVTestPeer::freeTokens(pool), (Tokens{0, 8, 2, 3}));
 }
 
