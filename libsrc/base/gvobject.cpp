@@ -9,11 +9,24 @@
 
 #include <sys/mman.h>
 
+#if defined(GILVANE_MIMALLOC)
+#include <mimalloc.h>
+#endif
+
 namespace Gilvane {
 
 namespace {
 
 constexpr const char* theSourceFile = "libsrc/base/gvobject";
+
+// What the default hooks stand on.
+#if defined(GILVANE_MIMALLOC)
+void* takeMemory(std::size_t bytes) { return mi_malloc(bytes); }
+void returnMemory(void* memory) { mi_free(memory); }
+#else
+void* takeMemory(std::size_t bytes) { return std::malloc(bytes); }
+void returnMemory(void* memory) { std::free(memory); }
+#endif
 
 // The default hooks shift each block inside what malloc returned, so that the byte after the header word, where users
 // put doubles, 64-bit atomics and vector values, has malloc's full alignment. The block still ends where malloc's
@@ -42,12 +55,12 @@ void adviseHugePages(void* memory, std::size_t bytes) {
     static_cast<void>(madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE));
 }
 
-void* allocateWithMalloc(unsigned int numberOfBytes) {
+void* allocateByDefault(unsigned int numberOfBytes) {
     const std::size_t paddedBytes = defaultHookPadding + numberOfBytes;
     if (paddedBytes < numberOfBytes) { // wraps where size_t has 32 bits
         return nullptr;
     }
-    void* const memory = std::malloc(paddedBytes);
+    void* const memory = takeMemory(paddedBytes);
     if (memory == nullptr) {
         return nullptr;
     }
@@ -55,11 +68,11 @@ void* allocateWithMalloc(unsigned int numberOfBytes) {
     return static_cast<char*>(memory) + defaultHookPadding;
 }
 
-void releaseWithFree(void* block) { std::free(static_cast<char*>(block) - defaultHookPadding); }
+void releaseByDefault(void* block) { returnMemory(static_cast<char*>(block) - defaultHookPadding); }
 
 // Constant-initialised: objects may be made before main, by other files' initialisers.
-GVAllocatorFunction theAllocator = &allocateWithMalloc;
-GVDeallocatorFunction theDeallocator = &releaseWithFree;
+GVAllocatorFunction theAllocator = &allocateByDefault;
+GVDeallocatorFunction theDeallocator = &releaseByDefault;
 
 void* allocateObject(std::size_t size) noexcept {
     return fitsInRawBlock(size) ? allocateRawBlock(static_cast<unsigned int>(size)) : nullptr;
@@ -91,8 +104,8 @@ void GVObject::SetAllocationHooks(GVAllocatorFunction allocator, GVDeallocatorFu
                           0);
     }
     const bool restoreDefaults = allocator == nullptr;
-    theAllocator = restoreDefaults ? &allocateWithMalloc : allocator;
-    theDeallocator = restoreDefaults ? &releaseWithFree : deallocator;
+    theAllocator = restoreDefaults ? &allocateByDefault : allocator;
+    theDeallocator = restoreDefaults ? &releaseByDefault : deallocator;
 }
 
 void* GVObject::operator new(std::size_t size) { return allocateObjectOrThrow(size); }
