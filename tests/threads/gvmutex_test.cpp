@@ -1,3 +1,5 @@
+#include "misuse.h"
+
 #include <gilvane/threads/gvmutex.h>
 #include <gilvane/threads/gvthreadsfactory.h>
 
@@ -52,6 +54,21 @@ TEST(ScopedLock, withoutAHandleLocksNothing) {
     const LoggingHandle handle(log);
     { const GVMutex lock; }
     EXPECT_EQ(log, Log{});
+}
+
+TEST(ScopedLock, leavesAFirstHandleLockedWhenItIsGivenASecond) {
+    GILVANE_TEST_OF_MISUSE();
+    Log first;
+    Log second;
+    LoggingHandle firstHandle(first);
+    LoggingHandle secondHandle(second);
+    {
+        GVMutex lock;
+        lock.setHandle(&firstHandle);
+        lock.setHandle(&secondHandle);
+    }
+    EXPECT_EQ(first, Log{"lock"});
+    EXPECT_EQ(second, (Log{"lock", "unlock"}));
 }
 
 TEST(ScopedLock, leavesItsHandleAlive) {
