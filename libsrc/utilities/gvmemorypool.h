@@ -244,6 +244,7 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
 
     static GVMutexHandle* createHandleIf(bool useMutex);
     GILVANE_OF_THIS_BUILD void growToLend();
+    void* addressOf(unsigned int token);
     void lockIfShared(GVMutex& guard) const;
     void buildObjects(unsigned int numberOfObjects);
     void buildObject();
@@ -289,8 +290,15 @@ inline unsigned int GVMemoryPool::getTokenForFreeMemoryObject() {
 }
 
 inline void* GVMemoryPool::getMemoryForToken(unsigned int token) {
+    if (likely(!useMutexHandle)) { // by itself, so that it carries no guard along
+        return addressOf(token);
+    }
     GVMutex guard;
-    lockIfShared(guard);
+    guard.setHandle(theMutexHandle);
+    return addressOf(token);
+}
+
+inline void* GVMemoryPool::addressOf(unsigned int token) {
     // A reader would expect an unknown token to be refused. The table adds it, with a null block that is then read, by
     // requirement; so it does for a token that it misses behind a deleted slot, after a shrink.
     // Watched by MisuseOfTokens.addsAnEntryForAnUnknownToken.
