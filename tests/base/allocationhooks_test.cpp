@@ -64,7 +64,8 @@ std::vector<Range> advisedIn(const Range& bytes) {
         unsigned long long first = 0;
         unsigned long long end = 0;
         if (std::sscanf(line.c_str(), "%llx-%llx ", &first, &end) == 2) {
-            range = {std::max<std::uintptr_t>(first, bytes.first), std::min<std::uintptr_t>(end, bytes.end)};
+            range = {std::max(static_cast<std::uintptr_t>(first), bytes.first),
+                     std::min(static_cast<std::uintptr_t>(end), bytes.end)};
         } else if (range.first < range.end && line.rfind("VmFlags:", 0) == 0 && line.find(" hg") != std::string::npos) {
             advised.push_back(range);
         }
