@@ -7,7 +7,9 @@
 #include <cstdint>
 #include <cstdlib>
 
+#if defined(__linux__)
 #include <sys/mman.h>
+#endif
 
 #if defined(GILVANE_MIMALLOC)
 #include <mimalloc.h>
@@ -40,9 +42,10 @@ static_assert(alignof(std::max_align_t) >= rawBlockHeaderBytes &&
                   defaultHookPadding % alignof(GVDeallocatorFunction) == 0,
               "the header word is aligned too");
 
-// The slots of a large table are reached in no order, so that with ordinary pages most accesses miss in the address
-// translation as well, and each growth faults in thousands of pages. Only pages that lie in the block wholly are asked
-// for as huge ones; whether they come is the kernel's choice.
+// For the sake of large tables: their slots may be reached in no order, so that with ordinary pages most accesses miss
+// in the address translation as well, and each growth faults in thousands of pages. Only pages that lie in the block
+// wholly are asked for as huge ones; whether they come is the kernel's choice.
+#if defined(MADV_HUGEPAGE)
 void adviseHugePages(void* memory, std::size_t bytes) {
     constexpr std::uintptr_t hugePageBytes = std::uintptr_t{1} << 21;
     constexpr std::size_t leastBytes = 2 * hugePageBytes;
@@ -54,6 +57,9 @@ void adviseHugePages(void* memory, std::size_t bytes) {
     const std::uintptr_t end = (start + bytes) / hugePageBytes * hugePageBytes;
     static_cast<void>(madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE));
 }
+#else
+void adviseHugePages(void*, std::size_t) {}
+#endif
 
 void* allocateByDefault(unsigned int numberOfBytes) {
     const std::size_t paddedBytes = defaultHookPadding + numberOfBytes;

@@ -41,7 +41,8 @@ class GILVANE_EXPORT GVObject {
     /// answer in the block's header word.
     static GVDeallocatorFunction GetDeallocator();
 
-    /// Replaces both hooks, or restores the default ones (`malloc` and `free`) when both arguments are null.
+    /// Replaces both hooks, or restores the default ones when both arguments are null: `malloc` and `free`, or mimalloc
+    /// where the library was built on it.
     ///
     /// Blocks made before the change go back through the deallocation function in their own header word. With the
     /// default hooks the byte after a header word is aligned for `std::max_align_t`; with others it lies one pointer

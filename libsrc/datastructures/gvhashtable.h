@@ -107,6 +107,8 @@ class GVHashTable;
 /// A position in a table's slot array.
 ///
 /// It stands on an occupied slot, at the end, or, made by its default constructor, in no table at all ("not ready").
+/// Where an exception's own texts find no memory, `std::bad_alloc` comes in its place.
+///
 /// It is good only as long as the table keeps its slot array: any insertion that grows the table, any `resize` and any
 /// `clear` end its life without telling it.
 ///
@@ -257,7 +259,8 @@ GVHashTableEntry<K, V>* GVHashTableEntry_Iterator<K, V>::occupiedEntry() const {
 /// Maps keys to values in one open-addressing array of slots, the first of them inside the table itself.
 ///
 /// Up to five keys need no heap memory, as long as none is removed. When two thirds of the slots are occupied or
-/// deleted, an insertion gives the table a new size: four times its live keys below 30000 of them, twice from there on.
+/// deleted, an insertion gives the table a new size: the next above four times its live keys below 30000 of them, twice
+/// from there on.
 /// That is more slots, or fewer where many keys were removed.
 ///
 ///     key 0, then 8, in a table of 8 slots: both have home slot 0, and 8 steps on
@@ -270,8 +273,8 @@ GVHashTableEntry<K, V>* GVHashTableEntry_Iterator<K, V>::occupiedEntry() const {
 /// @tparam H  function object, const where it is called, that gives the unsigned 32-bit hash of a key
 ///
 /// What the copies and comparisons of K and V throw passes through. A slot is written before it is counted, so a throw
-/// from storing a new key leaves the table as it was; one in the middle of a change of size loses the keys that were
-/// not yet carried over, and the former array.
+/// from storing a new key leaves the table as it was; one while keys are carried over to a new array loses those not
+/// yet carried over, and the former array.
 ///
 /// @par Invariants (after every completed insert)
 ///   1. theUsedCount <= theFillCount <= theMask
@@ -588,9 +591,9 @@ int GVHashTable<K, V, H>::resize(unsigned int minUsed) {
     return 2;
 }
 
-// Asks the memory for the slot where an entry of the old array will most likely be stored again. Keys come to the new
-// array in no order, and which way the search for a slot goes depends on what is found there; so without this each key
-// waits for its slot alone.
+// Asks the memory for the slot where an entry of the old array will most likely be stored again. Scattered keys come to
+// the new array in no order, and which way the search for a slot goes depends on what is found there; so without this
+// each key waits for its slot alone.
 template <typename K, typename V, typename H>
 void GVHashTable<K, V, H>::prefetchHomeOf(const Entry& entry) const {
     if (entry.theState == gvoccupiedentry) {

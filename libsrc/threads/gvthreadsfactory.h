@@ -31,7 +31,7 @@ class GILVANE_EXPORT GVThreadsFactory : public GVObject {
     /// @returns     never null
     /// @throws GVException    kind gvinvalidstate for another kind or a true flag; kind gvoutofmemory when the POSIX
     ///                        mutex cannot be made. Nothing is left behind
-    /// @throws std::bad_alloc no memory for the handle
+    /// @throws std::bad_alloc no memory for the handle or for the exception's own texts
     GVMutexHandle* CreateUnnamedHandle(_gvmutex kind, bool flag);
 };
 

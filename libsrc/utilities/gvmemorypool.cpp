@@ -23,7 +23,7 @@ template class GVSmartPointer<GVMemoryPool>;
 
 namespace {
 
-// Programs compile these operations into themselves; where a compiler chooses not to, they are found here.
+// Programs compile these operations into themselves; the library holds them all the same.
 [[gnu::used]] unsigned int (GVMemoryPool::*const theLoan)() = &GVMemoryPool::getTokenForFreeMemoryObject;
 [[gnu::used]] void* (GVMemoryPool::*const theAddress)(unsigned int) = &GVMemoryPool::getMemoryForToken;
 [[gnu::used]] void (GVMemoryPool::*const theReturn)(unsigned int) = &GVMemoryPool::releaseObject;
@@ -56,7 +56,7 @@ GILVANE_UNGUARDED void setWithoutLock(unsigned int& bytesInEachObject, unsigned 
 //
 // Each is to be gone from the free list too, where it stands there first. To look for each by itself would make the
 // cost of a shrink grow with the square of the pool; they leave the list together, in one pass, when the shrink is
-// over, however it ends.
+// over, however it ends. Only a deallocation hook that looked at the pool meanwhile could tell.
 class TokenRemoval {
   public:
     using Tokens = std::vector<unsigned int, GVStdAllocator<unsigned int>>;
@@ -122,7 +122,7 @@ GVMemoryPoolObject::GVMemoryPoolObject() : theBytes(nullptr), theLength(0), theT
 // The token is taken last, so that a block that could not be built uses none up.
 GVMemoryPoolObject::GVMemoryPoolObject(unsigned int length) {
     // A reader would expect a check that the header word can be added. There is none, by requirement: a length within a
-    // word of 2^32 wraps and gets a block too small for it, on a 64-bit target even for the header word.
+    // word of 2^32 wraps and gets a block too small even for the header word.
     // Watched by PoolObject.asksForItsLengthAndAHeaderWordModulo32Bits.
     GILVANE_IF_HARDENED(
         require(fitsInRawBlock(length), "GVMemoryPoolObject: a length that wraps with the header word"));
@@ -221,12 +221,12 @@ void GVMemoryPool::resizePool(unsigned int numberOfObjects) {
         buildObjects(numberOfObjects - count);
         return;
     }
-    // What needs memory comes first, so that a failure there leaves the pool unchanged.
+    // The lists, which need memory, come first, so that a failure there leaves the pool unchanged.
     TokenRemoval removal(memoryPool, availableTokens, count - numberOfObjects);
     // A reader would expect lent blocks to be spared, or their holders to be told. Neither happens, by requirement.
     // Watched by PoolShrinking.removesTheHighestTokensEvenIfLent. Nor is a token that the table misses behind a deleted
     // slot passed over: operator[] stores it again, with a null block, and the block it named stays until the pool
-    // goes.
+    // goes, unless the table grows over it, which leaves one of the two entries.
     for (; !removal.isComplete(); removal.highestTokenIsGone()) {
         const unsigned int token = removal.highestToken();
         delete memoryPool[token];
@@ -264,7 +264,8 @@ void GVMemoryPool::removeTokenFromAvailableList(unsigned int token) {
     }
 }
 
-// For a loan that finds nothing to lend. Called, and left, with the lock taken if the pool locks.
+// For a loan that finds nothing to lend. Called, and left, with the lock taken if the pool locks; left by a throw,
+// without it.
 void GVMemoryPool::growToLend() {
     // Growing takes the lock itself. A reader would expect the number of blocks to be read before the lock is
     // released: it is read after, a race with other threads, by requirement. Two threads that find the list empty

@@ -33,7 +33,7 @@ class GILVANE_EXPORT GVMemoryPoolObject : public GVObject {
 
     /// A block with bytes, whose contents are not set.
     /// @param length  bytes. The header word's are added modulo 2^32, without a check: with a length that wraps, the
-    ///                header word itself may not fit
+    ///                header word itself does not fit
     /// @throws std::bad_alloc no memory for the bytes; no token is used up
     explicit GVMemoryPoolObject(unsigned int length);
 
@@ -84,7 +84,7 @@ GILVANE_EXPORT std::ostream& operator<<(std::ostream& stream, const GVMemoryPool
 /// misuse, and noticed in a hardened build alone; see gvhardened.h. A pool that was rebuilt lends such tokens itself;
 /// see makePool.
 ///
-/// @par Invariants (while tokens are used as they should be, and building never failed)
+/// @par Invariants (while tokens are used as they should be, building never failed, and no shrink hides a token)
 ///   1. memoryPool maps the token of each block to the block; its number of keys is the pool's number of blocks
 ///   2. until the pool is rebuilt, availableTokens holds the token of each block that is not lent, once
 ///   3. theMutexHandle is null  <=>  useMutexHandle is false
@@ -176,8 +176,9 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
 
     /// Rebuilds the pool with blocks of another size, as many as it had; see makePool.
     /// @param bytes  bytes in each block; with 0 the blocks have none
-    /// @throws GVException kind gvinvalidstate while numberOfObjectsInPoolInUse is not 0; nothing has changed
-    /// @throws             what makePool throws; the new size is then recorded already
+    /// @throws GVException     kind gvinvalidstate while numberOfObjectsInPoolInUse is not 0; nothing has changed
+    /// @throws std::bad_alloc  no memory for that exception's own texts; likewise
+    /// @throws                 what makePool throws; the new size is then recorded already
     /// @par Threads  the check and the rebuilding take the pool's lock, each by itself; in between the size is written
     ///               and the number of blocks read without it, and a block borrowed in between is destroyed
     void setNumberOfBytesInPoolObject(unsigned int bytes);
@@ -266,7 +267,7 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     bool useMutexHandle;
 };
 
-// What programs do most is compiled into them. It comes after the class, in the class's order.
+// What programs do most is compiled into them.
 
 inline unsigned int GVMemoryPool::getTokenForFreeMemoryObject() {
     const bool locks = useMutexHandle;

@@ -9,15 +9,15 @@
 
 namespace Gilvane {
 
-// By the table's get, which adds nothing. A shrink may leave a block where no search comes by; for a token that is not
-// found, every slot is looked at, so that the return of such a block does not count as misuse.
+// By the table's get, which adds nothing. A shrink may leave a block where no search comes by, or behind an entry
+// without one; then every slot is looked at, so that the return of such a block does not count as misuse.
 const GVMemoryPoolObject* GVMemoryPool::findBlock(unsigned int token) const {
     const auto* const entry = memoryPool.get(token);
-    if (entry != nullptr) {
+    if (entry != nullptr && entry->theValue != nullptr) {
         return entry->theValue;
     }
     for (auto position = memoryPool.begin(); position != memoryPool.end(); ++position) {
-        if (position.GetKey() == token) {
+        if (position.GetKey() == token && *position != nullptr) {
             return *position;
         }
     }
@@ -65,7 +65,7 @@ void GVMemoryPool::checkAfterReturn(unsigned int token) const {
 
 void GVMemoryPool::checkBlockSize() const {
     if (!fitsInRawBlock(bytesInEachObject)) {
-        reportMisuse("makePool or resizePool: pool %p: blocks of %u bytes wrap with their header words",
+        reportMisuse("building a block: pool %p: blocks of %u bytes wrap with their header words",
                      static_cast<const void*>(this), bytesInEachObject);
     }
 }

@@ -42,8 +42,8 @@ class [[nodiscard]] GVTokenLease : public GVObject {
 
     /// Borrows a block and keeps the pool alive.
     ///
-    /// A token in the free list that names no block, as a rebuilding leaves them behind, is passed over and leaves the
-    /// list.
+    /// A token in the free list that names no block, as a rebuilding leaves them behind, or that a shrink has hidden,
+    /// is passed over and leaves the list.
     /// @param owner  shares the pool
     /// @throws GVException     kind gvinvalidstate: `owner` is empty
     /// @throws std::bad_alloc  no memory for the room that the free list needs when the block comes back

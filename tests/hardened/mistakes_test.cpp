@@ -190,10 +190,10 @@ TEST(HardenedBlockSize, thatWrapsEndsTheProgramAtTheBlock) {
 
 TEST(HardenedBlockSize, thatWrapsEndsTheProgramAtThePool) {
     EXPECT_DEATH(GVMemoryPool(1, longestLength + 1, false),
-                 onlyLine("makePool or resizePool: pool 0x[0-9a-f]+: blocks of " + std::to_string(longestLength + 1) +
+                 onlyLine("building a block: pool 0x[0-9a-f]+: blocks of " + std::to_string(longestLength + 1) +
                           " bytes wrap with their header words"));
     GVMemoryPool pool(0, 4294967295U, false);
-    const std::string line = onlyLine("makePool or resizePool: pool " + addressOf(&pool) +
+    const std::string line = onlyLine("building a block: pool " + addressOf(&pool) +
                                       ": blocks of 4294967295 bytes wrap with their header words");
     EXPECT_DEATH(pool.makePool(1), line);
     EXPECT_DEATH(pool.resizePool(1), line);
