@@ -271,6 +271,7 @@ class WrongInput(Picture):
         self.assertIn("not occupied", self.refusal(report.replace("<slot>4<", "<slot>3<")))
         self.assertIn("neither free nor lent", self.refusal(report.replace(">free<", ">gone<")))
         self.assertIn("the report has no element load", self.refusal(report.replace("<load>0.625</load>", "")))
+        self.assertIn('load is "1.2.3", which is no number', self.refusal(report.replace("<load>0.625<", "<load>1.2.3<")))
         self.assertIn("block 8 has no element slot", self.refusal(report.replace("<slot>1</slot>", "")))
         self.assertIn("more than one element pool", self.refusal(report.replace("<load>", "<pool></pool><load>")))
         self.assertIn("not well-formed", self.refusal(report.replace("</load>", "")))

@@ -173,6 +173,14 @@ TEST(HardenedReturn, ofATokenThatAShrinkHidIsNoMistake) {
     EXPECT_DEATH(hidden.pool.releaseObject(8), lineOnToken("releaseObject", 8, hidden.pool, twice));
 }
 
+TEST(HardenedReturn, ofATokenBehindAnEntryWithoutABlockIsNoMistake) {
+    PoolWithAHiddenBlock hidden;
+    EXPECT_EQ(GVTestPeer::table(hidden.pool)[8], nullptr); // added in front of the entry that has the block
+    EXPECT_EQ(hidden.pool.getTokenForFreeMemoryObject(), 8U);
+    hidden.pool.releaseObject(8);
+    EXPECT_EQ(hidden.pool.getTokenForFreeMemoryObject(), 8U);
+}
+
 TEST(HardenedLoan, thatFindsNothingToTakeEndsTheProgram) {
     for (const bool useMutex : {false, true}) {
         GVMemoryPool pool(0, useMutex);
