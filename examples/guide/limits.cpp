@@ -1,6 +1,6 @@
 // The most that a pool can hold, found out from the library itself.
 #include <gilvane/base/gvexception.h>
-#include <gilvane/base/gvrawblock.h>
+#include <gilvane/base/gvstdallocator.h>
 #include <gilvane/utilities/gvmemorypool.h>
 
 #include <algorithm>
@@ -10,20 +10,22 @@
 #include <iomanip>
 #include <iostream>
 #include <limits>
+#include <new>
 #include <string>
 
-using Gilvane::fitsInRawBlock;
 using Gilvane::GVException;
 using Gilvane::GVMemoryPool;
 using Gilvane::GVMemoryPoolObject;
 using Gilvane::GVObject;
-using Gilvane::rawBlockHeaderBytes;
+using Gilvane::GVStdAllocator;
 
 namespace {
 
 using Table = Gilvane::GVHashTable<unsigned int, GVMemoryPoolObject*>;
 
 constexpr unsigned int theFirstSlots = 8;
+
+constexpr unsigned int headerWordBytes = sizeof(Gilvane::GVDeallocatorFunction); // in front of every raw block
 
 constexpr unsigned int everything = std::numeric_limits<unsigned int>::max();
 
@@ -57,6 +59,19 @@ void release(void* block) {
     unsigned char* const memory = static_cast<unsigned char*>(block) - front;
     heldBytes -= *reinterpret_cast<unsigned int*>(memory);
     std::free(memory);
+}
+
+// Bytes that the hook is asked for to make a block; 0 when it is not even asked.
+unsigned int bytesAskedOfHookFor(std::size_t userBytes) {
+    mostToGrant = 0;
+    refusedRequest = 0;
+    try {
+        static_cast<void>(GVStdAllocator<char>().allocate(userBytes));
+    } catch (const std::bad_alloc&) {
+        // Refused by the hook, or before it was asked.
+    }
+    mostToGrant = everything;
+    return refusedRequest;
 }
 
 // Bytes that a table asks the hook for to have so many slots; 0 when it does not even ask.
@@ -112,8 +127,8 @@ bool tablesFollowTheRule() {
 
 // Bytes that a pool has asked the hook for, and not given back, at the worst moment until it has so many blocks.
 std::uint64_t mostBytesHeld(unsigned int blocks, unsigned int bytesPerBlock) {
-    const std::uint64_t eachBlock = sizeof(GVMemoryPoolObject) + rawBlockHeaderBytes +
-                                    (bytesPerBlock != 0 ? bytesPerBlock + rawBlockHeaderBytes : 0);
+    const std::uint64_t eachBlock =
+        sizeof(GVMemoryPoolObject) + headerWordBytes + (bytesPerBlock != 0 ? bytesPerBlock + headerWordBytes : 0);
     std::uint64_t tableBytes = 0; // the first slots are in the pool itself
     std::uint64_t listBytes = 0;
     std::uint64_t most = blocks * eachBlock;
@@ -128,7 +143,7 @@ std::uint64_t mostBytesHeld(unsigned int blocks, unsigned int bytesPerBlock) {
         }
         if (built > listRoom) {
             listRoom = std::max(1U, 2 * listRoom);
-            const std::uint64_t grown = std::uint64_t{listRoom} * sizeof(unsigned int) + rawBlockHeaderBytes;
+            const std::uint64_t grown = std::uint64_t{listRoom} * sizeof(unsigned int) + headerWordBytes;
             most = std::max(most, built * eachBlock + tableBytes + listBytes + grown);
             listBytes = grown;
         }
@@ -187,8 +202,8 @@ int main() {
         slots *= 2;
     }
     const unsigned int blocks = mostKeys(slots);
-    const unsigned int largest = everything - rawBlockHeaderBytes;
-    if (!fitsInRawBlock(largest) || fitsInRawBlock(std::size_t{largest} + 1)) {
+    const unsigned int largest = everything - headerWordBytes;
+    if (bytesAskedOfHookFor(largest) != everything || bytesAskedOfHookFor(std::size_t{largest} + 1) != 0) {
         std::cerr << "blocks have another limit\n";
         return 1;
     }

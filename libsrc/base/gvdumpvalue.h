@@ -6,7 +6,7 @@
 #include <ostream>
 #include <type_traits>
 
-namespace Gilvane {
+namespace Gilvane::detail {
 
 /// Writes one value with a single stream insertion and leaves the stream's formatting state alone.
 ///
@@ -27,6 +27,6 @@ void writeDumpValue(std::ostream& stream, const T& value) {
     }
 }
 
-} // namespace Gilvane
+} // namespace Gilvane::detail
 
 #endif

@@ -3,7 +3,7 @@
 #ifndef GILVANE_BASE_GVEXCEPTION_H
 #define GILVANE_BASE_GVEXCEPTION_H
 
-#include <gilvane/base/gvexport.h>
+#include <gilvane/base/gvcompiler.h>
 #include <gilvane/base/gvobject.h>
 #include <gilvane/base/gvstdallocator.h>
 

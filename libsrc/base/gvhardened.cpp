@@ -1,7 +1,5 @@
 #include <gilvane/base/gvhardened.h>
 
-#if defined(GILVANE_HARDENED)
-
 #include <algorithm>
 #include <cstdarg>
 #include <cstddef>
@@ -21,7 +19,7 @@ __attribute__((weak)) void __asan_poison_memory_region(const volatile void* byte
 __attribute__((weak)) void __asan_unpoison_memory_region(const volatile void* bytes, std::size_t numberOfBytes);
 }
 
-namespace Gilvane {
+namespace Gilvane::detail {
 
 // One write, so that no other thread's text comes between.
 void reportMisuse(const char* format, ...) noexcept {
@@ -37,7 +35,7 @@ void reportMisuse(const char* format, ...) noexcept {
     std::abort();
 }
 
-void markUntouchable(const void* bytes, unsigned int numberOfBytes) noexcept {
+void markBytesUntouchable(const void* bytes, unsigned int numberOfBytes) noexcept {
     if (numberOfBytes == 0) {
         return;
     }
@@ -49,7 +47,7 @@ void markUntouchable(const void* bytes, unsigned int numberOfBytes) noexcept {
 #endif
 }
 
-void markUsable(const void* bytes, unsigned int numberOfBytes) noexcept {
+void markBytesUsable(const void* bytes, unsigned int numberOfBytes) noexcept {
     if (numberOfBytes == 0) {
         return;
     }
@@ -61,6 +59,4 @@ void markUsable(const void* bytes, unsigned int numberOfBytes) noexcept {
 #endif
 }
 
-} // namespace Gilvane
-
-#endif
+} // namespace Gilvane::detail

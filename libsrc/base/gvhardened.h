@@ -1,53 +1,64 @@
 /// @file
-/// What the hardened build adds: checks that end the program, and marks on the bytes of free blocks.
+/// The hardened build: checks that end the program, and marks on the bytes of free blocks.
 ///
-/// `GILVANE_HARDENED` is defined for the library and for every program that uses it, or for neither: the build system
-/// that hands out the library says so. The layout of all classes is the same in both builds. Programs and libraries of
-/// different builds do not link: the checks that hardened headers call are in hardened libraries alone, and the growth
-/// that every loan may come to has another name there.
+/// `GILVANE_HARDENED` is defined for the library and for every program that uses it, or for neither; the build system
+/// that hands out the library tells programs. Both builds compile the checks, a constant decides which of them makes
+/// any. All classes have the same layout in both. A program of one build does not link with a library of the other:
+/// what the headers call is named differently there.
 #ifndef GILVANE_BASE_GVHARDENED_H
 #define GILVANE_BASE_GVHARDENED_H
 
+#include <gilvane/base/gvcompiler.h>
+
 #if defined(GILVANE_HARDENED)
 
-#include <gilvane/base/gvexport.h>
-
-/// Runs an expression in the hardened build, and is nothing in others.
-#define GILVANE_IF_HARDENED(expression) (expression)
-
-/// Put before a function of the library that programs cannot do without: those of another build do not find it.
+/// Marks a function that programs of both builds call: each build finds its own alone.
 #define GILVANE_OF_THIS_BUILD __attribute__((abi_tag("hardened")))
-
-namespace Gilvane {
-
-/// Writes one line on standard error, which begins with "gilvane: ", and ends the program with `abort`. Allocates
-/// nothing and takes no lock.
-/// @param format  of the rest of the line, as `printf` takes it
-[[noreturn, gnu::format(printf, 1, 2)]] GILVANE_EXPORT void reportMisuse(const char* format, ...) noexcept;
-
-/// Reports misuse, unless the condition holds.
-/// @param text  the operation and what is wrong
-inline void require(bool condition, const char* text) noexcept {
-    if (!condition) {
-        reportMisuse("%s", text);
-    }
-}
-
-/// From now on a use of these bytes is a fault that AddressSanitizer or Valgrind reports, whichever the program runs
-/// under; without them nothing happens. What the bytes hold stays.
-/// @param bytes  the first one; may be null if there are none
-void markUntouchable(const void* bytes, unsigned int numberOfBytes) noexcept;
-
-/// The opposite. For Valgrind the bytes have then no value yet, though what they held is still there.
-void markUsable(const void* bytes, unsigned int numberOfBytes) noexcept;
-
-} // namespace Gilvane
+/// Marks a check, and what checks are made of: called by programs of the hardened build, and hidden in the default one.
+#define GILVANE_CHECK GILVANE_EXPORT __attribute__((abi_tag("hardened")))
 
 #else
 
-#define GILVANE_IF_HARDENED(expression)
 #define GILVANE_OF_THIS_BUILD
+#define GILVANE_CHECK __attribute__((visibility("hidden")))
 
 #endif
+
+namespace Gilvane::detail {
+
+/// Whether this is the hardened build.
+#if defined(GILVANE_HARDENED)
+inline constexpr bool isHardened = true;
+#else
+inline constexpr bool isHardened = false;
+#endif
+
+/// Writes one line to standard error, which begins with "gilvane: ", and ends the program with `abort`. Allocates
+/// nothing and takes no lock.
+/// @param format  of the rest of the line, as `printf` takes it
+[[noreturn, gnu::format(printf, 1, 2)]] GILVANE_CHECK void reportMisuse(const char* format, ...) noexcept;
+
+/// Reports misuse unless `condition` holds; does nothing in the default build.
+/// @param text  the operation, and what is wrong
+inline void requireOrReport(bool condition, const char* text) noexcept {
+    if constexpr (isHardened) {
+        if (!condition) {
+            reportMisuse("%s", text);
+        }
+    }
+}
+
+/// Makes every use of these bytes a fault that AddressSanitizer or Valgrind reports, if the program runs under one of
+/// them. The bytes keep their values.
+/// @param bytes          the first byte; may be null when there are none
+/// @param numberOfBytes  bytes
+GILVANE_CHECK void markBytesUntouchable(const void* bytes, unsigned int numberOfBytes) noexcept;
+
+/// Allows uses of these bytes again. They still have their values, which Valgrind takes for uninitialised.
+/// @param bytes          the first byte; may be null when there are none
+/// @param numberOfBytes  bytes
+GILVANE_CHECK void markBytesUsable(const void* bytes, unsigned int numberOfBytes) noexcept;
+
+} // namespace Gilvane::detail
 
 #endif

@@ -37,8 +37,8 @@ void returnMemory(void* memory) { std::free(memory); }
 //   malloc returned     the hook returns           the user gets, aligned for std::max_align_t
 //   | padding           | deallocation function    | bytes ... |
 //
-constexpr std::size_t defaultHookPadding = alignof(std::max_align_t) - rawBlockHeaderBytes;
-static_assert(alignof(std::max_align_t) >= rawBlockHeaderBytes &&
+constexpr std::size_t defaultHookPadding = alignof(std::max_align_t) - detail::rawBlockHeaderBytes;
+static_assert(alignof(std::max_align_t) >= detail::rawBlockHeaderBytes &&
                   defaultHookPadding % alignof(GVDeallocatorFunction) == 0,
               "the header word is aligned too");
 
@@ -81,7 +81,7 @@ GVAllocatorFunction theAllocator = &allocateByDefault;
 GVDeallocatorFunction theDeallocator = &releaseByDefault;
 
 void* allocateObject(std::size_t size) noexcept {
-    return fitsInRawBlock(size) ? allocateRawBlock(static_cast<unsigned int>(size)) : nullptr;
+    return detail::fitsInRawBlock(size) ? detail::allocateRawBlock(static_cast<unsigned int>(size)) : nullptr;
 }
 
 void* allocateObjectOrThrow(std::size_t size) {
@@ -94,7 +94,7 @@ void* allocateObjectOrThrow(std::size_t size) {
 
 void releaseObjectStorage(void* p) noexcept {
     if (p != nullptr) {
-        releaseRawBlock(p);
+        detail::releaseRawBlock(p);
     }
 }
 

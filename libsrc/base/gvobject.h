@@ -3,7 +3,7 @@
 #ifndef GILVANE_BASE_GVOBJECT_H
 #define GILVANE_BASE_GVOBJECT_H
 
-#include <gilvane/base/gvexport.h>
+#include <gilvane/base/gvcompiler.h>
 
 #include <cstddef>
 #include <new>

@@ -20,7 +20,7 @@
 #include <limits>
 #include <new>
 
-namespace Gilvane {
+namespace Gilvane::detail {
 
 static_assert(sizeof(GVDeallocatorFunction) == sizeof(void*), "the header word is one pointer wide");
 
@@ -29,7 +29,7 @@ inline constexpr unsigned int rawBlockHeaderBytes = sizeof(GVDeallocatorFunction
 
 /// Whether a block of `numberOfBytes` user bytes and its header word can be asked of the hook, which counts in 32 bits.
 constexpr bool fitsInRawBlock(std::size_t numberOfBytes) noexcept {
-    return numberOfBytes <= std::numeric_limits<unsigned int>::max() - rawBlockHeaderBytes;
+    return numberOfBytes <= (std::numeric_limits<unsigned int>::max)() - rawBlockHeaderBytes;
 }
 
 /// The address of the header word before the user's bytes, as a number, so that it can be tested for zero.
@@ -38,8 +38,8 @@ inline std::uintptr_t rawBlockStart(const void* userBytes) noexcept {
 }
 
 /// Makes a raw block with one call of the current allocation function.
-/// @param numberOfBytes  user bytes. The header's are added modulo 2^32 and without a check: who must not wrap asks
-///                       fitsInRawBlock first
+/// @param numberOfBytes  user bytes. The header word's are added modulo 2^32, without a check: callers that must not
+///                       wrap check fitsInRawBlock first
 /// @returns the user's first byte, or null when the allocation function returned null
 inline void* allocateRawBlock(unsigned int numberOfBytes) {
     void* const start = GVObject::GetAllocator()(numberOfBytes + rawBlockHeaderBytes);
@@ -61,6 +61,6 @@ inline void releaseRawBlock(void* userBytes) {
     rawBlockDeallocator(userBytes)(reinterpret_cast<void*>(rawBlockStart(userBytes)));
 }
 
-} // namespace Gilvane
+} // namespace Gilvane::detail
 
 #endif

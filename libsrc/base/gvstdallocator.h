@@ -20,6 +20,8 @@ namespace Gilvane {
 /// Any instance can release what any other allocated, because the deallocation function travels with the block; so
 /// all instances are equal and copying or rebinding carries nothing over.
 ///
+/// A T may be aligned as `std::max_align_t` at most: a stricter one does not compile.
+///
 /// @par Thread safety
 ///   All operations may run concurrently.
 /// @par Ownership
@@ -62,10 +64,12 @@ class GILVANE_EXPORT GVStdAllocator : public GVObject {
     /// @throws std::bad_alloc when the allocation function returns null, or the bytes with the header word do not fit
     ///           in its 32 bits; nothing is left to release
     T* allocate(size_type n) {
-        if (n > max_size() || !fitsInRawBlock(n * sizeof(T))) {
+        static_assert(alignof(T) <= alignof(std::max_align_t),
+                      "GVStdAllocator cannot align this type: the allocation hooks align for std::max_align_t at most");
+        if (n > max_size() || !detail::fitsInRawBlock(n * sizeof(T))) {
             throw std::bad_alloc();
         }
-        void* const storage = allocateRawBlock(static_cast<unsigned int>(n * sizeof(T)));
+        void* const storage = detail::allocateRawBlock(static_cast<unsigned int>(n * sizeof(T)));
         if (storage == nullptr) {
             throw std::bad_alloc();
         }
@@ -74,17 +78,16 @@ class GILVANE_EXPORT GVStdAllocator : public GVObject {
 
     /// Gives storage back through the deallocation function in its header word; null is allowed. The count is ignored.
     void deallocate(T* p, size_type) noexcept {
-        // A reader would expect the function to be called as it is found. A null word is tested for here, and here
-        // only: such a block is left alone rather than freed by a guess. This is required.
+        // Deliberate: a block with a null header word is left alone, here only (docs/deliberate.md, Allocation).
         // Watched by StdAllocator.leavesABlockWithANullHeaderWordAlone.
-        if (p != nullptr && rawBlockDeallocator(p) != nullptr) {
-            releaseRawBlock(p);
+        if (p != nullptr && detail::rawBlockDeallocator(p) != nullptr) {
+            detail::releaseRawBlock(p);
         }
     }
 
     /// The largest count whose byte size fits in 32 bits. The header word is not counted in, so a block of just this
     /// many objects can still be refused.
-    size_type max_size() const noexcept { return std::numeric_limits<unsigned int>::max() / sizeof(T); }
+    size_type max_size() const noexcept { return (std::numeric_limits<unsigned int>::max)() / sizeof(T); }
 
     /// Builds an object in storage that is there already.
     template <typename U, typename... Arguments>
@@ -101,6 +104,37 @@ class GILVANE_EXPORT GVStdAllocator : public GVObject {
     pointer address(reference object) const noexcept { return std::addressof(object); }
     /// As for one that may be changed.
     const_pointer address(const_reference object) const noexcept { return std::addressof(object); }
+};
+
+/// The allocator of no type in particular: it allocates nothing, and converts to the allocator of any type. Functions
+/// such as `std::allocate_shared` take it.
+template <>
+class GILVANE_EXPORT GVStdAllocator<void> : public GVObject {
+  public:
+    /// @name Types
+    /// @{
+
+    /// As the standard library expects it of an allocator.
+    using value_type = void;
+    using pointer = void*;
+    using const_pointer = const void*;
+    using is_always_equal = std::true_type;
+
+    /// @}
+
+    /// How containers ask for the allocator of another type.
+    template <typename U>
+    struct rebind {
+        using other = GVStdAllocator<U>; ///< that allocator
+    };
+
+    GVStdAllocator() noexcept = default;
+    GVStdAllocator(const GVStdAllocator&) noexcept = default;
+    /// Rebinding copy: there is nothing to carry over.
+    template <typename U>
+    GVStdAllocator(const GVStdAllocator<U>&) noexcept {} // NOLINT(google-explicit-constructor): containers convert
+    GVStdAllocator& operator=(const GVStdAllocator&) noexcept = default;
+    ~GVStdAllocator() override = default;
 };
 
 /// Always true: any instance can release what another allocated.

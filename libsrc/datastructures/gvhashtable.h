@@ -3,10 +3,9 @@
 #ifndef GILVANE_DATASTRUCTURES_GVHASHTABLE_H
 #define GILVANE_DATASTRUCTURES_GVHASHTABLE_H
 
+#include <gilvane/base/gvcompiler.h>
 #include <gilvane/base/gvdumpvalue.h>
 #include <gilvane/base/gvexception.h>
-#include <gilvane/base/gvexport.h>
-#include <gilvane/base/gvhotpath.h>
 #include <gilvane/base/gvobject.h>
 #include <gilvane/base/gvstdallocator.h>
 
@@ -14,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <iterator>
 #include <limits>
 #include <list>
 #include <new>
@@ -22,8 +22,34 @@
 
 namespace Gilvane {
 
+namespace detail {
+
 /// What exceptions of the table and its iterator name as their source file.
-inline constexpr const char* theHashTableFile = "libsrc/datastructures/gvhashtable";
+inline constexpr const char* hashTableFile = "libsrc/datastructures/gvhashtable";
+
+/// The slots that a search for a key looks at, one after another. All arithmetic wraps at 32 bits. The first step adds
+/// the whole hash, later steps what five-bit shifts leave of it, until the sequence is index * 5 + 1 alone, which
+/// visits every slot.
+class ProbeSequence {
+  public:
+    /// Stands on the home slot.
+    ProbeSequence(unsigned int hash, unsigned int mask) : theMask(mask), theIndex(hash & mask), thePerturbation(hash) {}
+
+    /// The slot that it stands on.
+    unsigned int slot() const { return theIndex & theMask; }
+    /// Goes on to the next slot.
+    void step() {
+        theIndex = 5 * theIndex + 1 + thePerturbation;
+        thePerturbation >>= 5;
+    }
+
+  private:
+    unsigned int theMask;         // slots - 1
+    unsigned int theIndex;        // not yet reduced to the slots
+    unsigned int thePerturbation; // what is left of the hash
+};
+
+} // namespace detail
 
 /// What GVHashTableEntry::theState holds.
 enum GVHashTableEntryState : unsigned int {
@@ -62,10 +88,10 @@ std::ostream& GVHashTableEntry<K, V>::WriteEntry(std::ostream& stream) {
     stream << "\n";
     stream << "\t<GVHashTableEntry>\n";
     stream << "\t\t<K>";
-    writeDumpValue(stream, theKey);
+    detail::writeDumpValue(stream, theKey);
     stream << "</K>\n";
     stream << "\t\t<V>";
-    writeDumpValue(stream, theValue);
+    detail::writeDumpValue(stream, theValue);
     stream << "</V>\n";
     stream << "\t</GVHashTableEntry>\n";
     return stream;
@@ -123,6 +149,18 @@ class GILVANE_EXPORT GVHashTableEntry_Iterator : public GVObject {
   public:
     using Entry = GVHashTableEntry<K, V>; ///< one slot
 
+    /// @name Types
+    /// @{
+
+    /// As `std::iterator_traits` expects them: it is a forward iterator over the values.
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = V;
+    using difference_type = std::ptrdiff_t;
+    using pointer = V*;
+    using reference = V&;
+
+    /// @}
+
     /// An iterator that is not ready: every operation on it but comparison throws.
     GVHashTableEntry_Iterator() : theTable(nullptr), theCapacity(0), theIndex(0) {}
     GVHashTableEntry_Iterator(const GVHashTableEntry_Iterator&) = default;
@@ -174,10 +212,10 @@ class GILVANE_EXPORT GVHashTableEntry_Iterator : public GVObject {
 template <typename K, typename V>
 GVHashTableEntry_Iterator<K, V>& GVHashTableEntry_Iterator<K, V>::operator++() {
     if (theTable == nullptr) {
-        throw GVException("Iterator not ready to increment.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+        throw GVException("Iterator not ready to increment.", detail::hashTableFile, __LINE__, gviteratormisuse, 0);
     }
     if (isAtEnd()) {
-        throw GVException("Iterator at end.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+        throw GVException("Iterator at end.", detail::hashTableFile, __LINE__, gviteratormisuse, 0);
     }
     moveToOccupiedFrom(theIndex + 1);
     return *this;
@@ -193,11 +231,12 @@ GVHashTableEntry_Iterator<K, V> GVHashTableEntry_Iterator<K, V>::operator++(int)
 template <typename K, typename V>
 const K& GVHashTableEntry_Iterator<K, V>::GetKey() const {
     if (theTable == nullptr) {
-        throw GVException("Iterator not ready to get key.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+        throw GVException("Iterator not ready to get key.", detail::hashTableFile, __LINE__, gviteratormisuse, 0);
     }
     const Entry* const entry = occupiedEntry();
     if (entry == nullptr) {
-        throw GVException("Iterator refers to invalid table entry.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+        throw GVException("Iterator refers to invalid table entry.", detail::hashTableFile, __LINE__, gviteratormisuse,
+                          0);
     }
     return entry->theKey;
 }
@@ -209,11 +248,12 @@ const K& GVHashTableEntry_Iterator<K, V>::GetKey() const {
 template <typename K, typename V>
 V& GVHashTableEntry_Iterator<K, V>::GetValue() const {
     if (theTable == nullptr) {
-        throw GVException("Iterator not ready to get value.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+        throw GVException("Iterator not ready to get value.", detail::hashTableFile, __LINE__, gviteratormisuse, 0);
     }
     Entry* const entry = occupiedEntry();
     if (entry == nullptr) {
-        throw GVException("Iterator refers to invalid table entry.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+        throw GVException("Iterator refers to invalid table entry.", detail::hashTableFile, __LINE__, gviteratormisuse,
+                          0);
     }
     return entry->theValue;
 }
@@ -221,15 +261,15 @@ V& GVHashTableEntry_Iterator<K, V>::GetValue() const {
 template <typename K, typename V>
 V& GVHashTableEntry_Iterator<K, V>::operator*() const {
     if (theTable == nullptr) {
-        throw GVException("Iterator not ready to dereference.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+        throw GVException("Iterator not ready to dereference.", detail::hashTableFile, __LINE__, gviteratormisuse, 0);
     }
     if (isAtEnd()) {
-        throw GVException("Iterator at end.", theHashTableFile, __LINE__, gviteratormisuse, 0);
+        throw GVException("Iterator at end.", detail::hashTableFile, __LINE__, gviteratormisuse, 0);
     }
     Entry* const entry = currentEntry();
     if (entry == nullptr) {
         constexpr const char* message = "Iterator does not point to valid hash table entry.";
-        throw GVException(message, theHashTableFile, __LINE__, gviteratormisuse, 0);
+        throw GVException(message, detail::hashTableFile, __LINE__, gviteratormisuse, 0);
     }
     return entry->theValue;
 }
@@ -369,6 +409,24 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     /// The position after the last slot.
     Iterator end() const { return Iterator(theTable, theMask + 2, theMask + 1); }
 
+    /// @name Slots
+    /// @{
+
+    /// Slots, without the end slot: a power of two, at least 8.
+    unsigned int getSlotCount() const { return theMask + 1; }
+    /// Entries in the slot array on the heap, with the end slot; 0 while the slots lie in the table itself.
+    unsigned int getHeapEntryCount() const { return hasHeapArray() ? theMask + 2 : 0; }
+    /// The entry in a slot, whatever its state.
+    /// @param slot  less than getSlotCount()
+    const Entry& getEntry(unsigned int slot) const { return theTable[slot]; }
+    /// Counts the slots that a search for the key of an occupied slot looks at, this slot included.
+    /// @param slot  an occupied slot
+    /// @returns     0 when the search ends elsewhere: at a deleted slot, or at a second entry for the same key
+    /// @par Complexity  constant on average; linear in the slots at worst
+    unsigned int countProbes(unsigned int slot) const;
+
+    /// @}
+
     /// The live keys in ascending slot order.
     /// @throws std::bad_alloc no memory for the list
     KeyList get_keys() const;
@@ -384,7 +442,6 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     std::ostream& WriteTable(std::ostream& stream) const;
 
   private:
-    friend class GVMemoryPoolInspector;
     friend struct GVTestPeer;
 
     static constexpr unsigned int theSmallSize = 8;
@@ -398,8 +455,8 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     V& addMissing(KeyArgument key);
     unsigned int hashOf(const K& key) const { return theHashFunction(key); }
     static bool holds(const Entry& entry, const K& key, unsigned int hash) {
-        return likely(entry.theState == gvoccupiedentry) && likely(entry.theHash == hash) &&
-               likely(entry.theKey == key);
+        return detail::expectTrue(entry.theState == gvoccupiedentry) && detail::expectTrue(entry.theHash == hash) &&
+               detail::expectTrue(entry.theKey == key);
     }
     static bool isOccupied(const Entry* entry) { return entry != nullptr && entry->theState == gvoccupiedentry; }
     bool hasHeapArray() const { return theMask + 1 > theSmallSize && theTable != nullptr; }
@@ -457,14 +514,12 @@ GVHashTableEntry<K, V>* GVHashTable<K, V, H>::lookup(const K& key, unsigned int 
 template <typename K, typename V, typename H>
 GILVANE_OUT_OF_LINE GVHashTableEntry<K, V>* GVHashTable<K, V, H>::lookupPastHome(KeyArgument key,
                                                                                  unsigned int hash) const {
-    unsigned int index = hash & theMask;
-    Entry* entry = &theTable[index];
-    Entry* const reusable = entry->theState == gvdeletedentry ? entry : nullptr;
-    // All arithmetic wraps at 32 bits. The first step adds the whole hash, later steps what five-bit shifts leave of
-    // it, until the sequence is index * 5 + 1 alone, which visits every slot.
-    for (unsigned int perturb = hash;; perturb >>= 5) {
-        index = 5 * index + 1 + perturb;
-        entry = &theTable[index & theMask];
+    detail::ProbeSequence probe(hash, theMask);
+    Entry* const home = &theTable[probe.slot()];
+    Entry* const reusable = home->theState == gvdeletedentry ? home : nullptr;
+    for (;;) {
+        probe.step();
+        Entry* const entry = &theTable[probe.slot()];
         // A reader would expect the search to go on past a deleted slot. Past the home slot it ends there as at an
         // empty one, so a key beyond is missed and may be stored a second time. This is required.
         // Watched by HashTable.aDeletedSlotPastTheHomeSlotEndsTheSearch.
@@ -508,12 +563,13 @@ int GVHashTable<K, V, H>::insert(const K& key, const V& value) {
     int stored = insert_helper(key, value);
     while (stored == 1) {
         if (resize(grownMinimum()) <= 1) {
-            throw GVException("Error ocurred while resizing table.", theHashTableFile, __LINE__, gvhashtablefailure, 0);
+            throw GVException("Error ocurred while resizing table.", detail::hashTableFile, __LINE__,
+                              gvhashtablefailure, 0);
         }
         stored = insert_helper(key, value);
     }
     if (stored == 0) {
-        throw GVException("Error occurred while inserting.", theHashTableFile, __LINE__, gvhashtablefailure, 0);
+        throw GVException("Error occurred while inserting.", detail::hashTableFile, __LINE__, gvhashtablefailure, 0);
     }
     // Checked after a replacement too.
     if (theFillCount * 3 < (theMask + 1) * 2) {
@@ -521,7 +577,8 @@ int GVHashTable<K, V, H>::insert(const K& key, const V& value) {
     }
     const int resized = resize(grownMinimum());
     if (resized <= 1) {
-        throw GVException("Error occured while resizing table.", theHashTableFile, __LINE__, gvhashtablefailure, 0);
+        throw GVException("Error occured while resizing table.", detail::hashTableFile, __LINE__, gvhashtablefailure,
+                          0);
     }
     return resized;
 }
@@ -543,7 +600,8 @@ int GVHashTable<K, V, H>::resize(unsigned int minUsed) {
     if (newSize > theSmallSize) {
         newArray = makeArray(newSize + 1);
         if (newArray == nullptr) {
-            throw GVException("Unable to allocate space for new table.", theHashTableFile, __LINE__, gvoutofmemory, 0);
+            throw GVException("Unable to allocate space for new table.", detail::hashTableFile, __LINE__, gvoutofmemory,
+                              0);
         }
     } else {
         if (theTable == theSmallTable && theFillCount == theUsedCount) {
@@ -597,7 +655,7 @@ int GVHashTable<K, V, H>::resize(unsigned int minUsed) {
 template <typename K, typename V, typename H>
 void GVHashTable<K, V, H>::prefetchHomeOf(const Entry& entry) const {
     if (entry.theState == gvoccupiedentry) {
-        prefetch(&theTable[entry.theHash & theMask]);
+        detail::prefetchLine(&theTable[entry.theHash & theMask]);
     }
 }
 
@@ -615,7 +673,7 @@ unsigned int GVHashTable<K, V, H>::sizeAbove(unsigned int minUsed) {
 // new-expression would report them in its own way.
 template <typename K, typename V, typename H>
 GVHashTableEntry<K, V>* GVHashTable<K, V, H>::makeArray(unsigned int numberOfEntries) {
-    constexpr std::size_t mostBytes = std::min<std::size_t>(std::numeric_limits<unsigned int>::max(), PTRDIFF_MAX);
+    constexpr std::size_t mostBytes = std::min<std::size_t>((std::numeric_limits<unsigned int>::max)(), PTRDIFF_MAX);
     if (numberOfEntries > mostBytes / sizeof(Entry)) {
         return nullptr;
     }
@@ -627,7 +685,7 @@ template <typename K, typename V, typename H>
 GVHashTableEntry<K, V>* GVHashTable<K, V, H>::copyOfArray() const {
     Entry* const copy = makeArray(theMask + 2);
     if (copy == nullptr) {
-        throw GVException("Unable to allocate space for new table.", theHashTableFile, __LINE__, gvoutofmemory, 0);
+        throw GVException("Unable to allocate space for new table.", detail::hashTableFile, __LINE__, gvoutofmemory, 0);
     }
     if (theTable != nullptr) {
         std::copy(theTable, theTable + theMask + 1, copy);
@@ -652,8 +710,8 @@ GILVANE_OUT_OF_LINE V& GVHashTable<K, V, H>::addMissing(KeyArgument key) {
     insert(key, V());
     Entry* const entry = get(key);
     if (entry == nullptr) {
-        throw GVException("Internal lookup error during operator[].", theHashTableFile, __LINE__, gvhashtablefailure,
-                          0);
+        throw GVException("Internal lookup error during operator[].", detail::hashTableFile, __LINE__,
+                          gvhashtablefailure, 0);
     }
     return entry->theValue;
 }
@@ -689,6 +747,21 @@ GVHashTableEntry_Iterator<K, V> GVHashTable<K, V, H>::begin() const {
     Iterator position(theTable, theMask + 2, 0);
     position.moveToOccupiedFrom(0);
     return position;
+}
+
+template <typename K, typename V, typename H>
+unsigned int GVHashTable<K, V, H>::countProbes(unsigned int slot) const {
+    const Entry& entry = theTable[slot];
+    const unsigned int hash = hashOf(entry.theKey);
+    // A search for a key that is in the table ends, even where every slot is occupied.
+    if (lookup(entry.theKey, hash) != &entry) {
+        return 0;
+    }
+    unsigned int count = 1;
+    for (detail::ProbeSequence probe(hash, theMask); probe.slot() != slot; probe.step()) {
+        ++count;
+    }
+    return count;
 }
 
 template <typename K, typename V, typename H>

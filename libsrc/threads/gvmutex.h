@@ -32,8 +32,8 @@ class GVMutex {
     /// Remembers `handle` and returns once the calling thread holds it.
     /// @param handle  not null; to be given at most once in the life of a scoped lock
     void setHandle(GVMutexHandle* handle) {
-        GILVANE_IF_HARDENED(require(handle != nullptr, "GVMutex::setHandle: a null handle"));
-        GILVANE_IF_HARDENED(require(theHandle == nullptr, "GVMutex::setHandle: a second handle"));
+        detail::requireOrReport(handle != nullptr, "GVMutex::setHandle: a null handle");
+        detail::requireOrReport(theHandle == nullptr, "GVMutex::setHandle: a second handle");
         theHandle = handle;
         theHandle->lock();
     }

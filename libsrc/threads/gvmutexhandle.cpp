@@ -7,7 +7,7 @@ namespace Gilvane {
 GVMutexHandle::~GVMutexHandle() = default;
 
 std::ostream& operator<<(std::ostream& stream, const GVMutexHandle& handle) {
-    writeDumpValue(stream, &handle);
+    detail::writeDumpValue(stream, &handle);
     return stream;
 }
 

@@ -3,7 +3,7 @@
 #ifndef GILVANE_THREADS_GVMUTEXHANDLE_H
 #define GILVANE_THREADS_GVMUTEXHANDLE_H
 
-#include <gilvane/base/gvexport.h>
+#include <gilvane/base/gvcompiler.h>
 #include <gilvane/base/gvobject.h>
 
 #include <ostream>

@@ -3,7 +3,6 @@
 #include <gilvane/base/gvdumpvalue.h>
 #include <gilvane/base/gvexception.h>
 #include <gilvane/base/gvrawblock.h>
-#include <gilvane/base/gvunguarded.h>
 #include <gilvane/threads/gvthreadsfactory.h>
 
 #include <algorithm>
@@ -23,10 +22,10 @@ template class GVSmartPointer<GVMemoryPool>;
 
 namespace {
 
-// Programs compile these operations into themselves; the library holds them all the same.
-[[gnu::used]] unsigned int (GVMemoryPool::*const theLoan)() = &GVMemoryPool::getTokenForFreeMemoryObject;
-[[gnu::used]] void* (GVMemoryPool::*const theAddress)(unsigned int) = &GVMemoryPool::getMemoryForToken;
-[[gnu::used]] void (GVMemoryPool::*const theReturn)(unsigned int) = &GVMemoryPool::releaseObject;
+// Programs compile these three operations into themselves. The library keeps a copy of each, for those that do not.
+[[gnu::used]] constexpr auto theKeptLoan = &GVMemoryPool::getTokenForFreeMemoryObject;
+[[gnu::used]] constexpr auto theKeptLookup = &GVMemoryPool::getMemoryForToken;
+[[gnu::used]] constexpr auto theKeptReturn = &GVMemoryPool::releaseObject;
 
 constexpr const char* theSourceFile = "libsrc/utilities/gvmemorypool";
 
@@ -54,9 +53,9 @@ GILVANE_UNGUARDED void setWithoutLock(unsigned int& bytesInEachObject, unsigned 
 
 // The tokens that a shrink removes from a pool, the highest first.
 //
-// Each is to be gone from the free list too, where it stands there first. To look for each by itself would make the
-// cost of a shrink grow with the square of the pool; they leave the list together, in one pass, when the shrink is
-// over, however it ends. Only a deallocation hook that looked at the pool meanwhile could tell.
+// Each leaves the free list too: of several equal tokens in the list, the first. A search for each alone would make the
+// cost of a shrink grow with the square of the pool. So all of them leave the list in one pass, when the shrink ends,
+// normally or by a throw. Only a deallocation hook that looks at the pool meanwhile can tell.
 class TokenRemoval {
   public:
     using Tokens = std::vector<unsigned int, GVStdAllocator<unsigned int>>;
@@ -75,11 +74,11 @@ class TokenRemoval {
     }
     TokenRemoval(const TokenRemoval&) = delete;
     TokenRemoval& operator=(const TokenRemoval&) = delete;
-    // A plain loop in the order of the list, since which of several equal tokens goes depends on it.
+    // A plain loop from the front: which of several equal tokens leaves depends on the order.
     ~TokenRemoval() {
         auto end = theFreeTokens.begin();
         for (const unsigned int token : theFreeTokens) {
-            if (!isToLeaveFreeList(token)) {
+            if (!markFound(token)) {
                 *end++ = token;
             }
         }
@@ -91,9 +90,9 @@ class TokenRemoval {
     void highestTokenIsGone() { --theFirstGone; }
 
   private:
-    // True as often as the token is among those that are gone. It can be there more than once: a table may hold a key
-    // twice, see GVHashTable::lookup.
-    bool isToLeaveFreeList(unsigned int token) {
+    // Marks the token found in the free list, and returns whether it was among those that are gone and not yet marked.
+    // It can be among them twice, since a table may hold a key twice; see GVHashTable::lookup.
+    bool markFound(unsigned int token) {
         const unsigned int* const tokens = theTokens.data();
         const unsigned int* const end = tokens + theTokens.size();
         for (auto place = std::lower_bound(tokens + theFirstGone, end, token); place != end && *place == token;
@@ -124,9 +123,9 @@ GVMemoryPoolObject::GVMemoryPoolObject(unsigned int length) {
     // A reader would expect a check that the header word can be added. There is none, by requirement: a length within a
     // word of 2^32 wraps and gets a block too small even for the header word.
     // Watched by PoolObject.asksForItsLengthAndAHeaderWordModulo32Bits.
-    GILVANE_IF_HARDENED(
-        require(fitsInRawBlock(length), "GVMemoryPoolObject: a length that wraps with the header word"));
-    void* const bytes = allocateRawBlock(length);
+    detail::requireOrReport(detail::fitsInRawBlock(length),
+                            "GVMemoryPoolObject: a length that wraps with the header word");
+    void* const bytes = detail::allocateRawBlock(length);
     if (bytes == nullptr) {
         throw std::bad_alloc();
     }
@@ -136,9 +135,11 @@ GVMemoryPoolObject::GVMemoryPoolObject(unsigned int length) {
 }
 
 GVMemoryPoolObject::~GVMemoryPoolObject() {
-    if (theBytes != nullptr && rawBlockStart(theBytes) != 0) {
-        GILVANE_IF_HARDENED(markUsable(theBytes, theLength));
-        releaseRawBlock(theBytes);
+    if (theBytes != nullptr && detail::rawBlockStart(theBytes) != 0) {
+        if constexpr (detail::isHardened) {
+            detail::markBytesUsable(theBytes, theLength);
+        }
+        detail::releaseRawBlock(theBytes);
     }
 }
 
@@ -149,13 +150,13 @@ bool GVMemoryPoolObject::operator==(const GVMemoryPoolObject& other) const {
 std::ostream& GVMemoryPoolObject::print(std::ostream& stream) const {
     stream << "<GVMemoryPoolObject>";
     stream << "<theBytes>";
-    writeDumpValue(stream, theBytes);
+    detail::writeDumpValue(stream, theBytes);
     stream << "</theBytes>";
     stream << "<theLength>";
-    writeDumpValue(stream, theLength);
+    detail::writeDumpValue(stream, theLength);
     stream << "</theLength>";
     stream << "<theToken>";
-    writeDumpValue(stream, theToken);
+    detail::writeDumpValue(stream, theToken);
     stream << "</theToken>";
     stream << "</GVMemoryPoolObject>";
     return stream;
@@ -206,32 +207,22 @@ GVMemoryPool::~GVMemoryPool() {
 // A reader would expect the free list to be emptied along with the table. It is not, by requirement: the tokens of the
 // destroyed blocks stay below the new ones, which are lent first. Watched by PoolRebuilding.keepsTheStaleTokensInFront.
 void GVMemoryPool::makePool(unsigned int numberOfObjects) {
-    GVMutex guard;
-    lockIfShared(guard);
-    deleteObjects();
-    memoryPool.clear();
-    buildObjects(numberOfObjects);
+    withLock([this, numberOfObjects] {
+        deleteObjects();
+        memoryPool.clear();
+        buildObjects(numberOfObjects);
+    });
 }
 
 void GVMemoryPool::resizePool(unsigned int numberOfObjects) {
-    GVMutex guard;
-    lockIfShared(guard);
-    const unsigned int count = memoryPool.getUsedCount();
-    if (numberOfObjects >= count) {
-        buildObjects(numberOfObjects - count);
-        return;
-    }
-    // The lists, which need memory, come first, so that a failure there leaves the pool unchanged.
-    TokenRemoval removal(memoryPool, availableTokens, count - numberOfObjects);
-    // A reader would expect lent blocks to be spared, or their holders to be told. Neither happens, by requirement.
-    // Watched by PoolShrinking.removesTheHighestTokensEvenIfLent. Nor is a token that the table misses behind a deleted
-    // slot passed over: operator[] stores it again, with a null block, and the block it named stays until the pool
-    // goes, unless the table grows over it, which leaves one of the two entries.
-    for (; !removal.isComplete(); removal.highestTokenIsGone()) {
-        const unsigned int token = removal.highestToken();
-        delete memoryPool[token];
-        memoryPool.remove(token);
-    }
+    withLock([this, numberOfObjects] {
+        const unsigned int count = memoryPool.getUsedCount();
+        if (numberOfObjects >= count) {
+            buildObjects(numberOfObjects - count);
+        } else {
+            removeObjects(count - numberOfObjects);
+        }
+    });
 }
 
 // A reader would expect one lock around the whole. The check and the rebuilding lock each by itself, and what stands
@@ -248,19 +239,21 @@ void GVMemoryPool::setNumberOfBytesInPoolObject(unsigned int bytes) {
 }
 
 unsigned int GVMemoryPool::numberOfObjectsInPoolInUse() {
-    GVMutex guard;
-    lockIfShared(guard);
-    const unsigned int count = memoryPool.getUsedCount();
-    // Wraps when the list holds more tokens than there are blocks; this is required.
-    // Watched by PoolRebuilding.countsStaleTokensAsFree.
-    return count == 0 ? 0 : count - static_cast<unsigned int>(availableTokens.size());
+    return withLock([this] {
+        const unsigned int count = memoryPool.getUsedCount();
+        // Wraps when the list holds more tokens than there are blocks; this is required.
+        // Watched by PoolRebuilding.countsStaleTokensAsFree.
+        return count == 0 ? 0 : count - static_cast<unsigned int>(availableTokens.size());
+    });
 }
 
 void GVMemoryPool::removeTokenFromAvailableList(unsigned int token) {
     const auto position = std::find(availableTokens.begin(), availableTokens.end(), token);
     if (position != availableTokens.end()) {
         availableTokens.erase(position);
-        GILVANE_IF_HARDENED(checkAfterLoan(token));
+        if constexpr (detail::isHardened) {
+            checkAfterLoan(token);
+        }
     }
 }
 
@@ -295,13 +288,13 @@ std::ostream& GVMemoryPool::print(std::ostream& stream) const {
     memoryPool.WriteTable(stream);
     stream << "</memoryPool>";
     stream << "<bytesInEachObject>";
-    writeDumpValue(stream, bytesInEachObject);
+    detail::writeDumpValue(stream, bytesInEachObject);
     stream << "</bytesInEachObject>";
     stream << "<theMutexHandle>";
-    writeDumpValue(stream, theMutexHandle);
+    detail::writeDumpValue(stream, theMutexHandle);
     stream << "</theMutexHandle>";
     stream << "<useMutexHandle>";
-    writeDumpValue(stream, useMutexHandle);
+    detail::writeDumpValue(stream, useMutexHandle);
     stream << "</useMutexHandle>";
     stream << "</GVMemoryPool>";
     return stream;
@@ -323,7 +316,9 @@ void GVMemoryPool::buildObjects(unsigned int numberOfObjects) {
 // requirement: one that the table did not store is lost, and one that it stored before it failed to grow stays there,
 // never lent, until the pool goes. Watched by PoolGrowth.losesTheBlockWhoseInsertionFails.
 void GVMemoryPool::buildObject() {
-    GILVANE_IF_HARDENED(checkBlockSize());
+    if constexpr (detail::isHardened) {
+        checkBlockSize();
+    }
     GVMemoryPoolObject* const block = bytesInEachObject != 0 ? new (std::nothrow) GVMemoryPoolObject(bytesInEachObject)
                                                              : new (std::nothrow) GVMemoryPoolObject;
     if (block == nullptr) {
@@ -331,12 +326,29 @@ void GVMemoryPool::buildObject() {
     }
     memoryPool.insert(block->getToken(), block);
     availableTokens.push_back(block->getToken());
-    GILVANE_IF_HARDENED(markUntouchable(block->getBytes(), block->getLength()));
+    if constexpr (detail::isHardened) {
+        detail::markBytesUntouchable(block->getBytes(), block->getLength());
+    }
 }
 
 void GVMemoryPool::deleteObjects() {
     for (GVMemoryPoolObject* const block : memoryPool) {
         delete block;
+    }
+}
+
+// Removes the blocks with the highest tokens.
+void GVMemoryPool::removeObjects(unsigned int numberOfObjects) {
+    // The lists, which need memory, come first: a failure there leaves the pool unchanged.
+    TokenRemoval removal(memoryPool, availableTokens, numberOfObjects);
+    // A reader would expect lent blocks to be spared, or their holders to be told. Neither happens, by requirement.
+    // Watched by PoolShrinking.removesTheHighestTokensEvenIfLent. Nor is a token that the table misses behind a deleted
+    // slot passed over: operator[] stores it again, with a null block, and the block it named stays until the pool
+    // goes, unless the table grows over it, which leaves one of the two entries.
+    for (; !removal.isComplete(); removal.highestTokenIsGone()) {
+        const unsigned int token = removal.highestToken();
+        delete memoryPool[token];
+        memoryPool.remove(token);
     }
 }
 

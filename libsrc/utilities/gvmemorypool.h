@@ -3,9 +3,8 @@
 #ifndef GILVANE_UTILITIES_GVMEMORYPOOL_H
 #define GILVANE_UTILITIES_GVMEMORYPOOL_H
 
-#include <gilvane/base/gvexport.h>
+#include <gilvane/base/gvcompiler.h>
 #include <gilvane/base/gvhardened.h>
-#include <gilvane/base/gvhotpath.h>
 #include <gilvane/base/gvobject.h>
 #include <gilvane/base/gvstdallocator.h>
 #include <gilvane/datastructures/gvhashtable.h>
@@ -14,6 +13,7 @@
 #include <gilvane/utilities/gvsmartpointer.h>
 
 #include <ostream>
+#include <type_traits>
 #include <vector>
 
 namespace Gilvane {
@@ -80,21 +80,21 @@ GILVANE_EXPORT std::ostream& operator<<(std::ostream& stream, const GVMemoryPool
 /// A borrower gets a token, asks for the block's address when it needs the bytes, and returns the token. The block
 /// returned or built last is lent first. A pool that has nothing left to lend doubles.
 ///
-/// Tokens are not checked: a token that was never lent, was returned twice or belongs to a block that is gone is
-/// misuse, and noticed in a hardened build alone; see gvhardened.h. A pool that was rebuilt lends such tokens itself;
-/// see makePool.
+/// Tokens are not checked. A token is misused when it was never lent, was returned already, or names a block that is
+/// gone; only the hardened build notices, see gvhardened.h. A pool that was rebuilt may lend such tokens itself, see
+/// makePool.
 ///
 /// @par Invariants (while tokens are used as they should be, building never failed, and no shrink hides a token)
 ///   1. memoryPool maps the token of each block to the block; its number of keys is the pool's number of blocks
 ///   2. until the pool is rebuilt, availableTokens holds the token of each block that is not lent, once
 ///   3. theMutexHandle is null  <=>  useMutexHandle is false
 /// @par Thread safety
-///   A pool made with a mutex may be used by several threads at once, with these exceptions. Construction, destruction,
-///   copying, comparison, print and removeTokenFromAvailableList take no lock. setNumberOfBytesInPoolObject writes the
-///   block size and reads the number of blocks outside the lock, and a loan that finds nothing to lend reads that
-///   number outside it too; these accesses are not synchronised with other threads that change the pool. Tokens come
-///   from a counter that all pools of the process share without a lock. So: fill shared pools before the threads start,
-///   and keep them from running dry.
+///   Several threads may use a pool that was made with a mutex. Fill it before they start, and keep it from running
+///   dry, because these accesses take no lock:
+///   - construction, destruction, copying, comparison, print and removeTokenFromAvailableList, all of them
+///   - setNumberOfBytesInPoolObject, where it writes the block size and reads the number of blocks
+///   - a loan that finds no free token, where it reads the number of blocks
+///   - every building of a block, where it takes a token from the counter that all pools of the process share
 /// @par Ownership
 ///   Owns its blocks and its mutex handle. A copy, which is made member by member, holds the same blocks and the same
 ///   handle: only one of the two may ever be destroyed.
@@ -118,7 +118,8 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
                                                                        unsigned int bytesPerObject, bool useMutex);
     /// @}
 
-    /// A pool that builds defaultNumberOfObjects blocks without bytes at its first loan; see the next about 0.
+    /// A pool that builds defaultNumberOfObjects blocks without bytes at its first loan. With 0 of them the first loan
+    /// finds nothing to take, which is misuse.
     /// @param useMutex  whether operations lock
     /// @throws what GVThreadsFactory::CreateUnnamedHandle throws
     explicit GVMemoryPool(bool useMutex);
@@ -190,7 +191,7 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
 
     /// Takes a token's first occurrence out of the free list; does nothing when there is none.
     /// @par Complexity  linear in the free tokens
-    /// @par Threads     takes no lock: the caller holds it
+    /// @par Threads     takes no lock, though the pool may have one: no other thread may use the pool meanwhile
     void removeTokenFromAvailableList(unsigned int token);
 
     /// @}
@@ -202,25 +203,27 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     /// @returns the block's token
     /// @throws what makePool and resizePool throw; the pool is then as they leave it and nothing is lent
     /// @par Complexity  constant; linear in the blocks when the pool grows
-    /// @par Threads     takes the pool's lock, when it has one. When the pool must grow it takes it three times, and
-    ///                  acts on a number of blocks read in between: meanwhile other threads may have grown the pool
-    ///                  too, so that this one doubles it once more, shrinks it to twice the number it read, lent blocks
-    ///                  included, or, having read 0, rebuilds it and destroys what another has just been lent; or they
-    ///                  may have taken every new block, after which there is none to take, which is misuse
+    /// @par Threads     takes the pool's lock, when it has one; three times when the pool must grow. Growth acts on a
+    ///                  number of blocks that is read between two of these locked sections. If other threads changed
+    ///                  the pool meanwhile, one of these may happen:
+    ///                  - the pool doubles once more than needed
+    ///                  - the pool shrinks to twice the number that was read; lent blocks go, too
+    ///                  - the number read was 0: the pool is rebuilt, and blocks that are lent by now are destroyed
+    ///                  - other threads have taken every new block: there is none left to lend, which is misuse
     unsigned int getTokenForFreeMemoryObject();
 
     /// The address of a block's first byte; null in a pool whose blocks have none.
-    /// @param token  of a block of this pool, lent or not. For one that is not found the table gains an entry without a
-    ///               block, what GVHashTable::insert throws passes, and the rest is misuse
+    /// @param token  of a block of this pool, lent or not. Any other is misuse: the table gains an entry without a
+    ///               block, for which GVHashTable::insert may throw, and then the missing block is read
     /// @par Complexity  constant on average
     /// @par Threads     takes the pool's lock, when it has one
     void* getMemoryForToken(unsigned int token);
 
     /// Takes a block back. Its bytes are left as they are.
-    /// @param token  lent by this pool, not yet returned, and its block still there. Any other is put into the free
-    ///               list like it
-    /// @throws std::bad_alloc  no memory for the free list, which gets room as tokens come back; the token is not taken
-    ///                         back, and may be returned again
+    /// @param token  lent by this pool, not yet returned, and its block still there. Any other is misuse: it goes into
+    ///               the free list all the same, and will be lent
+    /// @throws std::bad_alloc  the free list had to grow for this token, and there was no memory. The token is still
+    ///                         lent, and may be returned again
     /// @par Complexity  constant on average
     /// @par Threads     takes the pool's lock, when it has one
     void releaseObject(unsigned int token);
@@ -244,20 +247,23 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     friend struct GVTestPeer;
 
     static GVMutexHandle* createHandleIf(bool useMutex);
+    template <typename Function>
+    decltype(auto) withLock(Function&& function) const;
     GILVANE_OF_THIS_BUILD void growToLend();
+    const GVMemoryPoolObject* blockOf(unsigned int token) const;
     void* addressOf(unsigned int token);
-    void lockIfShared(GVMutex& guard) const;
     void buildObjects(unsigned int numberOfObjects);
     void buildObject();
     void deleteObjects();
-#if defined(GILVANE_HARDENED)
-    const GVMemoryPoolObject* findBlock(unsigned int token) const;
-    void checkThatThereIsOneToLend() const;
-    void checkAfterLoan(unsigned int token) const;
-    void checkBeforeAddress(unsigned int token) const;
-    void checkAfterReturn(unsigned int token) const;
-    void checkBlockSize() const;
-#endif
+    void removeObjects(unsigned int numberOfObjects);
+
+    // The hardened build's checks.
+    GILVANE_CHECK const GVMemoryPoolObject* findBlock(unsigned int token) const;
+    GILVANE_CHECK void checkThatThereIsOneToLend() const;
+    GILVANE_CHECK void checkAfterLoan(unsigned int token) const;
+    GILVANE_CHECK void checkBeforeAddress(unsigned int token) const;
+    GILVANE_CHECK void checkAfterReturn(unsigned int token) const;
+    GILVANE_CHECK void checkBlockSize() const;
 
     GVHashTable<unsigned int, GVMemoryPoolObject*, GVGenericHashFunction<unsigned int>> memoryPool; // token -> block
     std::vector<unsigned int, GVStdAllocator<unsigned int>> availableTokens; // free tokens, the next to lend at the end
@@ -267,59 +273,77 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     bool useMutexHandle;
 };
 
+/// A deep copy of a pool holds the source's blocks and mutex handle: see GVMemoryPool.
+template <typename T>
+struct GVCopySharesWithSource<T, std::enable_if_t<std::is_base_of_v<GVMemoryPool, T>>> : std::true_type {};
+
 // What programs do most is compiled into them.
 
+// Runs a function under the pool's lock, if the pool has one, and returns what it returns.
+template <typename Function>
+decltype(auto) GVMemoryPool::withLock(Function&& function) const {
+    if (detail::expectTrue(!useMutexHandle)) { // by itself, so that it carries no guard along
+        return function();
+    }
+    GVMutex guard;
+    guard.setHandle(theMutexHandle);
+    return function();
+}
+
+// By hand, since growth has to let go of the lock.
 inline unsigned int GVMemoryPool::getTokenForFreeMemoryObject() {
     const bool locks = useMutexHandle;
-    if (unlikely(locks)) {
+    if (detail::expectFalse(locks)) {
         theMutexHandle->lock();
     }
-    if (unlikely(availableTokens.empty())) {
+    if (detail::expectFalse(availableTokens.empty())) {
         growToLend();
-        // A reader would expect a second look at availableTokens here: another thread may have taken the new tokens
-        // between the two locked sections. There is none, and none is to be added: growth and the pop after it are
-        // defined so. Watched by TokenLending.popsAfterGrowthWithoutLookingAgain.
-        GILVANE_IF_HARDENED(checkThatThereIsOneToLend());
+        // Deliberate: no second look at availableTokens (docs/deliberate.md, Growth).
+        // Watched by TokenLending.popsAfterGrowthWithoutLookingAgain.
+        if constexpr (detail::isHardened) {
+            checkThatThereIsOneToLend();
+        }
     }
     const unsigned int token = availableTokens.back();
     availableTokens.pop_back();
-    GILVANE_IF_HARDENED(checkAfterLoan(token));
-    if (unlikely(locks)) {
+    if constexpr (detail::isHardened) {
+        checkAfterLoan(token);
+    }
+    if (detail::expectFalse(locks)) {
         theMutexHandle->unlock();
     }
     return token;
 }
 
 inline void* GVMemoryPool::getMemoryForToken(unsigned int token) {
-    if (likely(!useMutexHandle)) { // by itself, so that it carries no guard along
-        return addressOf(token);
-    }
-    GVMutex guard;
-    guard.setHandle(theMutexHandle);
-    return addressOf(token);
+    return withLock([this, token] { return addressOf(token); });
 }
 
 inline void* GVMemoryPool::addressOf(unsigned int token) {
-    // A reader would expect an unknown token to be refused. The table adds it, with a null block that is then read, by
-    // requirement; so it does for a token that it misses behind a deleted slot, after a shrink.
+    if constexpr (detail::isHardened) {
+        checkBeforeAddress(token);
+    }
+    // Deliberate: an unknown token gains an entry without a block (docs/deliberate.md, Tokens).
     // Watched by MisuseOfTokens.addsAnEntryForAnUnknownToken.
-    GILVANE_IF_HARDENED(checkBeforeAddress(token));
     return memoryPool[token]->getBytes();
 }
 
-// A reader would expect the token to be checked. It is not, by requirement: whatever comes is lent again.
+// Deliberate: the token is not checked (docs/deliberate.md, Tokens).
 // Watched by TokenReturn.takesATokenTwiceAndLendsItTwice.
 inline void GVMemoryPool::releaseObject(unsigned int token) {
-    GVMutex guard;
-    lockIfShared(guard);
-    availableTokens.push_back(token);
-    GILVANE_IF_HARDENED(checkAfterReturn(token));
+    withLock([this, token] {
+        availableTokens.push_back(token);
+        if constexpr (detail::isHardened) {
+            checkAfterReturn(token);
+        }
+    });
 }
 
-inline void GVMemoryPool::lockIfShared(GVMutex& guard) const {
-    if (unlikely(useMutexHandle)) {
-        guard.setHandle(theMutexHandle);
-    }
+// The block of a token, found without changing the table; null for a token that the table does not find, or that has an
+// entry without a block.
+inline const GVMemoryPoolObject* GVMemoryPool::blockOf(unsigned int token) const {
+    const auto* const entry = memoryPool.get(token);
+    return entry != nullptr ? entry->theValue : nullptr;
 }
 
 /// Writes a pool's text form, as GVMemoryPool::print.

@@ -1,7 +1,5 @@
-// The pool's own checks in the hardened build; in others there is nothing here.
+// The pool's checks in the hardened build. The default build compiles them, and calls none.
 #include <gilvane/utilities/gvmemorypool.h>
-
-#if defined(GILVANE_HARDENED)
 
 #include <gilvane/base/gvrawblock.h>
 
@@ -9,12 +7,11 @@
 
 namespace Gilvane {
 
-// By the table's get, which adds nothing. A shrink may leave a block where no search comes by, or behind an entry
-// without one; then every slot is looked at, so that the return of such a block does not count as misuse.
+// As blockOf, but finds hidden blocks too, whose return is no misuse: after a shrink, searches may miss a block, or find
+// an entry without a block before it. Then every slot is looked at.
 const GVMemoryPoolObject* GVMemoryPool::findBlock(unsigned int token) const {
-    const auto* const entry = memoryPool.get(token);
-    if (entry != nullptr && entry->theValue != nullptr) {
-        return entry->theValue;
+    if (const GVMemoryPoolObject* const block = blockOf(token)) {
+        return block;
     }
     for (auto position = memoryPool.begin(); position != memoryPool.end(); ++position) {
         if (position.GetKey() == token && *position != nullptr) {
@@ -26,8 +23,8 @@ const GVMemoryPoolObject* GVMemoryPool::findBlock(unsigned int token) const {
 
 void GVMemoryPool::checkThatThereIsOneToLend() const {
     if (availableTokens.empty()) {
-        reportMisuse("getTokenForFreeMemoryObject: pool %p: there is no token to take, even after growth",
-                     static_cast<const void*>(this));
+        detail::reportMisuse("getTokenForFreeMemoryObject: pool %p: there is no token to take, even after growth",
+                             static_cast<const void*>(this));
     }
 }
 
@@ -35,16 +32,15 @@ void GVMemoryPool::checkThatThereIsOneToLend() const {
 void GVMemoryPool::checkAfterLoan(unsigned int token) const {
     const GVMemoryPoolObject* const block = findBlock(token);
     if (block != nullptr) {
-        markUsable(block->getBytes(), block->getLength());
+        detail::markBytesUsable(block->getBytes(), block->getLength());
     }
 }
 
 void GVMemoryPool::checkBeforeAddress(unsigned int token) const {
-    const auto* const entry = memoryPool.get(token);
-    if (entry == nullptr || entry->theValue == nullptr) {
-        reportMisuse("getMemoryForToken: token %u of pool %p: %s", token, static_cast<const void*>(this),
-                     findBlock(token) != nullptr ? "hidden by a shrink, though its block is there"
-                                                 : "unknown: not of this pool, or its block is gone");
+    if (blockOf(token) == nullptr) {
+        detail::reportMisuse("getMemoryForToken: token %u of pool %p: %s", token, static_cast<const void*>(this),
+                             findBlock(token) != nullptr ? "hidden by a shrink, though its block is there"
+                                                         : "unknown: not of this pool, or its block is gone");
     }
 }
 
@@ -52,24 +48,22 @@ void GVMemoryPool::checkBeforeAddress(unsigned int token) const {
 void GVMemoryPool::checkAfterReturn(unsigned int token) const {
     const GVMemoryPoolObject* const block = findBlock(token);
     if (block == nullptr) {
-        reportMisuse("releaseObject: token %u of pool %p: unknown: not of this pool, or its block is gone", token,
-                     static_cast<const void*>(this));
+        detail::reportMisuse("releaseObject: token %u of pool %p: unknown: not of this pool, or its block is gone",
+                             token, static_cast<const void*>(this));
     }
     const auto last = availableTokens.end() - 1;
     if (std::find(availableTokens.begin(), last, token) != last) {
-        reportMisuse("releaseObject: token %u of pool %p: returned twice, or never lent", token,
-                     static_cast<const void*>(this));
+        detail::reportMisuse("releaseObject: token %u of pool %p: returned twice, or never lent", token,
+                             static_cast<const void*>(this));
     }
-    markUntouchable(block->getBytes(), block->getLength());
+    detail::markBytesUntouchable(block->getBytes(), block->getLength());
 }
 
 void GVMemoryPool::checkBlockSize() const {
-    if (!fitsInRawBlock(bytesInEachObject)) {
-        reportMisuse("building a block: pool %p: blocks of %u bytes wrap with their header words",
-                     static_cast<const void*>(this), bytesInEachObject);
+    if (!detail::fitsInRawBlock(bytesInEachObject)) {
+        detail::reportMisuse("building a block: pool %p: blocks of %u bytes wrap with their header words",
+                             static_cast<const void*>(this), bytesInEachObject);
     }
 }
 
 } // namespace Gilvane
-
-#endif

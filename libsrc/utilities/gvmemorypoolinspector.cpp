@@ -2,7 +2,6 @@
 
 #include <gilvane/base/gvdumpvalue.h>
 #include <gilvane/base/gvrawblock.h>
-#include <gilvane/threads/gvmutex.h>
 
 #include <algorithm>
 #include <iterator>
@@ -22,21 +21,10 @@ constexpr std::size_t theArrayCookieBytes = 2 * sizeof(std::size_t);
 constexpr std::size_t theArrayCookieBytes = sizeof(std::size_t);
 #endif
 
-// The slots that the search for a key looks at until it comes to `slot`, which it does, since it visits every one.
-unsigned int probesTo(unsigned int slot, unsigned int hash, unsigned int mask) {
-    unsigned int count = 1;
-    unsigned int index = hash;
-    for (unsigned int perturb = hash; (index & mask) != slot; perturb >>= 5) {
-        index = 5 * index + 1 + perturb;
-        ++count;
-    }
-    return count;
-}
-
 template <typename T>
 void writeElement(std::ostream& stream, const char* name, const T& value) {
     stream << "<" << name << ">";
-    writeDumpValue(stream, value);
+    detail::writeDumpValue(stream, value);
     stream << "</" << name << ">";
 }
 
@@ -52,7 +40,7 @@ void writeTokens(std::ostream& stream, const char* name, const GVMemoryPoolInspe
     const char* separator = "";
     for (const unsigned int token : tokens) {
         stream << separator;
-        writeDumpValue(stream, token);
+        detail::writeDumpValue(stream, token);
         separator = " ";
     }
     stream << "</" << name << ">\n";
@@ -95,7 +83,7 @@ std::size_t GVMemoryPoolInspector::getBytesOfHeaderWords() const {
     }
     count += theBytesOfSlots != 0 ? 1 : 0;
     count += theBytesOfFreeList != 0 ? 1 : 0;
-    return count * rawBlockHeaderBytes;
+    return count * detail::rawBlockHeaderBytes;
 }
 
 std::size_t GVMemoryPoolInspector::getBytesSpent() const {
@@ -157,34 +145,33 @@ std::ostream& GVMemoryPoolInspector::print(std::ostream& stream) const {
 
 // Everything that needs the pool's lock, and nothing else: the blocks' keys and the free list go on to evaluate.
 void GVMemoryPoolInspector::copyFrom(const GVMemoryPool& pool, TokenList& keys, TokenList& freeTokens) {
-    GVMutex guard;
-    pool.lockIfShared(guard);
-    const Table& table = pool.memoryPool;
-    freeTokens = pool.availableTokens;
-    theBytesInEachObject = pool.bytesInEachObject;
-    theBytesOfFreeList = pool.availableTokens.capacity() * sizeof(unsigned int);
-    if (table.hasHeapArray()) {
-        theBytesOfSlots = (static_cast<std::size_t>(table.theMask) + 2) * sizeof(Table::Entry) + theArrayCookieBytes;
-    }
-    keys.reserve(table.theUsedCount);
-    theBlocks.reserve(table.theUsedCount);
-    theSlotStates.reserve(static_cast<std::size_t>(table.theMask) + 1);
-    for (unsigned int slot = 0; slot <= table.theMask; ++slot) {
-        const Table::Entry& entry = table.theTable[slot];
-        theSlotStates.push_back(static_cast<unsigned char>(entry.theState));
-        if (entry.theState == gvoccupiedentry) {
-            keys.push_back(entry.theKey);
-            copyEntry(table, slot);
+    pool.withLock([&] {
+        const Table& table = pool.memoryPool;
+        freeTokens = pool.availableTokens;
+        theBytesInEachObject = pool.bytesInEachObject;
+        theBytesOfFreeList = pool.availableTokens.capacity() * sizeof(unsigned int);
+        if (table.getHeapEntryCount() != 0) {
+            theBytesOfSlots = table.getHeapEntryCount() * sizeof(Table::Entry) + theArrayCookieBytes;
         }
-    }
+        keys.reserve(table.getUsedCount());
+        theBlocks.reserve(table.getUsedCount());
+        theSlotStates.reserve(table.getSlotCount());
+        for (unsigned int slot = 0; slot < table.getSlotCount(); ++slot) {
+            const Table::Entry& entry = table.getEntry(slot);
+            theSlotStates.push_back(static_cast<unsigned char>(entry.theState));
+            if (entry.theState == gvoccupiedentry) {
+                keys.push_back(entry.theKey);
+                copyEntry(table, slot);
+            }
+        }
+    });
 }
 
-// Searches only for a key that is in the table: a search for an absent one would not end where every slot is occupied.
 void GVMemoryPoolInspector::copyEntry(const Table& table, unsigned int slot) {
-    const Table::Entry& entry = table.theTable[slot];
+    const Table::Entry& entry = table.getEntry(slot);
     GVInspectedBlock block;
-    if (table.get(entry.theKey) == &entry) {
-        block.theProbeCount = probesTo(slot, entry.theHash, table.theMask);
+    block.theProbeCount = table.countProbes(slot);
+    if (block.theProbeCount != 0) {
         theLongestProbe = std::max(theLongestProbe, block.theProbeCount);
         theProbeSum += block.theProbeCount;
         ++theReachedCount;

@@ -3,7 +3,7 @@
 #ifndef GILVANE_UTILITIES_GVMEMORYPOOLINSPECTOR_H
 #define GILVANE_UTILITIES_GVMEMORYPOOLINSPECTOR_H
 
-#include <gilvane/base/gvexport.h>
+#include <gilvane/base/gvcompiler.h>
 #include <gilvane/base/gvobject.h>
 #include <gilvane/base/gvstdallocator.h>
 #include <gilvane/datastructures/gvhashtable.h>
@@ -92,8 +92,8 @@ class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
     std::size_t getBytesOfPool() const { return sizeof(GVMemoryPool); }
     /// The objects of the blocks: address, length and token of each.
     std::size_t getBytesOfBlockObjects() const { return theBlocks.size() * sizeof(GVMemoryPoolObject); }
-    /// The header words of blocks' objects, of blocks' bytes, of the slot array and of the free list. A pool made with
-    /// `new` has one of its own, which is not counted, since one on the stack has none.
+    /// The header words of blocks' objects, of blocks' bytes, of the slot array and of the free list. The pool's own is
+    /// not counted: a pool made with `new` has one, a pool on the stack has none.
     std::size_t getBytesOfHeaderWords() const;
     /// The slot array on the heap, with what the compiler puts before its first element; 0 for a small table.
     std::size_t getBytesOfSlots() const { return theBytesOfSlots; }

@@ -3,9 +3,9 @@
 #ifndef GILVANE_UTILITIES_GVSMARTPOINTER_H
 #define GILVANE_UTILITIES_GVSMARTPOINTER_H
 
+#include <gilvane/base/gvcompiler.h>
 #include <gilvane/base/gvdumpvalue.h>
 #include <gilvane/base/gvexception.h>
-#include <gilvane/base/gvexport.h>
 #include <gilvane/base/gvobject.h>
 #include <gilvane/base/gvrawblock.h>
 #include <gilvane/threads/gvmutex.h>
@@ -16,18 +16,37 @@
 #include <new>
 #include <ostream>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 
 namespace Gilvane {
 
-class GVMemoryPool;
+namespace detail {
 
 /// Whether a `const T` can be written to a stream with `<<`.
 template <typename T, typename = void>
-struct GVHasStreamOperator : std::false_type {};
+struct HasStreamOperator : std::false_type {};
 template <typename T>
-struct GVHasStreamOperator<T, std::void_t<decltype(std::declval<std::ostream&>() << std::declval<const T&>())>>
+struct HasStreamOperator<T, std::void_t<decltype(std::declval<std::ostream&>() << std::declval<const T&>())>>
     : std::true_type {};
+
+} // namespace detail
+
+/// Whether GVSmartPointer::deepCopy copies a T: by default, where T claims to be copyable.
+///
+/// The claim of a class may be wrong: one with a vector of unique pointers claims to be copyable, and its copy
+/// constructor does not compile. Since deepCopy is virtual, a pointer to such a class does not compile either, until
+/// this is specialised for it:
+///
+///     template <>
+///     struct Gilvane::GVIsDeepCopyable<Job> : std::false_type {};
+template <typename T, typename = void>
+struct GVIsDeepCopyable : std::is_copy_constructible<T> {};
+
+/// Whether a copy of a T holds things that its source goes on owning, so that deleting the copy would take them from
+/// the source. GVSmartPointer::deepCopy then leaves a copy alone that it cannot hand out. False unless specialised.
+template <typename T, typename = void>
+struct GVCopySharesWithSource : std::false_type {};
 
 /// Shares one object among any number of pointers; the last one to go deletes it.
 ///
@@ -64,10 +83,14 @@ class GILVANE_EXPORT GVSmartPointer : public GVObject {
     /// Takes over the other's share and leaves it empty.
     GVSmartPointer(GVSmartPointer&& other) noexcept { takeFrom(other); }
 
-    /// Gives up this share and becomes a sharer of the other's object. Assignment to itself changes nothing.
+    /// Becomes a sharer of the other's object, then gives up the former share. Assignment to itself changes nothing.
+    ///
+    /// The destructor of the former object may use this pointer, and assign to it again: the pointer holds the new
+    /// object by then. This does not go for classes derived from this one. There the former share is given up first, so
+    /// that an override of deleteData is called, on this pointer, which still holds the former object.
     GVSmartPointer& operator=(const GVSmartPointer& other);
 
-    /// Gives up this share and takes over the other's, which is left empty. Assignment to itself changes nothing.
+    /// Takes over the other's share, which is left empty; otherwise as above.
     GVSmartPointer& operator=(GVSmartPointer&& other) noexcept;
 
     /// Gives up this share.
@@ -78,9 +101,10 @@ class GILVANE_EXPORT GVSmartPointer : public GVObject {
     /// A copied pool shares its blocks and its mutex handle with its source: only one of the two may ever be torn down.
     /// An object of a class derived from T is copied as a T. No lock is taken; calling this on an empty pointer is
     /// misuse.
-    /// @throws GVException kind gvinvalidstate when T cannot be copied
+    /// @throws GVException kind gvinvalidstate when T is not copied, see GVIsDeepCopyable
     /// @throws             whatever the copy constructor and the constructor of a pointer throw. The source is
-    ///                     unchanged. A copied pool is then not released, since that would delete what the source holds
+    ///                     unchanged. A copy that was made already is deleted, unless it shares with its source, as a
+    ///                     pool's does; see GVCopySharesWithSource
     virtual GVSmartPointer deepCopy();
 
     /// Writes the pointer and then, by its own stream operator if there is one, the object, all under the handle.
@@ -94,8 +118,8 @@ class GILVANE_EXPORT GVSmartPointer : public GVObject {
     /// Gives up this share; the last one deletes the object, if owned, and both cells and the handle, and leaves this
     /// pointer empty.
     ///
-    /// When others still share, this pointer keeps its fields, so its destructor would give up a share once more: who
-    /// calls this and is not the last must see to it that this pointer is not destroyed uncounted.
+    /// When others still share, this pointer keeps its fields, and its destructor gives up one share more. So call this
+    /// on a pointer that is never destroyed, or keep a share for its destructor to give up.
     void decrementRefCount();
 
     /// The object; null when empty.
@@ -116,6 +140,7 @@ class GILVANE_EXPORT GVSmartPointer : public GVObject {
     template <typename Cell>
     static Cell* makeCell(Cell value);
     void addShare() const;
+    void replaceWith(GVSmartPointer& next) noexcept;
     void takeFrom(GVSmartPointer& other) noexcept;
     void forget() noexcept;
     void lockIfShared(GVMutex& guard) const;
@@ -147,22 +172,20 @@ GVSmartPointer<T>::GVSmartPointer(const GVSmartPointer& other)
     addShare();
 }
 
-// The other's share is added before this pointer's is given up, so that an object in common is not deleted in between;
-// and its fields are read before, since the object that goes may hold `other` itself.
+// The other's share is added, or taken over, before this pointer's is given up: the object that goes may be the same, or
+// may hold `other` itself.
 template <typename T>
 GVSmartPointer<T>& GVSmartPointer<T>::operator=(const GVSmartPointer& other) {
-    GVSmartPointer added(other);
-    decrementRefCount();
-    takeFrom(added);
+    GVSmartPointer next(other);
+    replaceWith(next);
     return *this;
 }
 
 template <typename T>
 GVSmartPointer<T>& GVSmartPointer<T>::operator=(GVSmartPointer&& other) noexcept {
     if (this != &other) {
-        GVSmartPointer taken(std::move(other));
-        decrementRefCount();
-        takeFrom(taken);
+        GVSmartPointer next(std::move(other));
+        replaceWith(next);
     }
     return *this;
 }
@@ -176,11 +199,10 @@ GVSmartPointer<T>::~GVSmartPointer() {
 
 template <typename T>
 GVSmartPointer<T> GVSmartPointer<T>::deepCopy() {
-    if constexpr (std::is_copy_constructible_v<T>) {
+    if constexpr (GVIsDeepCopyable<T>::value) {
         T* const copy = new T(*object);
-        if constexpr (std::is_base_of_v<GVMemoryPool, T>) {
-            // A reader would expect the copy to be deleted when the pointer cannot be made. A pool's copy holds the
-            // source's blocks and handle, and deleting it would delete those; it is left unreleased instead.
+        if constexpr (GVCopySharesWithSource<T>::value) {
+            // Deliberate: a copy that shares is not deleted when the pointer fails (docs/deliberate.md, Smart pointer).
             // Watched by SmartPointerDeepCopy.leavesThePoolUnreleasedWhenThePointerCannotBeMade.
             return GVSmartPointer(copy, true, true);
         } else {
@@ -202,17 +224,17 @@ std::ostream& GVSmartPointer<T>::print(std::ostream& stream) const {
     stream << "<GVSmartPointer";
     if (object != nullptr) {
         stream << " object=\"";
-        writeDumpValue(stream, object);
+        detail::writeDumpValue(stream, object);
         stream << "\"";
     }
     if (refCount != nullptr) {
         stream << " refCount=\"";
-        writeDumpValue(stream, *refCount);
+        detail::writeDumpValue(stream, *refCount);
         stream << "\"";
     }
     if (ownObject != nullptr) {
         stream << " ownObject=\"";
-        writeDumpValue(stream, *ownObject);
+        detail::writeDumpValue(stream, *ownObject);
         stream << "\"";
     }
     if (lock != nullptr) {
@@ -221,7 +243,7 @@ std::ostream& GVSmartPointer<T>::print(std::ostream& stream) const {
         stream << "\"";
     }
     stream << ">";
-    if constexpr (GVHasStreamOperator<T>::value) {
+    if constexpr (detail::HasStreamOperator<T>::value) {
         if (object != nullptr) {
             stream << *object;
         }
@@ -249,8 +271,8 @@ void GVSmartPointer<T>::decrementRefCount() {
         return;
     }
     deleteData();
-    releaseRawBlock(refCount);
-    releaseRawBlock(ownObject);
+    detail::releaseRawBlock(refCount);
+    detail::releaseRawBlock(ownObject);
     if (lock != nullptr) {
         lock->unlock();
         delete lock;
@@ -271,7 +293,7 @@ unsigned int GVSmartPointer<T>::getRefCount() const {
 template <typename T>
 template <typename Cell>
 Cell* GVSmartPointer<T>::makeCell(Cell value) {
-    void* const storage = allocateRawBlock(sizeof(Cell));
+    void* const storage = detail::allocateRawBlock(sizeof(Cell));
     if (storage == nullptr) {
         throw std::bad_alloc();
     }
@@ -284,6 +306,26 @@ void GVSmartPointer<T>::addShare() const {
         GVMutex guard;
         lockIfShared(guard);
         ++*refCount;
+    }
+}
+
+// Leaves this pointer with the share of `next`, and gives up its own. No field says whether a derived class overrides
+// deleteData; where the type cannot be asked either, one may.
+template <typename T>
+void GVSmartPointer<T>::replaceWith(GVSmartPointer& next) noexcept {
+#if defined(__cpp_rtti)
+    const bool mayOverride = typeid(*this) != typeid(GVSmartPointer);
+#else
+    const bool mayOverride = true;
+#endif
+    if (mayOverride) {
+        decrementRefCount();
+        takeFrom(next);
+    } else {
+        std::swap(object, next.object);
+        std::swap(refCount, next.refCount);
+        std::swap(ownObject, next.ownObject);
+        std::swap(lock, next.lock);
     }
 }
 

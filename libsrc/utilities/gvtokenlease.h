@@ -5,7 +5,6 @@
 
 #include <gilvane/base/gvexception.h>
 #include <gilvane/base/gvobject.h>
-#include <gilvane/threads/gvmutex.h>
 #include <gilvane/utilities/gvmemorypool.h>
 #include <gilvane/utilities/gvsmartpointer.h>
 
@@ -16,8 +15,12 @@
 
 namespace Gilvane {
 
+namespace detail {
+
 /// What exceptions of a lease name as their source file.
-inline constexpr const char* theTokenLeaseFile = "libsrc/utilities/gvtokenlease";
+inline constexpr const char* tokenLeaseFile = "libsrc/utilities/gvtokenlease";
+
+} // namespace detail
 
 /// Borrows a block when it is made and returns it when it goes.
 ///
@@ -110,6 +113,7 @@ class [[nodiscard]] GVTokenLease : public GVObject {
 
   private:
     void borrowFrom(GVMemoryPool& pool);
+    bool hold(GVMemoryPool& pool, unsigned int token);
     void requireLoan() const;
 
     GVSmartPointer<GVMemoryPool> theOwner; // empty when the lease does not keep the pool alive
@@ -123,7 +127,7 @@ class [[nodiscard]] GVTokenLease : public GVObject {
 // returns the token.
 inline GVTokenLease::GVTokenLease(GVSmartPointer<GVMemoryPool> owner) : GVTokenLease() {
     if (owner.get() == nullptr) {
-        throw GVException("Lease needs a pool.", theTokenLeaseFile, __LINE__, gvinvalidstate, 0);
+        throw GVException("Lease needs a pool.", detail::tokenLeaseFile, __LINE__, gvinvalidstate, 0);
     }
     theOwner = std::move(owner);
     borrowFrom(*theOwner);
@@ -166,10 +170,10 @@ T& GVTokenLease::as() const {
     static_assert(std::is_object_v<T>, "bytes can be seen as an object only");
     requireLoan();
     if (theLength < sizeof(T)) {
-        throw GVException("Block is too short for the type.", theTokenLeaseFile, __LINE__, gvinvalidstate, 0);
+        throw GVException("Block is too short for the type.", detail::tokenLeaseFile, __LINE__, gvinvalidstate, 0);
     }
     if (reinterpret_cast<std::uintptr_t>(theBytes) % alignof(T) != 0) {
-        throw GVException("Block is not aligned for the type.", theTokenLeaseFile, __LINE__, gvinvalidstate, 0);
+        throw GVException("Block is not aligned for the type.", detail::tokenLeaseFile, __LINE__, gvinvalidstate, 0);
     }
     return *static_cast<T*>(theBytes);
 }
@@ -182,29 +186,31 @@ inline unsigned int GVTokenLease::release() {
     return token;
 }
 
-// The block is searched for with get, since the table's [] would add what it does not find.
 inline void GVTokenLease::borrowFrom(GVMemoryPool& pool) {
-    for (;;) {
-        const unsigned int token = pool.getTokenForFreeMemoryObject();
-        GVMutex guard;
-        pool.lockIfShared(guard);
-        const auto* const entry = pool.memoryPool.get(token);
-        if (entry == nullptr || entry->theValue == nullptr) {
-            continue;
-        }
-        thePool = &pool;
-        theToken = token;
-        theLength = entry->theValue->getLength();
-        theBytes = entry->theValue->getBytes();
-        // With room for every block, tokens come back without asking for memory, which the destructor must not fail on.
-        pool.availableTokens.reserve(pool.memoryPool.getUsedCount());
-        return;
+    unsigned int token = pool.getTokenForFreeMemoryObject();
+    while (!pool.withLock([&] { return hold(pool, token); })) {
+        token = pool.getTokenForFreeMemoryObject();
     }
+}
+
+// Holds the loan of a token, under the pool's lock; returns false, and changes nothing, when the token names no block.
+inline bool GVTokenLease::hold(GVMemoryPool& pool, unsigned int token) {
+    const GVMemoryPoolObject* const block = pool.blockOf(token);
+    if (block == nullptr) {
+        return false;
+    }
+    thePool = &pool;
+    theToken = token;
+    theLength = block->getLength();
+    theBytes = block->getBytes();
+    // With room for every block, tokens come back without asking for memory, which the destructor must not fail on.
+    pool.availableTokens.reserve(pool.memoryPool.getUsedCount());
+    return true;
 }
 
 inline void GVTokenLease::requireLoan() const {
     if (thePool == nullptr) {
-        throw GVException("Lease is empty.", theTokenLeaseFile, __LINE__, gvinvalidstate, 0);
+        throw GVException("Lease is empty.", detail::tokenLeaseFile, __LINE__, gvinvalidstate, 0);
     }
 }
 

@@ -85,10 +85,10 @@ void* allocateAndRestoreTheDefaults(unsigned int numberOfBytes) {
 
 TEST(DefaultHooks, alignEveryBlockForAnyType) {
     for (unsigned int bytes = 0; bytes <= 200; ++bytes) {
-        void* const userBytes = allocateRawBlock(bytes);
+        void* const userBytes = detail::allocateRawBlock(bytes);
         EXPECT_TRUE(isAlignedFor(userBytes, alignof(std::max_align_t))) << bytes << " bytes";
         EXPECT_TRUE(isAlignedFor(userBytes, alignof(long double))) << bytes << " bytes";
-        releaseRawBlock(userBytes);
+        detail::releaseRawBlock(userBytes);
     }
 }
 
@@ -97,34 +97,34 @@ TEST(DefaultHooks, askForHugePagesThatLieInALargeBlockWholly) {
         GTEST_SKIP() << "this kernel has no transparent huge pages, or the emulator does not hand the advice on";
     }
     constexpr unsigned int bytes = 9 * mebibyte;
-    void* const block = allocateRawBlock(bytes);
+    void* const block = detail::allocateRawBlock(bytes);
     const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(block);
     constexpr std::uintptr_t hugePage = 2 * mebibyte;
     const Range inside{(start + hugePage - 1) / hugePage * hugePage, (start + bytes) / hugePage * hugePage};
     EXPECT_EQ(advisedIn({start - hugePage, start + bytes + hugePage}), std::vector<Range>{inside});
-    releaseRawBlock(block);
+    detail::releaseRawBlock(block);
 }
 
 TEST(DefaultHooks, askForNoHugePagesForSmallerBlocks) {
     constexpr unsigned int bytes = 3 * mebibyte;
     std::vector<void*> blocks; // so many that some hold a huge page
     for (int built = 0; built < 8; ++built) {
-        blocks.push_back(allocateRawBlock(bytes));
+        blocks.push_back(detail::allocateRawBlock(bytes));
     }
     for (void* const block : blocks) {
         const std::uintptr_t start = reinterpret_cast<std::uintptr_t>(block);
         EXPECT_EQ(advisedIn({start, start + bytes}), std::vector<Range>{});
-        releaseRawBlock(block);
+        detail::releaseRawBlock(block);
     }
 }
 
 TEST(DefaultHooks, giveWholeUseOfALargeBlock) {
     constexpr unsigned int bytes = 9 * mebibyte;
-    char* const block = static_cast<char*>(allocateRawBlock(bytes));
+    char* const block = static_cast<char*>(detail::allocateRawBlock(bytes));
     EXPECT_TRUE(isAlignedFor(block, alignof(std::max_align_t)));
     std::memset(block, 7, bytes);
     EXPECT_EQ(std::count(block, block + bytes, 7), static_cast<std::ptrdiff_t>(bytes));
-    releaseRawBlock(block);
+    detail::releaseRawBlock(block);
 }
 
 TEST(DefaultHooks, alignObjectsAndArraysForTheirMembers) {
@@ -173,11 +173,11 @@ TEST(DefaultHooks, serveSeveralThreadsAtOnce) {
             int good = 0;
             for (unsigned int round = 0; round < 500; ++round) {
                 const unsigned int bytes = 1 + round % 64;
-                unsigned char* const userBytes = static_cast<unsigned char*>(allocateRawBlock(bytes));
+                unsigned char* const userBytes = static_cast<unsigned char*>(detail::allocateRawBlock(bytes));
                 std::memset(userBytes, static_cast<int>(number), bytes);
                 std::this_thread::yield();
                 good += userBytes[0] == number && userBytes[bytes - 1] == number ? 1 : 0;
-                releaseRawBlock(userBytes);
+                detail::releaseRawBlock(userBytes);
             }
             intact[number] = good;
         });
@@ -193,7 +193,7 @@ TEST(DefaultHooks, serveSeveralThreadsAtOnce) {
 namespace {
 
 // What the default allocation function adds in front, so that the byte after the header word is aligned.
-constexpr std::size_t padding = alignof(std::max_align_t) - rawBlockHeaderBytes;
+constexpr std::size_t padding = alignof(std::max_align_t) - detail::rawBlockHeaderBytes;
 
 constexpr unsigned int largestRequest = std::numeric_limits<unsigned int>::max();
 
@@ -244,8 +244,8 @@ TEST(DefaultHooks, returnNullWhenMemoryIsExhausted) {
 
 TEST(DefaultHooks, exhaustionReachesEveryKindOfAllocation) {
     const ScarceAddressSpace scarcity;
-    const volatile std::size_t bytes = largestRequest - rawBlockHeaderBytes;
-    EXPECT_EQ(allocateRawBlock(static_cast<unsigned int>(bytes)), nullptr);
+    const volatile std::size_t bytes = largestRequest - detail::rawBlockHeaderBytes;
+    EXPECT_EQ(detail::allocateRawBlock(static_cast<unsigned int>(bytes)), nullptr);
     EXPECT_EQ(GVObject::operator new(bytes, std::nothrow), nullptr);
     EXPECT_THROW(GVObject::operator new(bytes), std::bad_alloc);
     EXPECT_THROW(GVStdAllocator<char>().allocate(bytes), std::bad_alloc);
@@ -257,15 +257,15 @@ TEST(DefaultHooks, exhaustionReachesEveryKindOfAllocation) {
 
 TEST(DefaultHooksDeathTest, aByteWrittenPastABlockIsReported) {
     for (const unsigned int bytes : {1U, 7U, 8U, 13U, 16U, 100U}) {
-        volatile char* const userBytes = static_cast<volatile char*>(allocateRawBlock(bytes));
+        volatile char* const userBytes = static_cast<volatile char*>(detail::allocateRawBlock(bytes));
         EXPECT_DEATH(userBytes[bytes] = 1, "heap-buffer-overflow") << bytes << " bytes";
-        releaseRawBlock(const_cast<char*>(userBytes));
+        detail::releaseRawBlock(const_cast<char*>(userBytes));
     }
 }
 
 TEST(DefaultHooksDeathTest, useOfAReleasedBlockIsReported) {
-    volatile char* const userBytes = static_cast<volatile char*>(allocateRawBlock(24));
-    releaseRawBlock(const_cast<char*>(userBytes));
+    volatile char* const userBytes = static_cast<volatile char*>(detail::allocateRawBlock(24));
+    detail::releaseRawBlock(const_cast<char*>(userBytes));
     EXPECT_DEATH(userBytes[0] = 1, "heap-use-after-free");
 }
 
@@ -341,21 +341,21 @@ TEST(AllocationHooks, theDeallocatorIsAskedForAfterTheAllocation) {
     const GVDeallocatorFunction defaultDeallocator = GVObject::GetDeallocator();
     GVObject::SetAllocationHooks(&allocateAndRestoreTheDefaults, &HookLedger::release);
 
-    void* const userBytes = allocateRawBlock(8);
+    void* const userBytes = detail::allocateRawBlock(8);
 
-    EXPECT_EQ(rawBlockDeallocator(userBytes), defaultDeallocator);
-    GVObject::GetDeallocator()(static_cast<char*>(userBytes) - rawBlockHeaderBytes);
+    EXPECT_EQ(detail::rawBlockDeallocator(userBytes), defaultDeallocator);
+    GVObject::GetDeallocator()(static_cast<char*>(userBytes) - detail::rawBlockHeaderBytes);
 }
 
 TEST(AllocationHooks, blocksMadeBeforeAChangeGoBackThroughTheirOwnDeallocator) {
     const HookLedger ledger;
-    void* const rawBlock = allocateRawBlock(10);
+    void* const rawBlock = detail::allocateRawBlock(10);
     Strict* const object = new Strict;
     Strict* const array = new Strict[2];
     unsigned int* const storage = GVStdAllocator<unsigned int>().allocate(3);
     GVObject::SetAllocationHooks(nullptr, nullptr);
 
-    releaseRawBlock(rawBlock);
+    detail::releaseRawBlock(rawBlock);
     EXPECT_EQ(ledger.releaseCount(), 1U);
     delete object;
     EXPECT_EQ(ledger.releaseCount(), 2U);
@@ -366,13 +366,13 @@ TEST(AllocationHooks, blocksMadeBeforeAChangeGoBackThroughTheirOwnDeallocator) {
 }
 
 TEST(AllocationHooks, defaultBlocksGoBackToTheDefaultDeallocatorWhileOthersAreSet) {
-    void* const rawBlock = allocateRawBlock(10);
+    void* const rawBlock = detail::allocateRawBlock(10);
     Strict* const object = new Strict;
     Strict* const array = new Strict[2];
     unsigned int* const storage = GVStdAllocator<unsigned int>().allocate(3);
     const HookLedger ledger;
 
-    releaseRawBlock(rawBlock);
+    detail::releaseRawBlock(rawBlock);
     delete object;
     delete[] array;
     GVStdAllocator<unsigned int>().deallocate(storage, 3);

@@ -25,7 +25,7 @@ int doubled(int value) { return 2 * value; }
 template <typename T>
 std::string dumpOf(const T& value) {
     std::ostringstream stream;
-    writeDumpValue(stream, value);
+    detail::writeDumpValue(stream, value);
     return stream.str();
 }
 
@@ -92,9 +92,9 @@ TEST(DumpValue, writesEverythingElseByItsOwnStreamOperator) {
 TEST(DumpValue, followsTheStreamsFormattingState) {
     std::ostringstream stream;
     stream << std::hex << std::boolalpha;
-    writeDumpValue(stream, 255U);
+    detail::writeDumpValue(stream, 255U);
     stream << ' ';
-    writeDumpValue(stream, true);
+    detail::writeDumpValue(stream, true);
     EXPECT_EQ(stream.str(), "ff true");
 }
 
@@ -102,9 +102,9 @@ TEST(DumpValue, isOneInsertion) {
     int number = 5;
     std::ostringstream stream;
     stream << std::setfill('.') << std::setw(6);
-    writeDumpValue(stream, 42U);
+    detail::writeDumpValue(stream, 42U);
     stream << std::setw(40) << std::left;
-    writeDumpValue(stream, &number);
+    detail::writeDumpValue(stream, &number);
     const std::string address = asAddress(&number);
     EXPECT_EQ(stream.str(), "....42" + address + std::string(40 - address.size(), '.'));
 }
@@ -117,10 +117,10 @@ TEST(DumpValue, leavesTheStreamsFormattingStateAlone) {
     stream.precision(3);
     const std::ios_base::fmtflags flags = stream.flags();
 
-    writeDumpValue(stream, &number);
-    writeDumpValue(stream, &doubled);
-    writeDumpValue(stream, 8U);
-    writeDumpValue(stream, true);
+    detail::writeDumpValue(stream, &number);
+    detail::writeDumpValue(stream, &doubled);
+    detail::writeDumpValue(stream, 8U);
+    detail::writeDumpValue(stream, true);
 
     EXPECT_EQ(stream.flags(), flags);
     EXPECT_EQ(stream.fill(), '*');

@@ -23,7 +23,7 @@ namespace {
 constexpr const char* longMessage = "a message that is certainly longer than any string's own small buffer is";
 constexpr const char* longFile = "libsrc/a/file/whose/name/is/longer/than/any/small/buffer";
 
-const void* blockStartOf(const char* text) { return text - rawBlockHeaderBytes; }
+const void* blockStartOf(const char* text) { return text - detail::rawBlockHeaderBytes; }
 
 GVException longException() { return GVException(longMessage, longFile, 17, gvinvalidstate, 0); }
 
@@ -234,7 +234,7 @@ TEST(Exception, needsNoMemoryForShortTexts) {
 TEST(Exception, isMadeAndDeletedThroughTheHooks) {
     const HookLedger ledger;
     const GVObject* const exception = new GVException(longMessage, longFile, 17, gvinvalidstate, 0);
-    EXPECT_EQ(ledger.requests().at(0), sizeof(GVException) + rawBlockHeaderBytes);
+    EXPECT_EQ(ledger.requests().at(0), sizeof(GVException) + detail::rawBlockHeaderBytes);
     void* const start = ledger.liveBlocks().at(0).start;
 
     delete exception;
@@ -246,7 +246,7 @@ TEST(Exception, isMadeAndDeletedThroughTheHooks) {
 TEST(ExceptionMessage, isMadeAndDeletedThroughTheHooks) {
     const HookLedger ledger;
     const GVObject* const texts = new GVExceptionMessage(longMessage, longFile);
-    EXPECT_EQ(ledger.requests().at(0), sizeof(GVExceptionMessage) + rawBlockHeaderBytes);
+    EXPECT_EQ(ledger.requests().at(0), sizeof(GVExceptionMessage) + detail::rawBlockHeaderBytes);
     void* const start = ledger.liveBlocks().at(0).start;
 
     delete texts;

@@ -50,7 +50,8 @@ constexpr unsigned int most = std::numeric_limits<unsigned int>::max();
 
 // Sizes that the hook's 32 bits cannot carry together with the header word; the compiler does not see their values.
 std::vector<std::size_t> tooLargeSizes() {
-    std::vector<std::size_t> sizes{most - rawBlockHeaderBytes + 1, most, std::numeric_limits<std::size_t>::max()};
+    std::vector<std::size_t> sizes{most - detail::rawBlockHeaderBytes + 1, most,
+                                   std::numeric_limits<std::size_t>::max()};
     if (sizeof(std::size_t) > sizeof(unsigned int)) {
         sizes.push_back(std::size_t{most} + 1);
         sizes.push_back(std::size_t{most} + 65);
@@ -64,9 +65,10 @@ TEST(ObjectStorage, anObjectIsOneRawBlock) {
     const HookLedger ledger;
     Witness::reset();
     Witness* const object = new Witness;
-    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{sizeof(Witness) + rawBlockHeaderBytes});
-    EXPECT_EQ(static_cast<void*>(object), static_cast<char*>(ledger.liveBlocks().at(0).start) + rawBlockHeaderBytes);
-    EXPECT_EQ(rawBlockDeallocator(object), &HookLedger::release);
+    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{sizeof(Witness) + detail::rawBlockHeaderBytes});
+    EXPECT_EQ(static_cast<void*>(object),
+              static_cast<char*>(ledger.liveBlocks().at(0).start) + detail::rawBlockHeaderBytes);
+    EXPECT_EQ(detail::rawBlockDeallocator(object), &HookLedger::release);
     delete object;
     EXPECT_EQ(ledger.releaseCount(), 1U);
 }
@@ -76,7 +78,7 @@ TEST(ObjectStorage, anArrayIsOneRawBlock) {
     Witness::reset();
     Witness* const array = new Witness[5];
     EXPECT_EQ(ledger.allocationCount(), 1U);
-    EXPECT_GE(ledger.requests().at(0), 5 * sizeof(Witness) + rawBlockHeaderBytes);
+    EXPECT_GE(ledger.requests().at(0), 5 * sizeof(Witness) + detail::rawBlockHeaderBytes);
     delete[] array;
     EXPECT_EQ(ledger.releaseCount(), 1U);
 }
@@ -88,9 +90,9 @@ TEST(ObjectStorage, everyFormHandsOutTheAddressPastTheHeaderWord) {
     const std::vector<HookLedger::Block> blocks = ledger.liveBlocks();
     ASSERT_EQ(blocks.size(), 4U);
     for (std::size_t number = 0; number < 4; ++number) {
-        EXPECT_EQ(storage[number], static_cast<char*>(blocks[number].start) + rawBlockHeaderBytes);
-        EXPECT_EQ(blocks[number].bytes, 12 + rawBlockHeaderBytes);
-        EXPECT_EQ(rawBlockDeallocator(storage[number]), &HookLedger::release);
+        EXPECT_EQ(storage[number], static_cast<char*>(blocks[number].start) + detail::rawBlockHeaderBytes);
+        EXPECT_EQ(blocks[number].bytes, 12 + detail::rawBlockHeaderBytes);
+        EXPECT_EQ(detail::rawBlockDeallocator(storage[number]), &HookLedger::release);
     }
 
     GVObject::operator delete(storage[0]);
@@ -129,7 +131,7 @@ TEST(ObjectStorage, nothrowFormsGiveStorageLikeTheOrdinaryOnes) {
     Witness* const array = new (std::nothrow) Witness[2];
     ASSERT_NE(array, nullptr);
     EXPECT_EQ(ledger.allocationCount(), 2U);
-    EXPECT_EQ(ledger.requests().at(0), sizeof(Witness) + rawBlockHeaderBytes);
+    EXPECT_EQ(ledger.requests().at(0), sizeof(Witness) + detail::rawBlockHeaderBytes);
     delete object;
     delete[] array;
     EXPECT_EQ(Witness::destroyed, 3);
@@ -157,7 +159,7 @@ TEST(ObjectStorage, aSizeBeyond32BitsIsExhaustion) {
 TEST(ObjectStorage, theLargestSizeThatFitsIsAskedOfTheHook) {
     HookLedger ledger;
     ledger.refuseFrom(0);
-    const volatile std::size_t size = most - rawBlockHeaderBytes;
+    const volatile std::size_t size = most - detail::rawBlockHeaderBytes;
     EXPECT_EQ(GVObject::operator new(size, std::nothrow), nullptr);
     EXPECT_EQ(GVObject::operator new[](size, std::nothrow), nullptr);
     EXPECT_EQ(ledger.requests(), (std::vector<unsigned int>{most, most}));
@@ -204,7 +206,7 @@ TEST(ObjectStorage, ofAnArrayIsReleasedWhenAnElementsConstructorThrows) {
 
 TEST(ObjectStorage, givenForPlacementIsNotReleasedWhenTheConstructorThrows) {
     const HookLedger ledger;
-    void* const place = allocateRawBlock(4 * sizeof(Witness));
+    void* const place = detail::allocateRawBlock(4 * sizeof(Witness));
     Witness::reset();
     Witness::failAt = 0;
 
@@ -212,7 +214,7 @@ TEST(ObjectStorage, givenForPlacementIsNotReleasedWhenTheConstructorThrows) {
     EXPECT_THROW(new (place) Witness[2], std::runtime_error);
 
     EXPECT_EQ(ledger.releaseCount(), 0U);
-    releaseRawBlock(place);
+    detail::releaseRawBlock(place);
 }
 
 TEST(ObjectStorage, deletingNullDoesNothing) {
@@ -227,9 +229,9 @@ TEST(ObjectStorage, deletingNullDoesNothing) {
 TEST(ObjectStorage, isReleasedByTheFunctionInItsHeaderWord) {
     // Objects and raw blocks have one format: what one gives out, the other can take back.
     const HookLedger ledger;
-    void* const storage = allocateRawBlock(sizeof(Witness));
+    void* const storage = detail::allocateRawBlock(sizeof(Witness));
     GVObject::operator delete(storage);
-    void* const arrayStorage = allocateRawBlock(sizeof(Witness));
+    void* const arrayStorage = detail::allocateRawBlock(sizeof(Witness));
     GVObject::operator delete[](arrayStorage);
     EXPECT_EQ(ledger.releaseCount(), 2U);
 }

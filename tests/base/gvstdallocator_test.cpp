@@ -43,7 +43,7 @@ struct CountsItsEnd {
 TEST(StdAllocator, asksForTheObjectsAndAHeaderWord) {
     const HookLedger ledger;
     unsigned int* const storage = Numbers().allocate(10);
-    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{10 * sizeof(unsigned int) + rawBlockHeaderBytes});
+    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{10 * sizeof(unsigned int) + detail::rawBlockHeaderBytes});
     Numbers().deallocate(storage, 10);
 }
 
@@ -51,7 +51,7 @@ TEST(StdAllocator, returnsTheAddressPastTheHeaderWordWithTheDeallocatorInIt) {
     const HookLedger ledger;
     unsigned int* const storage = Numbers().allocate(10);
     void* const start = ledger.liveBlocks().at(0).start;
-    EXPECT_EQ(static_cast<void*>(storage), static_cast<char*>(start) + rawBlockHeaderBytes);
+    EXPECT_EQ(static_cast<void*>(storage), static_cast<char*>(start) + detail::rawBlockHeaderBytes);
     EXPECT_EQ(*static_cast<GVDeallocatorFunction*>(start), &HookLedger::release);
     Numbers().deallocate(storage, 10);
 }
@@ -60,9 +60,9 @@ TEST(StdAllocator, allocatingNoObjectsGivesAHeaderWordAlone) {
     const HookLedger ledger;
     unsigned int* const storage = Numbers().allocate(0);
     ASSERT_NE(storage, nullptr);
-    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{rawBlockHeaderBytes});
+    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{detail::rawBlockHeaderBytes});
     void* const start = ledger.liveBlocks().at(0).start;
-    EXPECT_EQ(static_cast<void*>(storage), static_cast<char*>(start) + rawBlockHeaderBytes);
+    EXPECT_EQ(static_cast<void*>(storage), static_cast<char*>(start) + detail::rawBlockHeaderBytes);
 
     Numbers().deallocate(storage, 0);
 
@@ -128,14 +128,14 @@ TEST(StdAllocator, throwsBadAllocWhenTheAllocationFunctionReturnsNull) {
 
 TEST(StdAllocator, aCountBeyond32BitsIsExhaustion) {
     const HookLedger ledger;
-    const std::size_t firstUnfitNumber = (most - rawBlockHeaderBytes) / sizeof(unsigned int) + 1;
+    const std::size_t firstUnfitNumber = (most - detail::rawBlockHeaderBytes) / sizeof(unsigned int) + 1;
     const std::vector<std::size_t> counts{firstUnfitNumber, Numbers().max_size(), Numbers().max_size() + 1,
                                           std::numeric_limits<std::size_t>::max() / sizeof(unsigned int) + 2,
                                           std::numeric_limits<std::size_t>::max()};
     for (const std::size_t count : counts) {
         EXPECT_THROW(Numbers().allocate(count), std::bad_alloc) << count;
     }
-    const volatile std::size_t firstUnfitLength = most - rawBlockHeaderBytes + 1;
+    const volatile std::size_t firstUnfitLength = most - detail::rawBlockHeaderBytes + 1;
     EXPECT_THROW(GVStdAllocator<char>().allocate(firstUnfitLength), std::bad_alloc);
     EXPECT_THROW(GVStdAllocator<char>().allocate(most), std::bad_alloc);
     EXPECT_EQ(ledger.allocationCount(), 0U);
@@ -144,7 +144,7 @@ TEST(StdAllocator, aCountBeyond32BitsIsExhaustion) {
 TEST(StdAllocator, theLargestCountThatFitsIsAskedOfTheHook) {
     HookLedger ledger;
     ledger.refuseFrom(0);
-    const volatile std::size_t length = most - rawBlockHeaderBytes;
+    const volatile std::size_t length = most - detail::rawBlockHeaderBytes;
     EXPECT_THROW(GVStdAllocator<char>().allocate(length), std::bad_alloc);
     EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{static_cast<unsigned int>(most)});
 }
@@ -163,7 +163,7 @@ TEST(StdAllocator, rebindsToAnotherElementType) {
     const HookLedger ledger;
     GVStdAllocator<TwelveBytes> rebound{Numbers()};
     TwelveBytes* const storage = rebound.allocate(2);
-    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{2 * sizeof(TwelveBytes) + rawBlockHeaderBytes});
+    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{2 * sizeof(TwelveBytes) + detail::rawBlockHeaderBytes});
     rebound.deallocate(storage, 2);
 }
 
@@ -226,7 +226,7 @@ TEST(StdAllocator, givesTheAddressOfAnObjectThatHidesIt) {
 TEST(StdAllocator, isItselfMadeAndDeletedThroughTheHooks) {
     const HookLedger ledger;
     GVObject* const allocator = new Numbers;
-    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{sizeof(Numbers) + rawBlockHeaderBytes});
+    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{sizeof(Numbers) + detail::rawBlockHeaderBytes});
     delete allocator;
     EXPECT_EQ(ledger.releaseCount(), 1U);
 }

@@ -31,7 +31,7 @@ using Text = std::basic_string<char, std::char_traits<char>, GVStdAllocator<char
 constexpr const char* longWords = "a text that is certainly longer than any string's own small buffer is";
 
 unsigned int requestFor(std::size_t numberOfNumbers) {
-    return static_cast<unsigned int>(numberOfNumbers * sizeof(unsigned int)) + rawBlockHeaderBytes;
+    return static_cast<unsigned int>(numberOfNumbers * sizeof(unsigned int)) + detail::rawBlockHeaderBytes;
 }
 
 } // namespace
@@ -161,9 +161,9 @@ TEST(StandardVector, growthStopsAtTheLargestCountInsteadOfDoubling) {
     }
     GVObject::SetAllocationHooks(nullptr, nullptr);
     constexpr unsigned int vastBytes = 1U << 30;
-    EXPECT_EQ(vastRequests(),
-              (std::vector<unsigned int>{vastBytes + rawBlockHeaderBytes, 2 * vastBytes + rawBlockHeaderBytes,
-                                         3 * vastBytes + rawBlockHeaderBytes}));
+    EXPECT_EQ(vastRequests(), (std::vector<unsigned int>{vastBytes + detail::rawBlockHeaderBytes,
+                                                         2 * vastBytes + detail::rawBlockHeaderBytes,
+                                                         3 * vastBytes + detail::rawBlockHeaderBytes}));
 }
 
 #endif
@@ -178,7 +178,7 @@ TEST(StandardList, takesOneBlockForEachNode) {
     EXPECT_EQ(ledger.liveBlocks().size(), 3U);
     for (const HookLedger::Block& block : ledger.liveBlocks()) {
         // A node holds the number and the way to both its neighbours.
-        EXPECT_GE(block.bytes, sizeof(unsigned int) + 2 * sizeof(void*) + rawBlockHeaderBytes);
+        EXPECT_GE(block.bytes, sizeof(unsigned int) + 2 * sizeof(void*) + detail::rawBlockHeaderBytes);
     }
 }
 
@@ -219,9 +219,9 @@ TEST(StandardString, takesItsMemoryFromTheHooks) {
         const Text text(longWords);
         EXPECT_EQ(text, longWords);
         ASSERT_EQ(ledger.allocationCount(), 1U);
-        EXPECT_GE(ledger.requests().at(0), text.size() + 1 + rawBlockHeaderBytes);
+        EXPECT_GE(ledger.requests().at(0), text.size() + 1 + detail::rawBlockHeaderBytes);
         EXPECT_EQ(static_cast<const void*>(text.data()),
-                  static_cast<char*>(ledger.liveBlocks().at(0).start) + rawBlockHeaderBytes);
+                  static_cast<char*>(ledger.liveBlocks().at(0).start) + detail::rawBlockHeaderBytes);
     }
     EXPECT_EQ(ledger.releaseCount(), 1U);
 }

@@ -121,7 +121,7 @@ TEST(MutexCreation, takesOneBlockWhichGoesBackWhenTheHandleIsDeleted) {
         GVMutexHandle* const handle = maker.create(gvexclusivemutex, false);
         ASSERT_EQ(ledger.allocationCount(), 1U);
         EXPECT_EQ(static_cast<void*>(handle),
-                  static_cast<char*>(ledger.liveBlocks().at(0).start) + rawBlockHeaderBytes);
+                  static_cast<char*>(ledger.liveBlocks().at(0).start) + detail::rawBlockHeaderBytes);
         delete handle;
         EXPECT_EQ(ledger.releaseCount(), 1U);
     }

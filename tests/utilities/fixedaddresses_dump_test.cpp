@@ -31,8 +31,8 @@ constexpr std::uintptr_t secondBlockAddress = 0x13020;
 
 // Whether a pool at its address ends before the first block's header word: it does where pointers have 32 bits.
 constexpr bool poolEndsBeforeBlocks =
-    poolAddress + sizeof(GVMemoryPool) <= firstBlockAddress - rawBlockHeaderBytes &&
-    firstBlockAddress + sizeof(GVMemoryPoolObject) <= secondBlockAddress - rawBlockHeaderBytes;
+    poolAddress + sizeof(GVMemoryPool) <= firstBlockAddress - detail::rawBlockHeaderBytes &&
+    firstBlockAddress + sizeof(GVMemoryPoolObject) <= secondBlockAddress - detail::rawBlockHeaderBytes;
 
 // User addresses that the next allocations shall give, in order; 0 for any.
 std::deque<std::uintptr_t>& places() {
@@ -46,7 +46,7 @@ void* allocateAtPlace(unsigned int numberOfBytes) {
         place = places().front();
         places().pop_front();
     }
-    return place != 0 ? reinterpret_cast<void*>(place - rawBlockHeaderBytes) : std::malloc(numberOfBytes);
+    return place != 0 ? reinterpret_cast<void*>(place - detail::rawBlockHeaderBytes) : std::malloc(numberOfBytes);
 }
 
 void releaseFromPlace(void* block) {

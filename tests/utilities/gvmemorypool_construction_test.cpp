@@ -21,7 +21,7 @@ using Tokens = std::vector<unsigned int, GVStdAllocator<unsigned int>>;
 constexpr const char* poolFile = "libsrc/utilities/gvmemorypool";
 constexpr const char* noMemoryForABlock = "Unable to allocate memory for new pool object";
 
-constexpr unsigned int objectRequest = sizeof(GVMemoryPoolObject) + rawBlockHeaderBytes;
+constexpr unsigned int objectRequest = sizeof(GVMemoryPoolObject) + detail::rawBlockHeaderBytes;
 
 static_assert(std::is_base_of_v<GVObject, GVMemoryPool>, "pools are made by the class-level operators");
 static_assert(std::has_virtual_destructor_v<GVMemoryPool>, "a pool is deleted through its virtual destructor");
@@ -96,7 +96,7 @@ TEST(PoolConstruction, withANumberAndAMutexAllocatesOnlyTheHandle) {
     expectEmpty(pool);
     ASSERT_EQ(ledger.liveBlocks().size(), 1U);
     EXPECT_EQ(static_cast<void*>(GVTestPeer::mutexHandle(pool)),
-              static_cast<char*>(ledger.liveBlocks()[0].start) + rawBlockHeaderBytes);
+              static_cast<char*>(ledger.liveBlocks()[0].start) + detail::rawBlockHeaderBytes);
 }
 
 TEST(PoolConstruction, withASizeBuildsEveryBlockAtOnce) {
@@ -179,7 +179,7 @@ TEST(PoolConstruction, losesHandleAndBlocksWhenABlockCannotBeBuilt) {
     ASSERT_EQ(lost.size(), 3U);
     // The handle is the oldest.
     EXPECT_EQ(lost[1].bytes, objectRequest);
-    EXPECT_EQ(lost[2].bytes, 16 + rawBlockHeaderBytes);
+    EXPECT_EQ(lost[2].bytes, 16 + detail::rawBlockHeaderBytes);
     EXPECT_EQ(ledger.reclaimLiveBlocks(), 3U);
 }
 
@@ -200,7 +200,7 @@ TEST(PoolConstruction, releasesFreeListAndTableWhenABlockCannotBeBuilt) {
     ASSERT_EQ(lost.size(), 12U);
     for (std::size_t block = 0; block < lost.size(); block += 2) {
         EXPECT_EQ(lost[block].bytes, objectRequest);
-        EXPECT_EQ(lost[block + 1].bytes, 16 + rawBlockHeaderBytes);
+        EXPECT_EQ(lost[block + 1].bytes, 16 + detail::rawBlockHeaderBytes);
     }
     EXPECT_EQ(ledger.reclaimLiveBlocks(), 12U);
 }

@@ -23,9 +23,9 @@ constexpr const char* tableFile = "libsrc/datastructures/gvhashtable";
 constexpr const char* noMemoryForABlock = "Unable to allocate memory for new pool object";
 constexpr const char* noMemoryForTheTable = "Unable to allocate space for new table.";
 
-constexpr unsigned int objectRequest = sizeof(GVMemoryPoolObject) + rawBlockHeaderBytes;
+constexpr unsigned int objectRequest = sizeof(GVMemoryPoolObject) + detail::rawBlockHeaderBytes;
 constexpr unsigned int tokenListRequest(unsigned int tokens) {
-    return tokens * static_cast<unsigned int>(sizeof(unsigned int)) + rawBlockHeaderBytes;
+    return tokens * static_cast<unsigned int>(sizeof(unsigned int)) + detail::rawBlockHeaderBytes;
 }
 
 const GVMemoryPoolObject* blockOf(GVMemoryPool& pool, unsigned int token) {
@@ -84,8 +84,8 @@ TEST(PoolGrowth, buildsTheObjectThenItsBytesThenTheTablesSlotsThenItsPlaceInTheF
     ASSERT_EQ(requests.size(), 17U);
     // The array of slots adds what the compiler needs to know its length.
     const unsigned int slots = requests.back();
-    EXPECT_GE(slots, 33 * sizeof(TokenTable::Entry) + rawBlockHeaderBytes);
-    constexpr unsigned int bytes = 100 + rawBlockHeaderBytes;
+    EXPECT_GE(slots, 33 * sizeof(TokenTable::Entry) + detail::rawBlockHeaderBytes);
+    constexpr unsigned int bytes = 100 + detail::rawBlockHeaderBytes;
     EXPECT_EQ(requests, (std::vector<unsigned int>{
                             objectRequest,
                             bytes,
@@ -232,7 +232,7 @@ TEST(PoolGrowth, losesTheBlockWhoseInsertionFails) {
     const std::vector<HookLedger::Block> lost = ledger.liveBlocks();
     ASSERT_EQ(lost.size(), 2U);
     EXPECT_EQ(lost[0].bytes, objectRequest);
-    EXPECT_EQ(lost[1].bytes, 16 + rawBlockHeaderBytes);
+    EXPECT_EQ(lost[1].bytes, 16 + detail::rawBlockHeaderBytes);
     EXPECT_EQ(ledger.reclaimLiveBlocks(), 2U);
 }
 

@@ -55,7 +55,7 @@ bool isLive(const HookLedger& ledger, const void* start) {
                        [start](const HookLedger::Block& block) { return block.start == start; });
 }
 
-const void* startOf(const void* userBytes) { return static_cast<const char*>(userBytes) - rawBlockHeaderBytes; }
+const void* startOf(const void* userBytes) { return static_cast<const char*>(userBytes) - detail::rawBlockHeaderBytes; }
 
 TEST(PoolShrinking, removesTheHighestTokens) {
     GVTestPeer::nextToken() = 10;

@@ -439,7 +439,7 @@ TEST(PoolInspectorWithoutMemory, asksForAsMuchMemoryAsItNeedsAtOnce) {
     const HookLedger ledger;
     const Inspector inspector(pool);
     EXPECT_EQ(ledger.allocationCount(), 4U) << "keys, free tokens, blocks and slots";
-    const std::size_t words = rawBlockHeaderBytes;
+    const std::size_t words = detail::rawBlockHeaderBytes;
     const std::vector<unsigned int> requests = ledger.requests();
     const std::vector<std::size_t> sizes(requests.begin(), requests.end());
     EXPECT_EQ(sizes,

@@ -105,8 +105,9 @@ TEST(PoolObject, asksForItsLengthAndAHeaderWordModulo32Bits) {
     ledger.refuseOnce(0);
     EXPECT_THROW(GVMemoryPoolObject{lastToken}, std::bad_alloc);
     ledger.refuseOnce(0);
-    EXPECT_THROW(GVMemoryPoolObject{0U - rawBlockHeaderBytes}, std::bad_alloc);
-    EXPECT_EQ(ledger.requests(), (std::vector<unsigned int>{100 + rawBlockHeaderBytes, rawBlockHeaderBytes - 1, 0}));
+    EXPECT_THROW(GVMemoryPoolObject{0U - detail::rawBlockHeaderBytes}, std::bad_alloc);
+    EXPECT_EQ(ledger.requests(),
+              (std::vector<unsigned int>{100 + detail::rawBlockHeaderBytes, detail::rawBlockHeaderBytes - 1, 0}));
 }
 
 TEST(PoolObject, ofLengthZeroOwnsABlockOfTheHeaderWordAlone) {
@@ -115,7 +116,7 @@ TEST(PoolObject, ofLengthZeroOwnsABlockOfTheHeaderWordAlone) {
         const GVMemoryPoolObject block(0);
         EXPECT_NE(block.getBytes(), nullptr);
         EXPECT_EQ(block.getLength(), 0U);
-        EXPECT_EQ(ledger.requests(), (std::vector<unsigned int>{rawBlockHeaderBytes}));
+        EXPECT_EQ(ledger.requests(), (std::vector<unsigned int>{detail::rawBlockHeaderBytes}));
     }
     EXPECT_EQ(ledger.releaseCount(), 1U);
 }
@@ -124,9 +125,9 @@ TEST(PoolObject, bytesFollowTheHeaderWordThatHoldsTheDeallocationFunction) {
     const HookLedger ledger;
     const GVMemoryPoolObject block(24);
     ASSERT_EQ(ledger.liveBlocks().size(), 1U);
-    EXPECT_EQ(block.getBytes(), static_cast<char*>(ledger.liveBlocks()[0].start) + rawBlockHeaderBytes);
+    EXPECT_EQ(block.getBytes(), static_cast<char*>(ledger.liveBlocks()[0].start) + detail::rawBlockHeaderBytes);
     EXPECT_EQ(block.getLength(), 24U);
-    EXPECT_EQ(rawBlockDeallocator(block.getBytes()), &HookLedger::release);
+    EXPECT_EQ(detail::rawBlockDeallocator(block.getBytes()), &HookLedger::release);
 }
 
 TEST(PoolObject, thatCannotBeBuiltUsesNoTokenUp) {
@@ -186,8 +187,8 @@ TEST(PoolObject, asksForTheHooksAfreshAtEachAllocation) {
         const GVMemoryPoolObject after(16);
         EXPECT_EQ(ledger.allocationCount(), 1U);
         EXPECT_EQ(countedAllocations, 1);
-        EXPECT_EQ(rawBlockDeallocator(before.getBytes()), &HookLedger::release);
-        EXPECT_EQ(rawBlockDeallocator(after.getBytes()), &countingRelease);
+        EXPECT_EQ(detail::rawBlockDeallocator(before.getBytes()), &HookLedger::release);
+        EXPECT_EQ(detail::rawBlockDeallocator(after.getBytes()), &countingRelease);
     }
     EXPECT_EQ(countedReleases, 1);
 }
@@ -196,7 +197,7 @@ TEST(PoolObject, withBytesRightAfterAHeaderAtAddressZeroReleasesNothing) {
     const HookLedger ledger;
     {
         GVMemoryPoolObject block;
-        GVTestPeer::bytes(block) = reinterpret_cast<void*>(static_cast<std::uintptr_t>(rawBlockHeaderBytes));
+        GVTestPeer::bytes(block) = reinterpret_cast<void*>(static_cast<std::uintptr_t>(detail::rawBlockHeaderBytes));
     }
     EXPECT_EQ(ledger.releaseCount(), 0U);
 }
@@ -208,7 +209,7 @@ TEST(PoolObject, callsEvenANullDeallocationFunction) {
     EXPECT_EXIT(
         {
             auto* const block = new GVMemoryPoolObject(16);
-            *reinterpret_cast<GVDeallocatorFunction*>(rawBlockStart(block->getBytes())) = nullptr;
+            *reinterpret_cast<GVDeallocatorFunction*>(detail::rawBlockStart(block->getBytes())) = nullptr;
             std::signal(SIGSEGV, [](int) { _exit(0); });
             delete block;
             _exit(1);

@@ -21,12 +21,12 @@ namespace {
 using PoolPointer = GVSmartPointer<GVMemoryPool>;
 using Peer = GVTestPeer;
 
-constexpr unsigned int poolBytes = rawBlockHeaderBytes + sizeof(GVMemoryPool);
-constexpr unsigned int countCellBytes = rawBlockHeaderBytes + sizeof(unsigned int);
-constexpr unsigned int flagCellBytes = rawBlockHeaderBytes + sizeof(bool);
+constexpr unsigned int poolBytes = detail::rawBlockHeaderBytes + sizeof(GVMemoryPool);
+constexpr unsigned int countCellBytes = detail::rawBlockHeaderBytes + sizeof(unsigned int);
+constexpr unsigned int flagCellBytes = detail::rawBlockHeaderBytes + sizeof(bool);
 
 constexpr unsigned int tokenBytes(unsigned int tokens) {
-    return rawBlockHeaderBytes + tokens * static_cast<unsigned int>(sizeof(unsigned int));
+    return detail::rawBlockHeaderBytes + tokens * static_cast<unsigned int>(sizeof(unsigned int));
 }
 
 std::vector<unsigned int> freeTokensOf(GVMemoryPool& pool) {
@@ -180,7 +180,7 @@ TEST(SmartPointerDeepCopy, asksForPoolThenTokensThenCellsThenHandle) {
     EXPECT_EQ(requests[1], tokenBytes(3));
     EXPECT_EQ(requests[2], countCellBytes);
     EXPECT_EQ(requests[3], flagCellBytes);
-    EXPECT_GE(requests[4], rawBlockHeaderBytes + sizeof(GVMutexHandle));
+    EXPECT_GE(requests[4], detail::rawBlockHeaderBytes + sizeof(GVMutexHandle));
     takeSharedPartsFrom(*copy);
 }
 
@@ -258,7 +258,7 @@ TEST(SmartPointerDeepCopy, losesTheArrayThatTheCopiedTableHadGrownWhenItCannotGr
     }
     const std::vector<HookLedger::Block> lost = ledger.liveBlocks();
     ASSERT_EQ(lost.size(), 1U);
-    EXPECT_GE(lost[0].bytes, 33 * sizeof(TokenTable::Entry) + rawBlockHeaderBytes);
+    EXPECT_GE(lost[0].bytes, 33 * sizeof(TokenTable::Entry) + detail::rawBlockHeaderBytes);
     ledger.reclaimLiveBlocks();
 }
 

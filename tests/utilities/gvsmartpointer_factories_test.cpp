@@ -21,9 +21,9 @@ namespace {
 using Pointer = GVSmartPointer<GVMemoryPool>;
 using Peer = GVTestPeer;
 
-constexpr unsigned int poolBytes = rawBlockHeaderBytes + sizeof(GVMemoryPool);
-constexpr unsigned int countCellBytes = rawBlockHeaderBytes + sizeof(unsigned int);
-constexpr unsigned int flagCellBytes = rawBlockHeaderBytes + sizeof(bool);
+constexpr unsigned int poolBytes = detail::rawBlockHeaderBytes + sizeof(GVMemoryPool);
+constexpr unsigned int countCellBytes = detail::rawBlockHeaderBytes + sizeof(unsigned int);
+constexpr unsigned int flagCellBytes = detail::rawBlockHeaderBytes + sizeof(bool);
 
 // Each factory, with and without a lock for the pool.
 std::vector<std::function<Pointer()>> factories() {
@@ -102,7 +102,7 @@ TEST(PoolFactories, askForThePoolFirstAndForCellsAndHandleLast) {
         EXPECT_EQ(requests.front(), poolBytes);
         EXPECT_EQ(requests[requests.size() - 3], countCellBytes);
         EXPECT_EQ(requests[requests.size() - 2], flagCellBytes);
-        EXPECT_GE(requests.back(), rawBlockHeaderBytes + sizeof(GVMutexHandle));
+        EXPECT_GE(requests.back(), detail::rawBlockHeaderBytes + sizeof(GVMutexHandle));
     }
 }
 

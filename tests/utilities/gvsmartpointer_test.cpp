@@ -25,11 +25,11 @@ namespace {
 using Pointer = GVSmartPointer<SharedObject>;
 using Peer = GVTestPeer;
 
-constexpr unsigned int countCellBytes = rawBlockHeaderBytes + sizeof(unsigned int);
-constexpr unsigned int flagCellBytes = rawBlockHeaderBytes + sizeof(bool);
+constexpr unsigned int countCellBytes = detail::rawBlockHeaderBytes + sizeof(unsigned int);
+constexpr unsigned int flagCellBytes = detail::rawBlockHeaderBytes + sizeof(bool);
 
 // The address of the header word before what a user got.
-void* blockStart(const void* userBytes) { return reinterpret_cast<void*>(rawBlockStart(userBytes)); }
+void* blockStart(const void* userBytes) { return reinterpret_cast<void*>(detail::rawBlockStart(userBytes)); }
 
 std::vector<unsigned int> bytesOf(const std::vector<HookLedger::Block>& blocks) {
     std::vector<unsigned int> bytes;
@@ -91,7 +91,7 @@ TEST(SmartPointer, hasDeepCopyPrintAndDeleteDataInTheSlotsAfterItsDestructors) {
 TEST(SmartPointer, isItselfAllocatedThroughTheHooksAndReleasedThroughItsBase) {
     HookLedger ledger;
     GVObject* const pointer = new Pointer;
-    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{rawBlockHeaderBytes + sizeof(Pointer)});
+    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{detail::rawBlockHeaderBytes + sizeof(Pointer)});
     delete pointer;
     EXPECT_EQ(ledger.releaseCount(), 1U);
 }
@@ -148,7 +148,7 @@ TEST(SmartPointer, asksForTheCountCellThenTheFlagCellThenTheHandle) {
     ASSERT_EQ(requests.size(), 3U);
     EXPECT_EQ(requests[0], countCellBytes);
     EXPECT_EQ(requests[1], flagCellBytes);
-    EXPECT_GE(requests[2], rawBlockHeaderBytes + sizeof(GVMutexHandle));
+    EXPECT_GE(requests[2], detail::rawBlockHeaderBytes + sizeof(GVMutexHandle));
 }
 
 TEST(SmartPointer, asksForItsTwoCellsOnlyWhenMadeWithoutALock) {
@@ -166,10 +166,12 @@ TEST(SmartPointer, keepsItsCellsJustPastHeaderWordsThatHoldTheDeallocationFuncti
     Pointer pointer(&object, false, false);
     const std::vector<HookLedger::Block> cells = ledger.liveBlocks();
     ASSERT_EQ(cells.size(), 2U);
-    EXPECT_EQ(static_cast<void*>(static_cast<char*>(cells[0].start) + rawBlockHeaderBytes), Peer::refCount(pointer));
-    EXPECT_EQ(static_cast<void*>(static_cast<char*>(cells[1].start) + rawBlockHeaderBytes), Peer::ownObject(pointer));
-    EXPECT_EQ(rawBlockDeallocator(Peer::refCount(pointer)), &HookLedger::release);
-    EXPECT_EQ(rawBlockDeallocator(Peer::ownObject(pointer)), &HookLedger::release);
+    EXPECT_EQ(static_cast<void*>(static_cast<char*>(cells[0].start) + detail::rawBlockHeaderBytes),
+              Peer::refCount(pointer));
+    EXPECT_EQ(static_cast<void*>(static_cast<char*>(cells[1].start) + detail::rawBlockHeaderBytes),
+              Peer::ownObject(pointer));
+    EXPECT_EQ(detail::rawBlockDeallocator(Peer::refCount(pointer)), &HookLedger::release);
+    EXPECT_EQ(detail::rawBlockDeallocator(Peer::ownObject(pointer)), &HookLedger::release);
 }
 
 // Exhaustion

@@ -21,10 +21,10 @@ using Visitor = void (*)(const GVInspectedBlock&);
 
 } // namespace
 
-template void writeDumpValue<int>(std::ostream&, const int&);
-template void writeDumpValue<unsigned int>(std::ostream&, const unsigned int&);
-template void writeDumpValue<int*>(std::ostream&, int* const&);
-template void writeDumpValue<void (*)()>(std::ostream&, void (*const&)());
+template void detail::writeDumpValue<int>(std::ostream&, const int&);
+template void detail::writeDumpValue<unsigned int>(std::ostream&, const unsigned int&);
+template void detail::writeDumpValue<int*>(std::ostream&, int* const&);
+template void detail::writeDumpValue<void (*)()>(std::ostream&, void (*const&)());
 
 template class GVStdAllocator<int>;
 template GVStdAllocator<int>::GVStdAllocator(const GVStdAllocator<char>&);

@@ -654,7 +654,7 @@ int prove() {
         std::printf("difference: a lock was used otherwise than locks may be\n");
         return 1;
     }
-    std::printf("accepted losses, in bytes with the header word of %u bytes:\n", Gilvane::rawBlockHeaderBytes);
+    std::printf("accepted losses, in bytes with the header word of %u bytes:\n", Gilvane::detail::rawBlockHeaderBytes);
     for (const AcceptedLoss& row : acceptedLosses()) {
         std::printf("    %7zu blocks of %3u%s: %s\n", totals.losses[row.loss], row.fixedBytes,
                     row.unitBytes == 0 ? "" : (" + n * " + std::to_string(row.unitBytes)).c_str(), row.when);

@@ -50,7 +50,7 @@ struct AcceptedLoss {
 };
 
 inline const std::vector<AcceptedLoss>& acceptedLosses() {
-    constexpr unsigned int header = Gilvane::rawBlockHeaderBytes;
+    constexpr unsigned int header = Gilvane::detail::rawBlockHeaderBytes;
     const unsigned int array = header + arrayBytes(0, 0);
     constexpr unsigned int poolSlot = sizeof(Gilvane::TokenTable::Entry);
     constexpr unsigned int otherSlot = sizeof(Gilvane::GVHashTable<unsigned int, int>::Entry);
@@ -120,7 +120,7 @@ inline World& world() {
 /// One raw block; 0 when refused.
 inline Id request(std::size_t userBytes) {
     Books& books = world().books;
-    const bool granted = books.request(static_cast<unsigned int>(userBytes) + Gilvane::rawBlockHeaderBytes);
+    const bool granted = books.request(static_cast<unsigned int>(userBytes) + Gilvane::detail::rawBlockHeaderBytes);
     return granted ? static_cast<Id>(books.blocks.size()) : 0;
 }
 

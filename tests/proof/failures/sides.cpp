@@ -12,7 +12,7 @@
 namespace Proof {
 
 using Gilvane::GVTestPeer;
-using Gilvane::rawBlockHeaderBytes;
+using Gilvane::detail::rawBlockHeaderBytes;
 
 namespace {
 

@@ -35,7 +35,7 @@ std::map<void*, std::string>& blockNames() {
 }
 
 void nameBlock(const void* userBytes, const std::string& name) {
-    blockNames()[reinterpret_cast<void*>(rawBlockStart(userBytes))] = name;
+    blockNames()[reinterpret_cast<void*>(detail::rawBlockStart(userBytes))] = name;
 }
 
 // A deallocation function that writes each release into the log of the locks.
@@ -120,7 +120,7 @@ TEST_F(SmartPointerLocking, makesTheCellsBeforeTheHandle) {
     ThreadsLog::observer() = [&](const std::string&) { allocationsBefore = theLedger.allocationCount(); };
     const Pointer pointer(&object, false, true);
     EXPECT_EQ(allocationsBefore, 3U); // both cells, and the handle just made
-    EXPECT_EQ(theLedger.requests().back(), rawBlockHeaderBytes + sizeof(RecordingMutexHandle));
+    EXPECT_EQ(theLedger.requests().back(), detail::rawBlockHeaderBytes + sizeof(RecordingMutexHandle));
     ThreadsLog::observer() = nullptr;
 }
 
@@ -134,8 +134,8 @@ TEST(SmartPointer, losesBothCellsWhenTheHandleCannotBeHad) {
                       "tests/support/recordingthreads", "No handle.");
     const std::vector<HookLedger::Block> lost = ledger.liveBlocks();
     ASSERT_EQ(lost.size(), 2U);
-    EXPECT_EQ(lost[0].bytes, rawBlockHeaderBytes + sizeof(unsigned int));
-    EXPECT_EQ(lost[1].bytes, rawBlockHeaderBytes + sizeof(bool));
+    EXPECT_EQ(lost[0].bytes, detail::rawBlockHeaderBytes + sizeof(unsigned int));
+    EXPECT_EQ(lost[1].bytes, detail::rawBlockHeaderBytes + sizeof(bool));
     EXPECT_EQ(deletions, 0);
     EXPECT_TRUE(ThreadsLog::entries().empty());
     ledger.reclaimLiveBlocks();

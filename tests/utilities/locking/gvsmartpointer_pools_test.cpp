@@ -67,7 +67,7 @@ TEST_F(SharedPoolLocking, factoriesReturnThePoolsMemoryWhenItsConstructorThrows)
         ThreadsLog::clear();
         ThreadsLog::refuseNextHandle() = true;
         expectGVException(factory, gvoutofmemory, "tests/support/recordingthreads", "No handle.");
-        EXPECT_EQ(ledger.requests().front(), rawBlockHeaderBytes + sizeof(GVMemoryPool));
+        EXPECT_EQ(ledger.requests().front(), detail::rawBlockHeaderBytes + sizeof(GVMemoryPool));
         EXPECT_TRUE(ledger.liveBlocks().empty());
         EXPECT_EQ(ThreadsLog::entries(), (Log{"factory made", "factory destroyed"}));
     }
@@ -85,8 +85,8 @@ TEST_F(SharedPoolLocking, factoriesDeleteThePoolAndItsHandleWhenThePointersHandl
     EXPECT_EQ(ThreadsLog::count("delete 1"), 1);
     const std::vector<HookLedger::Block> lost = ledger.liveBlocks();
     ASSERT_EQ(lost.size(), 2U);
-    EXPECT_EQ(lost[0].bytes, rawBlockHeaderBytes + sizeof(unsigned int));
-    EXPECT_EQ(lost[1].bytes, rawBlockHeaderBytes + sizeof(bool));
+    EXPECT_EQ(lost[0].bytes, detail::rawBlockHeaderBytes + sizeof(unsigned int));
+    EXPECT_EQ(lost[1].bytes, detail::rawBlockHeaderBytes + sizeof(bool));
     ledger.reclaimLiveBlocks();
 }
 
@@ -123,7 +123,7 @@ TEST_F(SharedPoolLocking, aFailingDeepCopyDeletesNoHandleAndPassesTheFailureOn) 
     }
     // Lost: the copied pool, its free list, and both cells.
     EXPECT_EQ(ledger.liveBlocks().size(), 4U);
-    EXPECT_EQ(ledger.liveBytes(), 4 * rawBlockHeaderBytes + sizeof(GVMemoryPool) + 2 * sizeof(unsigned int) +
+    EXPECT_EQ(ledger.liveBytes(), 4 * detail::rawBlockHeaderBytes + sizeof(GVMemoryPool) + 2 * sizeof(unsigned int) +
                                       sizeof(unsigned int) + sizeof(bool));
     ledger.reclaimLiveBlocks();
 }

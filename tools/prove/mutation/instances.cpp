@@ -38,10 +38,10 @@ template class GVStdAllocator<char>;
 void visitInspectedBlock(const GVInspectedBlock& block);
 
 void useFunctionTemplates(std::ostream& stream, GVStdAllocator<char>& characters, GVStdAllocator<std::string>& texts) {
-    writeDumpValue(stream, &useFunctionTemplates);
-    writeDumpValue(stream, &stream);
-    writeDumpValue(stream, 1U);
-    writeDumpValue(stream, 'a');
+    detail::writeDumpValue(stream, &useFunctionTemplates);
+    detail::writeDumpValue(stream, &stream);
+    detail::writeDumpValue(stream, 1U);
+    detail::writeDumpValue(stream, 'a');
     static_cast<void>(characters == texts || characters != texts);
     static_cast<void>(GVStdAllocator<short>(characters));
     char* const character = characters.allocate(1);
