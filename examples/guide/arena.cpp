@@ -1,4 +1,4 @@
-// A pool without a heap: all memory from one static array, and none asked for once the pool stands.
+// A pool without a heap: all memory comes from one static array, and none is asked for after the pool is built.
 #include <gilvane/base/gvobject.h>
 #include <gilvane/utilities/gvmemorypool.h>
 
@@ -17,8 +17,8 @@ constexpr std::size_t strictest = alignof(std::max_align_t);
 alignas(strictest) unsigned char arena[64 * 1024];
 std::size_t used = 0;
 
-// Deals the array out from front to back. The pointer-sized word that the library puts first is followed by the user's
-// bytes, so it is the address after that word which is made a multiple of the strictest alignment.
+// Gives the array out from front to back. The library puts a pointer-sized word first, and the user's bytes follow it. So
+// the address after that word is made a multiple of the strictest alignment.
 void* allocateFromArena(unsigned int numberOfBytes) {
     const std::size_t firstUserByte = (used + sizeof(void*) + strictest - 1) / strictest * strictest;
     const std::size_t start = firstUserByte - sizeof(void*);
@@ -29,7 +29,7 @@ void* allocateFromArena(unsigned int numberOfBytes) {
     return arena + start;
 }
 
-// Nothing goes back: what a growing table leaves behind is lost, which is why the pool is built at its full size.
+// Takes nothing back. What a growing table leaves behind is lost, so the pool is built at its full size.
 void keepInArena(void*) {}
 // [arena]
 

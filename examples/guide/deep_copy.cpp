@@ -1,4 +1,4 @@
-// A deep copy of a pool as a picture of an earlier state, and the one way to end both.
+// A deep copy of a pool as a record of an earlier state, and how to tear down one of the two.
 #include <gilvane/utilities/gvmemorypool.h>
 
 #include <iostream>
@@ -16,16 +16,16 @@ int main() {
     // [copy]
 
     // [apart]
-    // A loan from one is not known to the other.
+    // Neither pool knows of the other's loans.
     const unsigned int token = pool->getTokenForFreeMemoryObject();
     std::cout << "in use: " << pool->numberOfObjectsInPoolInUse() << " and " << (*earlier)->numberOfObjectsInPoolInUse()
               << "\n";
     std::cout << "same bytes: " << (pool->getMemoryForToken(token) == (*earlier)->getMemoryForToken(token)) << "\n";
 
-    // Blocks built later belong to one alone.
+    // Blocks built later belong to one of the two only.
     pool->resizePool(8);
     std::cout << "same blocks: " << (*pool == **earlier) << "\n";
     // [apart]
 
-    // `pool` goes here, with all blocks and the lock. From now on `*earlier` must not be touched.
+    // Here `pool` ends, with all blocks and the lock. From now on `*earlier` must not be touched.
 }

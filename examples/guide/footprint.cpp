@@ -1,4 +1,4 @@
-// What a pool of blocks of 64 bytes asks of its allocation hook, counted.
+// Counts what a pool of blocks of 64 bytes asks its allocation hook for.
 #include <gilvane/utilities/gvmemorypool.h>
 
 #include <cstddef>
@@ -12,7 +12,7 @@ using Gilvane::GVObject;
 namespace {
 
 // [counting hooks]
-// The size of each block stands in front of it, in as many bytes as the strictest alignment asks for.
+// Each block's size is stored in front of it, in as many bytes as the strictest alignment.
 constexpr std::size_t front = alignof(std::max_align_t);
 unsigned long calls, bytesEver, bytesNow;
 

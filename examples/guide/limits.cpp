@@ -1,4 +1,4 @@
-// The most that a pool can hold, found out from the library itself.
+// How much a pool can hold, found out from the library itself.
 #include <gilvane/base/gvexception.h>
 #include <gilvane/base/gvstdallocator.h>
 #include <gilvane/utilities/gvmemorypool.h>
@@ -36,7 +36,7 @@ unsigned int mostToGrant = everything;
 std::uint64_t heldBytes = 0;
 std::uint64_t mostHeldBytes = 0;
 
-// The size of each block stands in front of it, in as many bytes as the strictest alignment asks for.
+// Each block's size is stored in front of it, in as many bytes as the strictest alignment.
 constexpr std::size_t front = alignof(std::max_align_t);
 
 void* allocate(unsigned int numberOfBytes) {
@@ -61,7 +61,7 @@ void release(void* block) {
     std::free(memory);
 }
 
-// Bytes that the hook is asked for to make a block; 0 when it is not even asked.
+// Bytes that the hook is asked for when a block is made; 0 when it is not asked at all.
 unsigned int bytesAskedOfHookFor(std::size_t userBytes) {
     mostToGrant = 0;
     refusedRequest = 0;
@@ -74,7 +74,7 @@ unsigned int bytesAskedOfHookFor(std::size_t userBytes) {
     return refusedRequest;
 }
 
-// Bytes that a table asks the hook for to have so many slots; 0 when it does not even ask.
+// Bytes that a table asks the hook for when it makes this many slots; 0 when it does not ask at all.
 unsigned int bytesOfTable(unsigned int slots) {
     mostToGrant = 200; // enough for the texts of an exception, and not for 16 slots
     refusedRequest = 0;
@@ -89,10 +89,10 @@ unsigned int bytesOfTable(unsigned int slots) {
 }
 
 // [rule]
-// Keys that a table of so many slots holds before it grows: with the next, two thirds are reached.
+// Keys that a table of this many slots holds before it grows. The next key reaches two thirds.
 constexpr unsigned int mostKeys(unsigned int slots) { return (2 * slots - 1) / 3; }
 
-// Slots that it then has.
+// Slots that the table has after it has grown.
 unsigned int slotsAfterGrowth(unsigned int keys) {
     const unsigned int wanted = keys < 30000 ? 4 * keys : 2 * keys;
     unsigned int slots = theFirstSlots;
@@ -103,7 +103,7 @@ unsigned int slotsAfterGrowth(unsigned int keys) {
 }
 // [rule]
 
-// Whether a real table grows just there and just so.
+// Whether a real table grows at that number of keys, to that number of slots.
 bool tablesFollowTheRule() {
     Table table;
     unsigned int slots = theFirstSlots;
@@ -125,7 +125,7 @@ bool tablesFollowTheRule() {
     return true;
 }
 
-// Bytes that a pool has asked the hook for, and not given back, at the worst moment until it has so many blocks.
+// The most bytes that a pool holds at any moment until it has this many blocks.
 std::uint64_t mostBytesHeld(unsigned int blocks, unsigned int bytesPerBlock) {
     const std::uint64_t eachBlock =
         sizeof(GVMemoryPoolObject) + headerWordBytes + (bytesPerBlock != 0 ? bytesPerBlock + headerWordBytes : 0);
@@ -152,7 +152,7 @@ std::uint64_t mostBytesHeld(unsigned int blocks, unsigned int bytesPerBlock) {
     return std::max(most, blocks * eachBlock + tableBytes + listBytes);
 }
 
-// Whether a real pool holds just that.
+// Whether a real pool holds exactly these bytes.
 bool poolsHoldAsComputed() {
     for (const unsigned int blocks : {1U, 5U, 6U, 86U, 1000U, 30000U, 100000U}) {
         for (const unsigned int bytesPerBlock : {0U, 64U}) {

@@ -1,4 +1,4 @@
-// All memory of the library from mimalloc, with blocks that start on cache lines.
+// The library takes all memory from mimalloc, and blocks start on cache lines.
 #include <gilvane/base/gvobject.h>
 #include <gilvane/utilities/gvmemorypool.h>
 
@@ -14,8 +14,8 @@ using Gilvane::GVObject;
 namespace {
 
 // [hooks]
-// What the hook returns starts with a pointer-sized word; the user's bytes begin after it. So it is that address which
-// must be aligned, not the block's start: mimalloc is asked to align at that offset.
+// What the hook returns starts with a pointer-sized word, and the user's bytes follow it. So the address after that word
+// must be aligned, not the block's start. mimalloc can align at this offset.
 constexpr std::size_t cacheLine = 64;
 
 void* allocateWithMimalloc(unsigned int numberOfBytes) {
@@ -29,7 +29,7 @@ void releaseWithMimalloc(void* block) { mi_free(block); }
 
 int main() {
     // [use]
-    // Before the first pool, and while no other thread allocates.
+    // Call it before the first pool is made, and while no other thread allocates.
     GVObject::SetAllocationHooks(&allocateWithMimalloc, &releaseWithMimalloc);
     auto pool = GVMemoryPool::initWithNumberOfObjectsAndSize(1000, 64, true);
     // [use]

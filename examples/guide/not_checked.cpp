@@ -1,4 +1,4 @@
-// What a pool makes of tokens that it should not have been given.
+// What a pool does with tokens that it should not have been given.
 #include <gilvane/base/gvexception.h>
 #include <gilvane/utilities/gvmemorypool.h>
 
@@ -18,7 +18,7 @@ int main() {
     const unsigned int yours = pool.getTokenForFreeMemoryObject(); // the same block
     // [returned twice]
     std::cout << "mine: " << mine << ", yours: " << yours << "\n";
-    // Two loans, and the count sees one block fewer than it has.
+    // Two loans of one block; the number in use says 1.
     std::cout << "in use: " << pool.numberOfObjectsInPoolInUse() << "\n";
 
     // [rebuilt]

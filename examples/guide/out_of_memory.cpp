@@ -1,4 +1,4 @@
-// A pool whose memory runs out, and what is left of it.
+// A pool whose memory runs out, and what it holds then.
 #include <gilvane/base/gvexception.h>
 #include <gilvane/base/gvobject.h>
 #include <gilvane/utilities/gvmemorypool.h>
@@ -14,7 +14,7 @@ using Gilvane::GVObject;
 namespace {
 
 // [budget]
-// Gives out so many blocks and then no more, as an arena does; and none above a size, as a fragmented heap does.
+// Gives out a limited number of blocks, as an arena does, and none above a size, as a fragmented heap does.
 unsigned int allocationsLeft = 0;
 unsigned int largestAllocation = 0;
 
@@ -30,8 +30,8 @@ void release(void* block) { std::free(block); }
 // [budget]
 
 // [borrow]
-// Both exceptions mean the same. The exception's own texts come from the hooks too, so an allocation function that has
-// nothing at all left to give turns the first into the second.
+// Both exceptions mean the same. A GVException takes the memory for its texts from the hooks. If they have none left,
+// std::bad_alloc comes in its place.
 bool borrow(GVMemoryPool& pool, unsigned int& token) {
     try {
         token = pool.getTokenForFreeMemoryObject();
@@ -60,14 +60,14 @@ int main() {
 
         // [refused]
         // A block is an object and its bytes. With three allocations left, a growth from two blocks to four builds one
-        // block, and of the next one the object alone.
+        // block, and then the next block's object but not its bytes.
         allocationsLeft = 3;
         bool lent = borrow(pool, token);
         std::cout << (lent ? "lent" : "nothing lent") << ", in use: " << pool.numberOfObjectsInPoolInUse() << "\n";
-        // The block that was built is there, and is lent without any allocation.
+        // The block that was built is in the pool. Lending it needs no allocation.
         lent = borrow(pool, token);
         std::cout << (lent ? "lent" : "nothing lent") << ", in use: " << pool.numberOfObjectsInPoolInUse() << "\n";
-        // So is one that is returned.
+        // Lending a returned block needs none, either.
         pool.releaseObject(first);
         lent = borrow(pool, token);
         std::cout << (lent ? "lent" : "nothing lent") << ", in use: " << pool.numberOfObjectsInPoolInUse() << "\n";
@@ -75,8 +75,8 @@ int main() {
     }
     {
         // [table]
-        // With its 86th block a pool's table outgrows 128 slots. Where that cannot be had, the block is in the pool and
-        // counts as in use, but is never lent.
+        // With its 86th block a pool's table outgrows 128 slots. If there is no memory for more slots, the block is in
+        // the pool and counts as in use, but is never lent.
         allocationsLeft = 10000;
         GVMemoryPool pool(85, 64, false);
         try {

@@ -1,4 +1,4 @@
-// A pool shared by threads that never runs dry: filled before they start, with a limit in front of it.
+// A pool that threads share and that never runs dry: it is built before they start, and a limit is in front of it.
 #include <gilvane/utilities/gvmemorypool.h>
 
 #include <algorithm>
@@ -17,7 +17,7 @@ constexpr unsigned int numberOfBlocks = 4;
 constexpr unsigned int numberOfThreads = 8;
 
 // [limit]
-// Lets as many borrowers in as there are blocks; the others wait. The pool itself never waits: it grows.
+// Lets as many borrowers in as there are blocks. The others wait. The pool itself never waits: it grows.
 class LoanLimit {
   public:
     explicit LoanLimit(unsigned int blocks) : freeBlocks(blocks) {}
@@ -45,7 +45,7 @@ class LoanLimit {
 int main() {
     std::atomic<bool> overlapped = false;
     // [sharing]
-    // Every block is there before the first thread is.
+    // All blocks are built before the first thread starts.
     auto pool = GVMemoryPool::initWithNumberOfObjectsAndSize(numberOfBlocks, sizeof(unsigned int), true);
     LoanLimit limit(numberOfBlocks);
 
@@ -74,7 +74,7 @@ int main() {
     }
     std::cout << "in use: " << pool->numberOfObjectsInPoolInUse() << "\n";
 
-    // As many as there were at the start are there still, and no more: the pool never grew.
+    // There are as many blocks as at the start: the pool never grew.
     unsigned int highest = 0;
     for (unsigned int block = 0; block < numberOfBlocks; ++block) {
         highest = std::max(highest, pool->getTokenForFreeMemoryObject());

@@ -1,4 +1,4 @@
-// What a shrink removes, whom it leaves with a dead token, and how a token that is alive can be lost behind it.
+// What a shrink removes, who then holds a dead token, and how a shrink can hide a token that stays.
 #include <gilvane/datastructures/gvhashtable.h>
 #include <gilvane/utilities/gvmemorypool.h>
 
@@ -28,7 +28,7 @@ int main() {
     std::cout << "lent " << token << ", in use after the shrink: " << pool.numberOfObjectsInPoolInUse() << "\n";
 
     // [returned]
-    // What the borrower returns now is dead, and will be lent again.
+    // The borrower returns a dead token, and the pool lends it again.
     pool.releaseObject(token);
     std::cout << "the pool lends " << pool.getTokenForFreeMemoryObject() << ", which has no block\n";
     // [returned]
@@ -42,13 +42,13 @@ int main() {
     for (unsigned int key = 35; key > 32; --key) {
         table.remove(key);
     }
-    // Key 32 was not removed. It stands behind the slot of one that was, and is not found there.
+    // Key 32 was not removed. It is behind the slot of a removed key, and the table does not find it there.
     std::cout << "key 32 is " << (table.get(32) == nullptr ? "lost" : "found") << "\n";
     // [hidden]
 
     // [safe]
-    // Tokens in one run, no further apart than the table has slots, are each found at the first look, where no removed
-    // neighbour stands before them: the pool is built in one go, and no other pool builds blocks meanwhile.
+    // The pool is built in one go, and no other pool builds blocks meanwhile. So its tokens are consecutive, each is in
+    // its first slot, and no deleted slot can hide it.
     GVMemoryPool inOneGo(100, 64, false);
     unsigned int lent[100];
     for (unsigned int& each : lent) {

@@ -11,7 +11,8 @@
 /// Marks the rare half of an operation whose other half is compiled into programs: callers stay small.
 #define GILVANE_OUT_OF_LINE __attribute__((noinline))
 
-/// Marks a function that does nothing but one access to shared memory that deliberately takes no lock.
+/// Marks a function that does nothing but one access to shared memory that takes no lock on purpose
+/// (docs/deliberate.md, Locking).
 ///
 /// ThreadSanitizer ignores what this function does, and what a getter does that it calls. It is not inlined there, so
 /// that the code around its calls is still watched. In other builds the mark does nothing. GCC does not inline the

@@ -78,7 +78,7 @@ class GILVANE_EXPORT GVStdAllocator : public GVObject {
 
     /// Gives storage back through the deallocation function in its header word; null is allowed. The count is ignored.
     void deallocate(T* p, size_type) noexcept {
-        // Deliberate: a block with a null header word is left alone, here only (docs/deliberate.md, Allocation).
+        // Deliberate: a null header word is left alone here, and here only (docs/deliberate.md, Allocation).
         // Watched by StdAllocator.leavesABlockWithANullHeaderWordAlone.
         if (p != nullptr && detail::rawBlockDeallocator(p) != nullptr) {
             detail::releaseRawBlock(p);

@@ -241,10 +241,8 @@ const K& GVHashTableEntry_Iterator<K, V>::GetKey() const {
     return entry->theKey;
 }
 
-// A reader would expect GetValue and operator* to refuse the same positions. GetValue looks at the slot's state and not
-// for the end, whose slot is empty; operator* looks for the end and not at the state, so that it yields the stale value
-// of a slot deleted under it. This is required. Watched by
-// HashTableIterator.dereferencesADeletedSlotThatGetValueRefuses.
+// Deliberate: GetValue and operator* refuse different positions (docs/deliberate.md, Iterator).
+// Watched by HashTableIterator.dereferencesADeletedSlotThatGetValueRefuses.
 template <typename K, typename V>
 V& GVHashTableEntry_Iterator<K, V>::GetValue() const {
     if (theTable == nullptr) {
@@ -478,9 +476,9 @@ template <typename K, typename V, typename H>
 GVHashTable<K, V, H>::GVHashTable()
     : theUsedCount(0), theFillCount(0), theMask(theSmallSize - 1), theTable(theSmallTable), theHashFunction() {}
 
-// A reader would expect a failing copy to release its slot array. A constructor that throws runs no destructor of its
-// own, and this one must not hand its work to another constructor, after which one would run: the loss of the array is
-// required. Watched by HashTableCopy.losesItsGrownArrayWhenAnInsertionThrows.
+// Deliberate: a failing copy loses its grown array (docs/deliberate.md, Failures). So this constructor must not delegate
+// to another one, after which the destructor would run.
+// Watched by HashTableCopy.losesItsGrownArrayWhenAnInsertionThrows.
 template <typename K, typename V, typename H>
 GVHashTable<K, V, H>::GVHashTable(const GVHashTable& other)
     : GVObject(other), theUsedCount(0), theFillCount(0), theMask(theSmallSize - 1), theTable(theSmallTable),
@@ -502,7 +500,7 @@ GVHashTableEntry<K, V>* GVHashTable<K, V, H>::lookup(const K& key, unsigned int 
     if (theTable == nullptr) {
         return nullptr;
     }
-    // Nearly every search ends at the home slot; this much is meant to be compiled into every caller.
+    // Nearly every search ends at the home slot: this much is compiled into every caller.
     Entry* const home = &theTable[hash & theMask];
     if (holds(*home, key, hash)) {
         return home;
@@ -520,8 +518,7 @@ GILVANE_OUT_OF_LINE GVHashTableEntry<K, V>* GVHashTable<K, V, H>::lookupPastHome
     for (;;) {
         probe.step();
         Entry* const entry = &theTable[probe.slot()];
-        // A reader would expect the search to go on past a deleted slot. Past the home slot it ends there as at an
-        // empty one, so a key beyond is missed and may be stored a second time. This is required.
+        // Deliberate: a deleted slot past the home slot ends the search (docs/deliberate.md, Hash table).
         // Watched by HashTable.aDeletedSlotPastTheHomeSlotEndsTheSearch.
         if (entry->theState != gvoccupiedentry) {
             return reusable != nullptr ? reusable : entry;
@@ -556,8 +553,9 @@ int GVHashTable<K, V, H>::insert_helper(const K& key, const V& value) {
     return 2;
 }
 
-// The three failures that carry kind gvhashtablefailure are not reached while the invariants hold; they are required
-// all the same, and so are their three spellings, which callers and logs may match on.
+// Not reached while the invariants hold: the three failures of kind gvhashtablefailure.
+// Deliberate: their three spellings (docs/deliberate.md, Exceptions).
+// Watched by HashTableInsertion.spellsItsThreeFailuresInThreeWays.
 template <typename K, typename V, typename H>
 int GVHashTable<K, V, H>::insert(const K& key, const V& value) {
     int stored = insert_helper(key, value);
@@ -571,7 +569,8 @@ int GVHashTable<K, V, H>::insert(const K& key, const V& value) {
     if (stored == 0) {
         throw GVException("Error occurred while inserting.", detail::hashTableFile, __LINE__, gvhashtablefailure, 0);
     }
-    // Checked after a replacement too.
+    // Deliberate: checked after a replacement, too (docs/deliberate.md, Hash table).
+    // Watched by HashTableGrowth.isCheckedAfterAMereReplacement.
     if (theFillCount * 3 < (theMask + 1) * 2) {
         return 2;
     }
@@ -583,7 +582,9 @@ int GVHashTable<K, V, H>::insert(const K& key, const V& value) {
     return resized;
 }
 
-// The size to grow to follows from the live keys, not from the fill count: a table full of deleted slots gets smaller.
+// The size to grow to follows from the live keys, not from the fill count.
+// Deliberate: growth may make a table smaller (docs/deliberate.md, Hash table).
+// Watched by HashTableGrowth.shrinksATableFullOfDeletedSlots.
 template <typename K, typename V, typename H>
 unsigned int GVHashTable<K, V, H>::grownMinimum() const {
     return theUsedCount < theSlowGrowthCount ? theUsedCount * 4 : theUsedCount * 2;
@@ -607,8 +608,8 @@ int GVHashTable<K, V, H>::resize(unsigned int minUsed) {
         if (theTable == theSmallTable && theFillCount == theUsedCount) {
             return 0;
         }
-        // A reader would expect a heap array to be read where it is. It is copied like the embedded one, which must be
-        // copied before it is filled anew; the copy is required. Watched by HashTableResize.copiesEvenAHeapArrayFirst.
+        // Deliberate: a small resize copies a heap array first (docs/deliberate.md, Hash table).
+        // Watched by HashTableResize.copiesEvenAHeapArrayFirst.
         oldArray = copyOfArray();
         if (theTable != theSmallTable) {
             delete[] theTable;
@@ -636,8 +637,8 @@ int GVHashTable<K, V, H>::resize(unsigned int minUsed) {
         if (entry.theState == gvemptyentry) {
             continue;
         }
-        // A reader would expect the old array to be released on this way out. It is not, by requirement: the table
-        // keeps what was stored so far. Watched by HashTableResize.returnsOneAndKeepsTheOldArrayWhenAKeyFindsNoSlot.
+        // Deliberate: the old array is kept when a key finds no slot (docs/deliberate.md, Failures).
+        // Watched by HashTableResize.returnsOneAndKeepsTheOldArrayWhenAKeyFindsNoSlot.
         if (entry.theState == gvoccupiedentry && insert_helper(entry.theKey, entry.theValue) <= 1) {
             return 1;
         }
@@ -649,9 +650,9 @@ int GVHashTable<K, V, H>::resize(unsigned int minUsed) {
     return 2;
 }
 
-// Asks the memory for the slot where an entry of the old array will most likely be stored again. Scattered keys come to
-// the new array in no order, and which way the search for a slot goes depends on what is found there; so without this
-// each key waits for its slot alone.
+// Prefetches the slot of the new array where an entry of the old one will most likely be stored. Scattered keys reach
+// the new array in no order, and each search depends on what it finds there: without this each key waits for its slot
+// alone.
 template <typename K, typename V, typename H>
 void GVHashTable<K, V, H>::prefetchHomeOf(const Entry& entry) const {
     if (entry.theState == gvoccupiedentry) {

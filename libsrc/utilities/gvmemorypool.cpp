@@ -12,8 +12,8 @@
 
 namespace Gilvane {
 
-// The token table and the pool's smart pointer stand in the library whole, so that what it offers to programs does not
-// depend on what the optimiser happened to inline.
+// The library holds every operation of the token table and of the pool's smart pointer, whatever the optimiser inlines:
+// programs may call each.
 template class GVHashTableEntry<unsigned int, GVMemoryPoolObject*>;
 template class GVHashTableEntry_Iterator<unsigned int, GVMemoryPoolObject*>;
 template class GVGenericHashFunction<unsigned int>;
@@ -36,16 +36,15 @@ GVSmartPointer<GVMemoryPool> share(std::unique_ptr<GVMemoryPool> pool) {
     return pointer;
 }
 
-// A reader would expect this read to need the pool's lock. Both callers make it without, by requirement: the number may
-// be out of date when they act on it. Watched by TokenLending.readsTheNumberOfBlocksOutsideTheLock and
+// Deliberate: the number of blocks is read without the lock (docs/deliberate.md, Growth).
+// Watched by TokenLending.readsTheNumberOfBlocksOutsideTheLock and
 // PoolBlockSize.rebuildsAsManyBlocksAsThereAreAfterTheCheck.
 template <typename Table>
 GILVANE_UNGUARDED unsigned int countWithoutLock(const Table& table) {
     return table.getUsedCount();
 }
 
-// A reader would expect this write to need the pool's lock. It is made without, by requirement: a thread that builds
-// blocks meanwhile may build some of the old size and some of the new.
+// Deliberate: the block size is written without the lock (docs/deliberate.md, Rebuilding).
 // Watched by PoolBlockSize.isWrittenBetweenTheLockedSteps.
 GILVANE_UNGUARDED void setWithoutLock(unsigned int& bytesInEachObject, unsigned int bytes) {
     bytesInEachObject = bytes;
@@ -120,8 +119,7 @@ GVMemoryPoolObject::GVMemoryPoolObject() : theBytes(nullptr), theLength(0), theT
 
 // The token is taken last, so that a block that could not be built uses none up.
 GVMemoryPoolObject::GVMemoryPoolObject(unsigned int length) {
-    // A reader would expect a check that the header word can be added. There is none, by requirement: a length within a
-    // word of 2^32 wraps and gets a block too small even for the header word.
+    // Deliberate: length and header word may wrap (docs/deliberate.md, Allocation).
     // Watched by PoolObject.asksForItsLengthAndAHeaderWordModulo32Bits.
     detail::requireOrReport(detail::fitsInRawBlock(length),
                             "GVMemoryPoolObject: a length that wraps with the header word");
@@ -135,6 +133,8 @@ GVMemoryPoolObject::GVMemoryPoolObject(unsigned int length) {
 }
 
 GVMemoryPoolObject::~GVMemoryPoolObject() {
+    // Deliberate: a block that starts at address 0 is not released (docs/deliberate.md, Allocation).
+    // Watched by PoolObject.withBytesRightAfterAHeaderAtAddressZeroReleasesNothing.
     if (theBytes != nullptr && detail::rawBlockStart(theBytes) != 0) {
         if constexpr (detail::isHardened) {
             detail::markBytesUsable(theBytes, theLength);
@@ -162,8 +162,7 @@ std::ostream& GVMemoryPoolObject::print(std::ostream& stream) const {
     return stream;
 }
 
-// A reader would expect an atomic counter or a lock: pools of different locks, or of none, share it. There is neither,
-// and neither is to be added; it wraps without a check for tokens still in use. This is required.
+// Deliberate: no lock, no atomic counter, no check for a wrap (docs/deliberate.md, Tokens).
 // Watched by PoolObject.tokensGoOnFromZeroAfterTheLastOne.
 GILVANE_UNGUARDED unsigned int GVMemoryPoolObject::takeNextToken() { return theNextToken++; }
 
@@ -190,22 +189,24 @@ GVMemoryPool::GVMemoryPool(unsigned int numberOfObjects, bool useMutex)
     : initialNumberOfObjects(numberOfObjects), bytesInEachObject(0), theMutexHandle(createHandleIf(useMutex)),
       useMutexHandle(useMutex) {}
 
-// A reader would expect a failing makePool to give back the handle and the blocks built so far. The members' own
-// storage goes and nothing else, by requirement; so this constructor must not hand its work to another one, after which
-// the destructor would run. Watched by PoolConstruction.losesHandleAndBlocksWhenABlockCannotBeBuilt.
+// Deliberate: a failing makePool loses the handle and the blocks built so far (docs/deliberate.md, Failures). So this
+// constructor must not delegate to another one, after which the destructor would run.
+// Watched by PoolConstruction.losesHandleAndBlocksWhenABlockCannotBeBuilt.
 GVMemoryPool::GVMemoryPool(unsigned int numberOfObjects, unsigned int bytesPerObject, bool useMutex)
     : initialNumberOfObjects(numberOfObjects), bytesInEachObject(bytesPerObject),
       theMutexHandle(createHandleIf(useMutex)), useMutexHandle(useMutex) {
     makePool(numberOfObjects);
 }
 
+// Deliberate: takes no lock, and the handle goes first (docs/deliberate.md, Locking).
+// Watched by PoolLocking.destructionDeletesTheHandleBeforeAnyBlock.
 GVMemoryPool::~GVMemoryPool() {
     delete theMutexHandle;
     deleteObjects();
 }
 
-// A reader would expect the free list to be emptied along with the table. It is not, by requirement: the tokens of the
-// destroyed blocks stay below the new ones, which are lent first. Watched by PoolRebuilding.keepsTheStaleTokensInFront.
+// Deliberate: stale tokens stay in the free list (docs/deliberate.md, Rebuilding).
+// Watched by PoolRebuilding.keepsTheStaleTokensInFront.
 void GVMemoryPool::makePool(unsigned int numberOfObjects) {
     withLock([this, numberOfObjects] {
         deleteObjects();
@@ -225,9 +226,7 @@ void GVMemoryPool::resizePool(unsigned int numberOfObjects) {
     });
 }
 
-// A reader would expect one lock around the whole. The check and the rebuilding lock each by itself, and what stands
-// between them, a race with other threads, does not, by requirement: another thread may also borrow a block in the gap
-// and lose it to the rebuilding.
+// Deliberate: check and rebuild lock separately, with a gap between them (docs/deliberate.md, Rebuilding).
 // Watched by PoolBlockSize.locksTheCheckAndTheRebuildingSeparately.
 void GVMemoryPool::setNumberOfBytesInPoolObject(unsigned int bytes) {
     if (numberOfObjectsInPoolInUse() != 0) {
@@ -241,12 +240,14 @@ void GVMemoryPool::setNumberOfBytesInPoolObject(unsigned int bytes) {
 unsigned int GVMemoryPool::numberOfObjectsInPoolInUse() {
     return withLock([this] {
         const unsigned int count = memoryPool.getUsedCount();
-        // Wraps when the list holds more tokens than there are blocks; this is required.
+        // Deliberate: wraps when there are more tokens than blocks (docs/deliberate.md, Tokens).
         // Watched by PoolRebuilding.countsStaleTokensAsFree.
         return count == 0 ? 0 : count - static_cast<unsigned int>(availableTokens.size());
     });
 }
 
+// Deliberate: takes no lock (docs/deliberate.md, Locking).
+// Watched by PoolLocking.removeTokenFromAvailableListDoesNotLock.
 void GVMemoryPool::removeTokenFromAvailableList(unsigned int token) {
     const auto position = std::find(availableTokens.begin(), availableTokens.end(), token);
     if (position != availableTokens.end()) {
@@ -257,13 +258,12 @@ void GVMemoryPool::removeTokenFromAvailableList(unsigned int token) {
     }
 }
 
-// For a loan that finds nothing to lend. Called, and left, with the lock taken if the pool locks; left by a throw,
-// without it.
+// For a loan that finds no free token. The caller holds the lock, if the pool has one, and holds it again afterwards;
+// after a throw it does not.
 void GVMemoryPool::growToLend() {
-    // Growing takes the lock itself. A reader would expect the number of blocks to be read before the lock is
-    // released: it is read after, a race with other threads, by requirement. Two threads that find the list empty
-    // both act on the number they read: the later may do nothing, double the pool once more, shrink it or rebuild
-    // it. Watched by TokenLending.readsTheNumberOfBlocksOutsideTheLock.
+    // Growing takes the lock itself.
+    // Deliberate: the number of blocks is read after the lock is released (docs/deliberate.md, Growth).
+    // Watched by TokenLending.readsTheNumberOfBlocksOutsideTheLock.
     if (useMutexHandle) {
         theMutexHandle->unlock();
     }
@@ -300,7 +300,8 @@ std::ostream& GVMemoryPool::print(std::ostream& stream) const {
     return stream;
 }
 
-// The factory is made even where no handle is wanted: programs that link one of their own see every pool.
+// Deliberate: a factory is made even where no handle is wanted (docs/deliberate.md, Locking).
+// Watched by PoolLocking.everyConstructorMakesAFactoryEvenWithoutLocking.
 GVMutexHandle* GVMemoryPool::createHandleIf(bool useMutex) {
     GVThreadsFactory factory;
     return useMutex ? factory.CreateUnnamedHandle(gvexclusivemutex, false) : nullptr;
@@ -312,9 +313,8 @@ void GVMemoryPool::buildObjects(unsigned int numberOfObjects) {
     }
 }
 
-// A reader would expect a block to be deleted when it cannot be entered in the table or the free list. It is not, by
-// requirement: one that the table did not store is lost, and one that it stored before it failed to grow stays there,
-// never lent, until the pool goes. Watched by PoolGrowth.losesTheBlockWhoseInsertionFails.
+// Deliberate: a block that cannot be entered is not deleted (docs/deliberate.md, Failures).
+// Watched by PoolGrowth.losesTheBlockWhoseInsertionFails.
 void GVMemoryPool::buildObject() {
     if constexpr (detail::isHardened) {
         checkBlockSize();
@@ -341,10 +341,9 @@ void GVMemoryPool::deleteObjects() {
 void GVMemoryPool::removeObjects(unsigned int numberOfObjects) {
     // The lists, which need memory, come first: a failure there leaves the pool unchanged.
     TokenRemoval removal(memoryPool, availableTokens, numberOfObjects);
-    // A reader would expect lent blocks to be spared, or their holders to be told. Neither happens, by requirement.
-    // Watched by PoolShrinking.removesTheHighestTokensEvenIfLent. Nor is a token that the table misses behind a deleted
-    // slot passed over: operator[] stores it again, with a null block, and the block it named stays until the pool
-    // goes, unless the table grows over it, which leaves one of the two entries.
+    // Deliberate: lent blocks are removed, and a hidden token is stored again (docs/deliberate.md, Shrinking).
+    // Watched by PoolShrinking.removesTheHighestTokensEvenIfLent and
+    // PoolShrinking.keepsABlockWhoseTokenIsMissedPastADeletedSlot.
     for (; !removal.isComplete(); removal.highestTokenIsGone()) {
         const unsigned int token = removal.highestToken();
         delete memoryPool[token];

@@ -323,12 +323,12 @@ inline void* GVMemoryPool::addressOf(unsigned int token) {
     if constexpr (detail::isHardened) {
         checkBeforeAddress(token);
     }
-    // Deliberate: an unknown token gains an entry without a block (docs/deliberate.md, Tokens).
+    // Deliberate: an unknown token adds an entry (docs/deliberate.md, Tokens).
     // Watched by MisuseOfTokens.addsAnEntryForAnUnknownToken.
     return memoryPool[token]->getBytes();
 }
 
-// Deliberate: the token is not checked (docs/deliberate.md, Tokens).
+// Deliberate: any token is taken back (docs/deliberate.md, Tokens).
 // Watched by TokenReturn.takesATokenTwiceAndLendsItTwice.
 inline void GVMemoryPool::releaseObject(unsigned int token) {
     withLock([this, token] {

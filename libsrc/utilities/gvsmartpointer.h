@@ -156,7 +156,7 @@ GVSmartPointer<T>::GVSmartPointer(T* sharedObject, bool ownsObject, bool withLoc
     if (object == nullptr) {
         return;
     }
-    // A reader would expect a failure below to release the cells made before it. They are lost, and this is required.
+    // Deliberate: cells made before a failure are lost (docs/deliberate.md, Failures).
     // Watched by SmartPointer.losesTheCountCellWhenTheFlagCellCannotBeHad and
     // SmartPointer.losesBothCellsWhenTheHandleCannotBeHad.
     refCount = makeCell(1U);
@@ -202,7 +202,7 @@ GVSmartPointer<T> GVSmartPointer<T>::deepCopy() {
     if constexpr (GVIsDeepCopyable<T>::value) {
         T* const copy = new T(*object);
         if constexpr (GVCopySharesWithSource<T>::value) {
-            // Deliberate: a copy that shares is not deleted when the pointer fails (docs/deliberate.md, Smart pointer).
+            // Deliberate: a copied pool is not deleted when its pointer fails (docs/deliberate.md, Smart pointer).
             // Watched by SmartPointerDeepCopy.leavesThePoolUnreleasedWhenThePointerCannotBeMade.
             return GVSmartPointer(copy, true, true);
         } else {
@@ -264,6 +264,8 @@ void GVSmartPointer<T>::decrementRefCount() {
     if (lock != nullptr) {
         lock->lock();
     }
+    // Deliberate: the fields stay while others share (docs/deliberate.md, Smart pointer).
+    // Watched by SmartPointerDecrement.keepsAllFieldsWhileOthersShare.
     if (refCount == nullptr || --*refCount != 0) {
         if (lock != nullptr) {
             lock->unlock();

@@ -1,12 +1,14 @@
 // Runs listed programs under every order of their threads' steps, or under many, and compares the library with the
 // reference at each step.
 //
-//   interleavings [--short] [FIGURES]     FIGURES: a file for "key: value" lines
+//   interleavings [--short] [FIGURES SIGHTS]
+//
+// FIGURES is a file for "key: value" lines, SIGHTS one for "sight|schedules|where it is described" lines.
 //
 // A thread is two coroutines: one calls the library, the other the reference, and both stop where a thread may lose its
 // turn (switchpoints.h). Under one schedule the two must come to the same steps, results and states; whatever the
 // reference's algorithms allow is so allowed to the library, and nothing else. A step that is not defined is the end of
-// a schedule. Exit status 1: they differ; 3: something that must be seen was not.
+// a schedule. Exit status 1: they differ; 2: wrong arguments; 3: something that must be seen was not.
 #include "library.h"
 #include "programs.h"
 #include "reference.h"
@@ -396,7 +398,7 @@ void requireShuffles(std::size_t threads, std::size_t stops, unsigned int bound,
     }
 }
 
-int run(bool brief, const char* figuresFile) {
+int run(bool brief, const char* figuresFile, const char* sightsFile) {
     makeThreads();
     // 12! / 6!^2 and 9! / 3!^3; and with two threads: no preemption; one, after any but the last of a thread's steps.
     requireShuffles(2, 6, DepthFirst::unbounded, 924);
@@ -442,13 +444,13 @@ int run(bool brief, const char* figuresFile) {
     std::puts("== what was seen, in how many schedules");
     std::size_t seen = 0;
     for (std::size_t sight = 0; sight < numberOfSights; ++sight) {
-        std::printf("   %9lu  %s\n", totals.seen[sight], textOf(static_cast<Sight>(sight)));
+        std::printf("   %9lu  %s\n", totals.seen[sight], describe(static_cast<Sight>(sight)).text);
         seen += totals.seen[sight] != 0 ? 1 : 0;
     }
     for (const Sight sight :
          {secondGrowthDidNothing, secondGrowthDoubledAgain, staleNumberShrank, secondRebuildingDestroyedALentBlock}) {
         if (!brief && totals.seen[sight] != 0) {
-            std::printf("== for example, in '%s': %s\n", totals.examples[sight].program.c_str(), textOf(sight));
+            std::printf("== for example, in '%s': %s\n", totals.examples[sight].program.c_str(), describe(sight).text);
             printTrace(totals.examples[sight].trace);
             std::printf("      %s\n", totals.examples[sight].ending.c_str());
         }
@@ -466,11 +468,13 @@ int run(bool brief, const char* figuresFile) {
                 << "\n"
                 << "schedules of random priorities: " << random << "\n"
                 << "schedules: " << totals.schedules << "\n"
-                << "schedules cut at an undefined step: " << totals.cut << "\n"
+                << "schedules that end at an undefined step: " << totals.cut << "\n"
                 << "outcomes: " << totals.outcomes << "\n"
-                << "kinds of sights seen: " << seen << " of " << std::size_t{numberOfSights} << "\n";
+                << "kinds of described behaviour seen: " << seen << " of " << std::size_t{numberOfSights} << "\n";
+        std::ofstream sights(sightsFile);
         for (std::size_t sight = 0; sight < numberOfSights; ++sight) {
-            figures << textOf(static_cast<Sight>(sight)) << ": " << totals.seen[sight] << " schedules\n";
+            const Description description = describe(static_cast<Sight>(sight));
+            sights << description.text << "|" << totals.seen[sight] << "|" << description.describedIn << "\n";
         }
     }
     return 0;
@@ -484,5 +488,11 @@ int run(bool brief, const char* figuresFile) {
 int main(int argumentCount, char** arguments) {
     const bool brief = argumentCount > 1 && std::strcmp(arguments[1], "--short") == 0;
     const int rest = brief ? 2 : 1;
-    return Gilvane::Interleavings::run(brief, argumentCount > rest ? arguments[rest] : nullptr);
+    const bool writes = argumentCount == rest + 2;
+    if (!writes && argumentCount != rest) {
+        std::fputs("usage: interleavings [--short] [FIGURES SIGHTS]\n", stderr);
+        return 2;
+    }
+    return Gilvane::Interleavings::run(brief, writes ? arguments[rest] : nullptr,
+                                       writes ? arguments[rest + 1] : nullptr);
 }

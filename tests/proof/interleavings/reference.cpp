@@ -20,60 +20,71 @@ ReferencePool::Entry* find(ReferencePool& pool, unsigned int token) {
 
 } // namespace
 
-const char* textOf(Sight sight) {
+Description describe(Sight sight) {
     switch (sight) {
     case secondGrowthDidNothing:
-        return "two find the list empty, and the later, having read the number before the growth, does nothing";
+        return {"two loans find the pool dry; the later read the number of blocks before the growth, and does nothing",
+                "docs/deliberate.md, Growth"};
     case secondGrowthDoubledAgain:
-        return "two find the list empty, and the later, having read the number after the growth, doubles once more";
+        return {
+            "two loans find the pool dry; the later read the number of blocks after the growth, and doubles it again",
+            "docs/deliberate.md, Growth"};
     case grewByAPartialNumber:
-        return "a number read in the middle of another's building is doubled";
+        return {"a loan reads the number while another thread builds blocks, and doubles that number",
+                "docs/deliberate.md, Growth"};
     case rebuiltByAPartialNumber:
-        return "a number read as 0 in the middle of another's building makes one rebuild once more";
+        return {"a loan reads 0 while another thread builds the first blocks, and rebuilds the pool",
+                "docs/deliberate.md, Growth"};
     case staleNumberShrank:
-        return "a number out of date shrinks the pool";
+        return {"a loan reads a number that is out of date when it acts, and shrinks the pool",
+                "docs/deliberate.md, Growth"};
     case staleNumberRemovedALentBlock:
-        return "a number out of date removes a lent block";
+        return {"a loan reads a number that is out of date when it acts, and removes a lent block",
+                "docs/deliberate.md, Growth"};
     case secondRebuildingDestroyedALentBlock:
-        return "a number read as 0 makes a second loan rebuild the pool and delete a block just lent";
+        return {"a second loan reads 0, rebuilds the pool, and deletes a block that was just lent",
+                "docs/deliberate.md, Growth"};
     case rebuildingDestroyedALentBlock:
-        return "makePool deletes a block lent meanwhile";
+        return {"makePool deletes a lent block", "docs/deliberate.md, Rebuilding"};
     case shrinkingRemovedALentBlock:
-        return "resizePool removes a block lent meanwhile";
+        return {"resizePool removes a lent block", "docs/deliberate.md, Shrinking"};
     case sizeChangeDestroyedALentBlock:
-        return "a change of size deletes a block borrowed in the gap";
+        return {"a change of size deletes a block that was borrowed in the gap", "docs/deliberate.md, Rebuilding"};
     case sizeChangeRefused:
-        return "a change of size is refused";
+        return {"a change of size is refused", "docs/guide/sizes-and-locking.md, How large"};
     case sizeChangeBesideBuilding:
-        return "a change of size in the middle of another's building gives blocks of both sizes";
+        return {"a change of size while another thread builds blocks gives blocks of both sizes",
+                "docs/deliberate.md, Rebuilding"};
     case grewWithATokenBack:
-        return "a pool grows although a token came back in the gap";
+        return {"a pool grows although a token came back in the gap", "docs/deliberate.md, Growth"};
     case tookATokenGivenBackMeanwhile:
-        return "after its growth a thread takes a token that came back in the gap";
+        return {"a loan that grew the pool takes a token that came back in the gap", "docs/deliberate.md, Growth"};
     case twoPoolsMadeOneToken:
-        return "two pools make blocks of one token";
+        return {"two pools build blocks with the same token", "docs/deliberate.md, Tokens"};
     case poolLostABlock:
-        return "a pool makes two blocks of one token and loses the first";
+        return {"a pool builds two blocks with the same token and loses the first", "docs/deliberate.md, Tokens"};
     case tokenLentTwice:
-        return "one token is lent twice at a time";
+        return {"two blocks have the same token, and it is lent to two borrowers", "docs/deliberate.md, Tokens"};
     case deadTokenLent:
-        return "a token without a block is lent";
+        return {"a token without a block is lent", "docs/deliberate.md, Rebuilding"};
     case inUseWrapped:
-        return "the number in use wraps below 0";
+        return {"the number in use wraps below 0", "docs/deliberate.md, Tokens"};
     case firstThreadDeletedThePool:
-        return "the first thread gives up the last share and deletes the pool";
+        return {"the first thread gives up the last share and deletes the pool",
+                "docs/guide/threads.md, What each call does for threads"};
     case otherThreadDeletedThePool:
-        return "another thread gives up the last share and deletes the pool";
+        return {"another thread gives up the last share and deletes the pool",
+                "docs/guide/threads.md, What each call does for threads"};
     case nothingToTake:
-        return "cut where there is nothing to take after the growth";
+        return {"ends: other threads took every new token, and there is none to take", "docs/deliberate.md, Growth"};
     case unknownToken:
-        return "cut where a lent token's block is no longer in the table";
+        return {"ends: a thread looks up a token whose block was removed", "docs/deliberate.md, Tokens"};
     case deletedBlockTouched:
-        return "cut where a deleted block is touched";
+        return {"ends: a thread touches a block that was deleted", "docs/deliberate.md, Rebuilding"};
     case numberOfSights:
         break;
     }
-    return "";
+    return {"", ""};
 }
 
 Reference& Reference::world() {

@@ -13,7 +13,7 @@
 namespace Gilvane {
 namespace Interleavings {
 
-/// What is worth telling of a schedule.
+/// What is worth telling of a schedule: all of it is described behaviour, or follows a mistake of the program.
 enum Sight : unsigned char {
     secondGrowthDidNothing,
     secondGrowthDoubledAgain,
@@ -45,7 +45,14 @@ enum Sight : unsigned char {
 
 using Sights = std::bitset<numberOfSights>;
 
-const char* textOf(Sight sight);
+/// What a sight is, and where the library's documents describe it: a page and one of its headings, which
+/// tools/check-documents looks up.
+struct Description {
+    const char* text;
+    const char* describedIn;
+};
+
+Description describe(Sight sight);
 
 constexpr std::size_t mostBlocks = 512;
 constexpr int nobody = -1;

@@ -1,5 +1,5 @@
 // Threads that use locked pools and shared pointers in every way that is defined, for ThreadSanitizer to watch. Among
-// them stand the few accesses that take no lock by requirement: here they happen often, and beside writers.
+// them stand the few accesses that take no lock on purpose: here they happen often, and beside writers.
 //
 //   stress ROUNDS
 //
