@@ -12,9 +12,10 @@
 
 #if defined(GILVANE_HARDENED)
 
-/// Marks a function that programs of both builds call: each build finds its own alone.
+/// Marks a function that programs of both builds call. It has another symbol in each build, so that a program links with
+/// a library of its own build only.
 #define GILVANE_OF_THIS_BUILD __attribute__((abi_tag("hardened")))
-/// Marks a check, and what checks are made of: called by programs of the hardened build, and hidden in the default one.
+/// Marks a function that only hardened programs call: a check, or a part of one. The default library hides it.
 #define GILVANE_CHECK GILVANE_EXPORT __attribute__((abi_tag("hardened")))
 
 #else

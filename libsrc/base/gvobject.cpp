@@ -21,7 +21,7 @@ namespace {
 
 constexpr const char* theSourceFile = "libsrc/base/gvobject";
 
-// What the default hooks stand on.
+// Where the default hooks get memory, and give it back.
 #if defined(GILVANE_MIMALLOC)
 void* takeMemory(std::size_t bytes) { return mi_malloc(bytes); }
 void returnMemory(void* memory) { mi_free(memory); }
@@ -30,9 +30,9 @@ void* takeMemory(std::size_t bytes) { return std::malloc(bytes); }
 void returnMemory(void* memory) { std::free(memory); }
 #endif
 
-// The default hooks shift each block inside what malloc returned, so that the byte after the header word, where users
-// put doubles, 64-bit atomics and vector values, has malloc's full alignment. The block still ends where malloc's
-// memory ends, so that a memory checker sees an overrun of a single byte.
+// The default hooks shift each block inside what malloc returned, so that the user's bytes, after the header word, have
+// malloc's full alignment: doubles, 64-bit atomics and vector values need it. The block ends where malloc's memory ends,
+// so that a memory checker sees an overrun of a single byte.
 //
 //   malloc returned     the hook returns           the user gets, aligned for std::max_align_t
 //   | padding           | deallocation function    | bytes ... |
@@ -42,9 +42,9 @@ static_assert(alignof(std::max_align_t) >= detail::rawBlockHeaderBytes &&
                   defaultHookPadding % alignof(GVDeallocatorFunction) == 0,
               "the header word is aligned too");
 
-// For the sake of large tables: their slots may be reached in no order, so that with ordinary pages most accesses miss
-// in the address translation as well, and each growth faults in thousands of pages. Only pages that lie in the block
-// wholly are asked for as huge ones; whether they come is the kernel's choice.
+// Asks for huge pages where a huge page lies in the block wholly; the kernel decides. Large tables need them: programs
+// reach the slots in no order, so with ordinary pages most accesses miss in the address translation, too, and each
+// growth causes thousands of page faults.
 #if defined(MADV_HUGEPAGE)
 void adviseHugePages(void* memory, std::size_t bytes) {
     constexpr std::uintptr_t hugePageBytes = std::uintptr_t{1} << 21;

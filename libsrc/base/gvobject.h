@@ -12,9 +12,9 @@ namespace Gilvane {
 
 /// Takes a byte count and returns that many writable bytes, or null when no memory can be had.
 ///
-/// It must not throw: where storage is asked for without exceptions, as for blocks of a pool, a throw would end the
-/// program. It must be callable from several threads at once. The alignment of what it returns decides the alignment of
-/// everything built on it: the user's bytes start one pointer after it.
+/// It must not throw: the pool asks for its blocks without exceptions, and a throw there would end the program. It must
+/// be callable from several threads at once. The user's bytes start one pointer after what it returns, so its alignment
+/// decides theirs.
 using GVAllocatorFunction = void* (*)(unsigned int numberOfBytes);
 
 /// Takes back exactly what the GVAllocatorFunction returned that belongs to it, never null.

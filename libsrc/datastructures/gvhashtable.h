@@ -99,9 +99,9 @@ std::ostream& GVHashTableEntry<K, V>::WriteEntry(std::ostream& stream) {
 
 /// The hash of a key where the user gives no function of their own.
 ///
-/// An `unsigned int` is its own hash. Other integers and enumerations are extended to 64 bits with their sign, then the
-/// low half is combined with the high half by exclusive or; pointers and all other types are hashed by `std::hash` and
-/// folded in the same way.
+/// - An `unsigned int` is its own hash.
+/// - Other integers and enumerations are extended to 64 bits with their sign. Exclusive or of the two halves is the hash.
+/// - Pointers and all other types are hashed by `std::hash`. Exclusive or of the two halves of that is the hash.
 template <typename K>
 class GILVANE_EXPORT GVGenericHashFunction : public GVObject {
   public:
@@ -339,7 +339,7 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     /// @par Complexity  linear in the other's slots
     GVHashTable(const GVHashTable& other);
 
-    /// Not assignable: an assigned table could not say what becomes of the values it held.
+    /// Not assignable: nobody would know whether the values that the table held may be deleted.
     GVHashTable& operator=(const GVHashTable&) = delete;
 
     /// Releases the slot array; no value is deleted.
@@ -446,7 +446,7 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     static constexpr unsigned int theSlowGrowthCount = 30000; // live keys from which growth is twofold
     static constexpr unsigned int thePrefetchDistance = 12;   // entries that resize looks ahead
 
-    // Keys that fit in a register stay there when they are handed on.
+    // Scalar keys are passed by value, so that they stay in a register.
     using KeyArgument = std::conditional_t<std::is_scalar_v<K>, const K, const K&>;
 
     Entry* lookupPastHome(KeyArgument key, unsigned int hash) const;

@@ -163,6 +163,8 @@ class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
     std::ostream& print(std::ostream& stream) const;
 
   private:
+    friend struct GVTestPeer;
+
     using Table = GVHashTable<unsigned int, GVMemoryPoolObject*, GVGenericHashFunction<unsigned int>>;
 
     void copyFrom(const GVMemoryPool& pool, TokenList& keys, TokenList& freeTokens);

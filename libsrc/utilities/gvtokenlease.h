@@ -45,8 +45,8 @@ class [[nodiscard]] GVTokenLease : public GVObject {
 
     /// Borrows a block and keeps the pool alive.
     ///
-    /// A token in the free list that names no block, as a rebuilding leaves them behind, or that a shrink has hidden,
-    /// is passed over and leaves the list.
+    /// Tokens in the free list that name no block are taken out of it and passed over. A rebuild leaves such tokens
+    /// behind; a shrink may hide the block of one.
     /// @param owner  shares the pool
     /// @throws GVException     kind gvinvalidstate: `owner` is empty
     /// @throws std::bad_alloc  no memory for the room that the free list needs when the block comes back
@@ -112,6 +112,8 @@ class [[nodiscard]] GVTokenLease : public GVObject {
     [[nodiscard]] unsigned int release();
 
   private:
+    friend struct GVTestPeer;
+
     void borrowFrom(GVMemoryPool& pool);
     bool hold(GVMemoryPool& pool, unsigned int token);
     void requireLoan() const;

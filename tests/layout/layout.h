@@ -1,5 +1,6 @@
 /// @file
-/// The layout of every class, stated once: debuggers and programs compiled earlier rely on it.
+/// The layout of every class and enumeration that programs see, stated once: debuggers and programs compiled earlier rely
+/// on it.
 ///
 /// GILVANE_LAYOUT(CLASS, FIELD) expands, in the order of the fields in memory, to
 ///   CLASS(name, type, size32, align32, size64, align64)
@@ -12,12 +13,15 @@
 
 #include <gilvane/threads/gvmutex.h>
 #include <gilvane/threads/gvthreadsfactory.h>
+#include <gilvane/utilities/gvmemorypoolinspector.h>
+#include <gilvane/utilities/gvtokenlease.h>
 
 // clang-format off
 #define GILVANE_LAYOUT(CLASS, FIELD)                                                                    \
     CLASS(GVObject, GVObject, 4, 4, 8, 8)                                                               \
     CLASS(GVRawBlockHeader, GVDeallocatorFunction, 4, 4, 8, 8)                                          \
     CLASS(GVStdAllocator, GVStdAllocator<unsigned int>, 4, 4, 8, 8)                                     \
+    CLASS(GVStdAllocator<void>, GVStdAllocator<void>, 4, 4, 8, 8)                                       \
     CLASS(GVExceptionMessage, GVExceptionMessage, 60, 4, 88, 8)                                         \
     FIELD(GVExceptionMessage, theMessage, 4, 8)                                                         \
     FIELD(GVExceptionMessage, theFile, 32, 48)                                                          \
@@ -28,6 +32,7 @@
     FIELD(GVException, theCode, 72, 104)                                                                \
     CLASS(gvexceptiontype, gvexceptiontype, 4, 4, 4, 4)                                                 \
     CLASS(GVMutexHandle, GVMutexHandle, 4, 4, 8, 8)                                                     \
+    CLASS(GVMutex, GVMutex, 4, 4, 8, 8)                                                                 \
     CLASS(GVThreadsFactory, GVThreadsFactory, 4, 4, 8, 8)                                               \
     CLASS(_gvmutex, _gvmutex, 4, 4, 4, 4)                                                               \
     CLASS(GVHashTableEntry, TokenTable::Entry, 20, 4, 32, 8)                                            \
@@ -35,6 +40,7 @@
     FIELD(TokenTable::Entry, theValue, 8, 16)                                                           \
     FIELD(TokenTable::Entry, theHash, 12, 24)                                                           \
     FIELD(TokenTable::Entry, theState, 16, 28)                                                          \
+    CLASS(GVHashTableEntryState, GVHashTableEntryState, 4, 4, 4, 4)                                     \
     CLASS(GVGenericHashFunction, GVGenericHashFunction<unsigned int>, 4, 4, 8, 8)                       \
     CLASS(GVHashTableEntry_Iterator, TokenTable::Iterator, 16, 4, 24, 8)                                \
     FIELD(TokenTable::Iterator, theTable, 4, 8)                                                         \
@@ -62,7 +68,37 @@
     FIELD(GVSmartPointer<GVMemoryPool>, object, 4, 8)                                                   \
     FIELD(GVSmartPointer<GVMemoryPool>, refCount, 8, 16)                                                \
     FIELD(GVSmartPointer<GVMemoryPool>, ownObject, 12, 24)                                              \
-    FIELD(GVSmartPointer<GVMemoryPool>, lock, 16, 32)
+    FIELD(GVSmartPointer<GVMemoryPool>, lock, 16, 32)                                                   \
+    CLASS(GVTokenLease, GVTokenLease, 40, 4, 72, 8)                                                     \
+    FIELD(GVTokenLease, theOwner, 4, 8)                                                                 \
+    FIELD(GVTokenLease, thePool, 24, 48)                                                                \
+    FIELD(GVTokenLease, theToken, 28, 56)                                                               \
+    FIELD(GVTokenLease, theLength, 32, 60)                                                              \
+    FIELD(GVTokenLease, theBytes, 36, 64)                                                               \
+    CLASS(GVInspectedBlock, GVInspectedBlock, 28, 4, 40, 8)                                             \
+    FIELD(GVInspectedBlock, theToken, 4, 8)                                                             \
+    FIELD(GVInspectedBlock, theBytes, 8, 16)                                                            \
+    FIELD(GVInspectedBlock, theLength, 12, 24)                                                          \
+    FIELD(GVInspectedBlock, isFree, 16, 28)                                                             \
+    FIELD(GVInspectedBlock, theSlot, 20, 32)                                                            \
+    FIELD(GVInspectedBlock, theProbeCount, 24, 36)                                                      \
+    CLASS(GVMemoryPoolInspector, GVMemoryPoolInspector, 140, 4, 280, 8)                                 \
+    FIELD(GVMemoryPoolInspector, thePool, 4, 8)                                                         \
+    FIELD(GVMemoryPoolInspector, theBlocks, 8, 16)                                                      \
+    FIELD(GVMemoryPoolInspector, theFreeBlockCount, 24, 48)                                             \
+    FIELD(GVMemoryPoolInspector, theFreeTokenCount, 28, 56)                                             \
+    FIELD(GVMemoryPoolInspector, theBytesInEachObject, 32, 64)                                          \
+    FIELD(GVMemoryPoolInspector, theBytesAskedFor, 36, 72)                                              \
+    FIELD(GVMemoryPoolInspector, theBytesOfSlots, 40, 80)                                               \
+    FIELD(GVMemoryPoolInspector, theBytesOfFreeList, 44, 88)                                            \
+    FIELD(GVMemoryPoolInspector, theSlotStates, 48, 96)                                                 \
+    FIELD(GVMemoryPoolInspector, theLongestProbe, 64, 128)                                              \
+    FIELD(GVMemoryPoolInspector, theReachedCount, 68, 136)                                              \
+    FIELD(GVMemoryPoolInspector, theProbeSum, 72, 144)                                                  \
+    FIELD(GVMemoryPoolInspector, theTokensTwiceFree, 76, 152)                                           \
+    FIELD(GVMemoryPoolInspector, theTokensUnknown, 92, 184)                                             \
+    FIELD(GVMemoryPoolInspector, theTokensUnreachable, 108, 216)                                        \
+    FIELD(GVMemoryPoolInspector, theTokensWithoutBlock, 124, 248)
 // clang-format on
 
 #endif

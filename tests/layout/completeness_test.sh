@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Every class and enumeration that the library's headers offer to programs stands in layout.h.
+#
+#   tests/layout/completeness_test.sh SOURCE_DIR
+set -euo pipefail
+cd "$1"
+
+# What is declared at the margin is not nested in a class; helpers in detail are not for programs, traits have no objects.
+mapfile -t offered < <(
+    awk '/^namespace detail/ { inDetail = 1 } /^} \/\/ namespace detail/ { inDetail = 0 } !inDetail' libsrc/*/*.h |
+        grep -oE '^(class|enum)( \[\[[a-z]+\]\])?( GILVANE_EXPORT)? [A-Za-z_]+ *[:{]' |
+        sed -E 's/ *[:{]$//; s/.* //' | sort -u
+)
+[[ ${#offered[@]} -gt 15 ]] || { echo "hardly a class found: is this looking in the right place?" >&2; exit 1; }
+for name in "${offered[@]}"; do
+    grep -qE "CLASS\($name," tests/layout/layout.h || { echo "tests/layout/layout.h lacks $name" >&2; exit 1; }
+done
+echo "${#offered[@]} classes and enumerations, all of them in layout.h"
