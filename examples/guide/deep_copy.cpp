@@ -1,10 +1,27 @@
 // A deep copy of a pool as a record of an earlier state, and how to tear down one of the two.
+#include <gilvane/base/gvexception.h>
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvsmartpointer.h>
 
 #include <iostream>
+#include <memory>
+#include <type_traits>
+#include <vector>
 
+using Gilvane::GVException;
 using Gilvane::GVMemoryPool;
 using Gilvane::GVSmartPointer;
+
+// [uncopied]
+// Claims to be copyable, since a vector does; but its copy constructor would not compile.
+struct Job {
+    std::vector<std::unique_ptr<int>> parts;
+};
+
+// So a pointer to a Job compiles only after this. Its deepCopy throws a GVException.
+template <>
+struct Gilvane::GVIsDeepCopyable<Job> : std::false_type {};
+// [uncopied]
 
 int main() {
     auto pool = GVMemoryPool::initWithNumberOfObjectsAndSize(4, 64, true);
@@ -26,6 +43,13 @@ int main() {
     pool->resizePool(8);
     std::cout << "same blocks: " << (*pool == **earlier) << "\n";
     // [apart]
+
+    GVSmartPointer<Job> job(new Job, true, true);
+    try {
+        job.deepCopy();
+    } catch (const GVException& refusal) {
+        std::cout << refusal.getMessage() << "\n";
+    }
 
     // Here `pool` ends, with all blocks and the lock. From now on `*earlier` must not be touched.
 }
