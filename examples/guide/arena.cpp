@@ -17,12 +17,12 @@ constexpr std::size_t strictest = alignof(std::max_align_t);
 alignas(strictest) unsigned char arena[64 * 1024];
 std::size_t used = 0;
 
-// Gives the array out from front to back. The library puts a pointer-sized word first, and the user's bytes follow it. So
-// the address after that word is made a multiple of the strictest alignment.
+// Gives the array out from front to back. The library puts a pointer-sized word first, and the user's bytes follow it.
+// So the address after that word is made a multiple of the strictest alignment.
 void* allocateFromArena(unsigned int numberOfBytes) {
     const std::size_t firstUserByte = (used + sizeof(void*) + strictest - 1) / strictest * strictest;
     const std::size_t start = firstUserByte - sizeof(void*);
-    if (numberOfBytes > sizeof arena - start) {
+    if (start > sizeof arena || numberOfBytes > sizeof arena - start) {
         return nullptr;
     }
     used = start + numberOfBytes;
@@ -61,6 +61,13 @@ int main() {
     }
     const bool asked = used != afterBuilding;
     // [steady]
+    for (const unsigned char* last = arena; last != nullptr;
+         last = static_cast<const unsigned char*>(allocateFromArena(1))) {
+        if (last >= arena + sizeof arena) {
+            std::cerr << "the arena gives out bytes that are not its own\n";
+            return 1;
+        }
+    }
     std::cout << "200 blocks took " << afterBuilding << " bytes of the arena\n";
     std::cout << "200,000 loans asked for " << (asked ? "more" : "nothing more") << "\n";
     std::cout << "every sample is " << (aligned ? "aligned" : "misaligned") << "\n";

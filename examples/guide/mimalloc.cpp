@@ -14,8 +14,8 @@ using Gilvane::GVObject;
 namespace {
 
 // [hooks]
-// What the hook returns starts with a pointer-sized word, and the user's bytes follow it. So the address after that word
-// must be aligned, not the block's start. mimalloc can align at this offset.
+// What the hook returns starts with a pointer-sized word, and the user's bytes follow it. So the address after that
+// word must be aligned, not the block's start. mimalloc can align at this offset.
 constexpr std::size_t cacheLine = 64;
 
 void* allocateWithMimalloc(unsigned int numberOfBytes) {

@@ -8,15 +8,14 @@
 /// library is compiled with `-fvisibility=hidden`, and does nothing elsewhere.
 #define GILVANE_EXPORT __attribute__((visibility("default")))
 
-/// Marks the rare half of an operation whose other half is compiled into programs: callers stay small.
+/// Keeps a rare path out of line, so that its callers stay small.
 #define GILVANE_OUT_OF_LINE __attribute__((noinline))
 
-/// Marks a function that does nothing but one access to shared memory that takes no lock on purpose
+/// Marks a function whose only effect is one access to shared memory, made without a lock on purpose
 /// (docs/deliberate.md, Locking).
 ///
-/// ThreadSanitizer ignores what this function does, and what a getter does that it calls. It is not inlined there, so
-/// that the code around its calls is still watched. In other builds the mark does nothing. GCC does not inline the
-/// getter, and reports what the getter reads.
+/// Under clang++, ThreadSanitizer ignores the function and the getter that it calls; under g++ it still reports what
+/// the getter reads. The function is not inlined there, so that its callers are watched. Other builds ignore the mark.
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)
 #define GILVANE_UNGUARDED __attribute__((no_sanitize("thread"), noinline, flatten))

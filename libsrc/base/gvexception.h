@@ -14,7 +14,7 @@ namespace Gilvane {
 /// What sort of failure an exception reports.
 enum gvexceptiontype : int {
     gvinvalidstate = 1,      ///< refused because of the object's present state or the call's arguments
-    gvoutofmemory = 5,       ///< memory, or another resource of the system, could not be had
+    gvoutofmemory = 5,       ///< no memory for a block or a table, or no other resource that was needed
     gviteratormisuse = 12,   ///< an iterator without a table, at its end, or on an entry that is not occupied
     gvhashtablefailure = 20, ///< the hash table failed within itself
 };
@@ -48,10 +48,10 @@ class GILVANE_EXPORT GVExceptionMessage : public GVObject {
     Text theFile;
 };
 
-/// Every failure that the system itself detects, thrown by value. Exhaustion of raw memory is `std::bad_alloc` instead.
+/// Every failure that the library itself detects, thrown by value. Where an allocation function returned null for
+/// bytes, and not for a block's object or a table, `std::bad_alloc` is thrown instead.
 ///
-/// It does not derive from `std::exception`: a handler names GVException itself, by reference, since copies need
-/// memory.
+/// It does not derive from `std::exception`. Handlers catch it by reference, since copies need memory.
 ///
 /// @par Thread safety
 ///   None needed: an exception belongs to the thread that handles it.
@@ -63,7 +63,7 @@ class GILVANE_EXPORT GVException : public GVObject {
     /// @param file     the source file that reports it, as a path below the library's root without an ending; copied
     /// @param line     line of the throw statement in that file
     /// @param kind     sort of failure
-    /// @param code     0 at every throw of the system
+    /// @param code     0 at every throw of the library
     /// @throws std::bad_alloc no memory for a text; it then takes the place of this exception
     GVException(const char* message, const char* file, unsigned int line, gvexceptiontype kind, int code);
     GVException(const GVException&) = default;
@@ -78,7 +78,7 @@ class GILVANE_EXPORT GVException : public GVObject {
     unsigned int getLine() const noexcept { return theLine; }
     /// The sort of failure.
     gvexceptiontype getKind() const noexcept { return theKind; }
-    /// 0 for every exception that the system throws.
+    /// 0 for every exception that the library throws.
     int getCode() const noexcept { return theCode; }
 
   private:

@@ -8,12 +8,12 @@
 
 #include <unistd.h>
 
-// Valgrind's requests are instructions that do nothing outside of it; no library belongs to them.
+// Outside Valgrind its requests do nothing. They need a header, and no library.
 #if __has_include(<valgrind/memcheck.h>)
 #include <valgrind/memcheck.h>
 #endif
 
-// Weak, so that one library serves programs with AddressSanitizer and without: they bring the functions or they do not.
+// Weak: null in a program without AddressSanitizer.
 extern "C" {
 __attribute__((weak)) void __asan_poison_memory_region(const volatile void* bytes, std::size_t numberOfBytes);
 __attribute__((weak)) void __asan_unpoison_memory_region(const volatile void* bytes, std::size_t numberOfBytes);

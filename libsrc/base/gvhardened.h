@@ -1,10 +1,10 @@
 /// @file
 /// The hardened build: checks that end the program, and marks on the bytes of free blocks.
 ///
-/// `GILVANE_HARDENED` is defined for the library and for every program that uses it, or for neither; the build system
-/// that hands out the library tells programs. Both builds compile the checks, a constant decides which of them makes
-/// any. All classes have the same layout in both. A program of one build does not link with a library of the other:
-/// what the headers call is named differently there.
+/// `GILVANE_HARDENED` is defined for the library and for every program that uses it, or for neither; CMake and
+/// pkg-config pass the definition on. The checks are always compiled; `detail::isHardened` decides whether they are
+/// called. All classes have the same layout in both builds. A program that uses pools does not link with a library of
+/// the other build, since the pool's symbols have other names there.
 #ifndef GILVANE_BASE_GVHARDENED_H
 #define GILVANE_BASE_GVHARDENED_H
 
@@ -12,16 +12,16 @@
 
 #if defined(GILVANE_HARDENED)
 
-/// Marks a function that programs of both builds call. It has another symbol in each build, so that a program links with
-/// a library of its own build only.
+/// Marks a class whose symbols have other names in each build, so that a program links with a library of its own build
+/// only.
 #define GILVANE_OF_THIS_BUILD __attribute__((abi_tag("hardened")))
-/// Marks a function that only hardened programs call: a check, or a part of one. The default library hides it.
-#define GILVANE_CHECK GILVANE_EXPORT __attribute__((abi_tag("hardened")))
+/// Marks a function that only hardened programs call. The default library hides it.
+#define GILVANE_HARDENED_ONLY GILVANE_EXPORT __attribute__((abi_tag("hardened")))
 
 #else
 
 #define GILVANE_OF_THIS_BUILD
-#define GILVANE_CHECK __attribute__((visibility("hidden")))
+#define GILVANE_HARDENED_ONLY __attribute__((visibility("hidden")))
 
 #endif
 
@@ -37,7 +37,7 @@ inline constexpr bool isHardened = false;
 /// Writes one line to standard error, which begins with "gilvane: ", and ends the program with `abort`. Allocates
 /// nothing and takes no lock.
 /// @param format  of the rest of the line, as `printf` takes it
-[[noreturn, gnu::format(printf, 1, 2)]] GILVANE_CHECK void reportMisuse(const char* format, ...) noexcept;
+[[noreturn, gnu::format(printf, 1, 2)]] GILVANE_HARDENED_ONLY void reportMisuse(const char* format, ...) noexcept;
 
 /// Reports misuse unless `condition` holds; does nothing in the default build.
 /// @param text  the operation, and what is wrong
@@ -51,14 +51,12 @@ inline void requireOrReport(bool condition, const char* text) noexcept {
 
 /// Makes every use of these bytes a fault that AddressSanitizer or Valgrind reports, if the program runs under one of
 /// them. The bytes keep their values.
-/// @param bytes          the first byte; may be null when there are none
-/// @param numberOfBytes  bytes
-GILVANE_CHECK void markBytesUntouchable(const void* bytes, unsigned int numberOfBytes) noexcept;
+/// @param bytes  the first byte; may be null when there are none
+GILVANE_HARDENED_ONLY void markBytesUntouchable(const void* bytes, unsigned int numberOfBytes) noexcept;
 
 /// Allows uses of these bytes again. They still have their values, which Valgrind takes for uninitialised.
-/// @param bytes          the first byte; may be null when there are none
-/// @param numberOfBytes  bytes
-GILVANE_CHECK void markBytesUsable(const void* bytes, unsigned int numberOfBytes) noexcept;
+/// @param bytes  the first byte; may be null when there are none
+GILVANE_HARDENED_ONLY void markBytesUsable(const void* bytes, unsigned int numberOfBytes) noexcept;
 
 } // namespace Gilvane::detail
 

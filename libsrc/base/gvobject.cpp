@@ -31,8 +31,8 @@ void returnMemory(void* memory) { std::free(memory); }
 #endif
 
 // The default hooks shift each block inside what malloc returned, so that the user's bytes, after the header word, have
-// malloc's full alignment: doubles, 64-bit atomics and vector values need it. The block ends where malloc's memory ends,
-// so that a memory checker sees an overrun of a single byte.
+// malloc's full alignment: doubles, 64-bit atomics and vector values need it. The block ends where malloc's memory
+// ends, so that a memory checker sees an overrun of a single byte.
 //
 //   malloc returned     the hook returns           the user gets, aligned for std::max_align_t
 //   | padding           | deallocation function    | bytes ... |
@@ -42,13 +42,12 @@ static_assert(alignof(std::max_align_t) >= detail::rawBlockHeaderBytes &&
                   defaultHookPadding % alignof(GVDeallocatorFunction) == 0,
               "the header word is aligned too");
 
-// Asks for huge pages where a huge page lies in the block wholly; the kernel decides. Large tables need them: programs
-// reach the slots in no order, so with ordinary pages most accesses miss in the address translation, too, and each
-// growth causes thousands of page faults.
+// Asks the kernel for huge pages where they lie in the block wholly. Large tables need them: with ordinary pages nearly
+// every access to a random slot misses the TLB, and each growth causes thousands of page faults.
 #if defined(MADV_HUGEPAGE)
 void adviseHugePages(void* memory, std::size_t bytes) {
     constexpr std::uintptr_t hugePageBytes = std::uintptr_t{1} << 21;
-    constexpr std::size_t leastBytes = 2 * hugePageBytes;
+    constexpr std::size_t leastBytes = 2 * hugePageBytes; // at least one whole huge page lies in as many
     if (bytes < leastBytes) {
         return;
     }

@@ -17,7 +17,7 @@ namespace Gilvane {
 /// decides theirs.
 using GVAllocatorFunction = void* (*)(unsigned int numberOfBytes);
 
-/// Takes back exactly what the GVAllocatorFunction returned that belongs to it, never null.
+/// Takes back what the GVAllocatorFunction that it belongs to has returned. It never gets null.
 ///
 /// It must not throw, and must be callable from several threads at once.
 using GVDeallocatorFunction = void (*)(void* block);
@@ -44,13 +44,13 @@ class GILVANE_EXPORT GVObject {
     /// Replaces both hooks, or restores the default ones when both arguments are null: `malloc` and `free`, or mimalloc
     /// where the library was built on it.
     ///
-    /// Blocks made before the change go back through the deallocation function in their own header word. With the
-    /// default hooks the byte after a header word is aligned for `std::max_align_t`; with others it lies one pointer
-    /// after what the allocation function returned, whatever alignment that has.
+    /// Blocks made before the change go back through the deallocation function in their own header word. The user's
+    /// bytes start one pointer after what the allocation function returned. The default function aligns them for
+    /// `std::max_align_t`; another one must see to their alignment by itself.
     /// @param allocator    gives memory for every raw block from now on
     /// @param deallocator  takes back every raw block made from now on
     /// @throws GVException    kind gvinvalidstate when only one of the two is null; both hooks stay as they were
-    /// @throws std::bad_alloc no memory for the exception's own texts; likewise
+    /// @throws std::bad_alloc no memory for the exception's own texts; both hooks stay as they were
     /// @par Threads        to be called while no other thread allocates
     static void SetAllocationHooks(GVAllocatorFunction allocator, GVDeallocatorFunction deallocator);
 

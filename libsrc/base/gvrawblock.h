@@ -8,8 +8,8 @@
 ///     | deallocation function   | bytes ...                     |
 ///       one pointer               as many as the user asked for
 ///
-/// The header word makes a block independent of later changes of the hooks: it is released by the function that
-/// belonged to the hook it came from.
+/// The first pointer is the header word. Each block holds the function that takes it back, so that a later change of
+/// the hooks does not affect it.
 #ifndef GILVANE_BASE_GVRAWBLOCK_H
 #define GILVANE_BASE_GVRAWBLOCK_H
 
@@ -27,12 +27,12 @@ static_assert(sizeof(GVDeallocatorFunction) == sizeof(void*), "the header word i
 /// Bytes that the header word adds in front of the user's bytes.
 inline constexpr unsigned int rawBlockHeaderBytes = sizeof(GVDeallocatorFunction);
 
-/// Whether a block of `numberOfBytes` user bytes and its header word can be asked of the hook, which counts in 32 bits.
+/// Whether the user's bytes and the header word together fit in 32 bits, in which the hooks count.
 constexpr bool fitsInRawBlock(std::size_t numberOfBytes) noexcept {
     return numberOfBytes <= (std::numeric_limits<unsigned int>::max)() - rawBlockHeaderBytes;
 }
 
-/// The address of the header word before the user's bytes, as a number, so that it can be tested for zero.
+/// The address of the header word before the user's bytes, as a number: the compiler may not take it for non-zero.
 inline std::uintptr_t rawBlockStart(const void* userBytes) noexcept {
     return reinterpret_cast<std::uintptr_t>(userBytes) - rawBlockHeaderBytes;
 }

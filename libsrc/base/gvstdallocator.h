@@ -40,7 +40,7 @@ class GILVANE_EXPORT GVStdAllocator : public GVObject {
     using const_reference = const T&;
     using size_type = std::size_t;
     using difference_type = std::ptrdiff_t;
-    using is_always_equal = std::true_type; // said aloud: the virtual destructor makes the class non-empty
+    using is_always_equal = std::true_type; // the default, std::is_empty, is false: there is a virtual table
 
     /// @}
 
@@ -61,8 +61,8 @@ class GILVANE_EXPORT GVStdAllocator : public GVObject {
     /// Storage for `n` objects, not constructed.
     /// @param n  objects; 0 gives a block of the header word alone
     /// @returns  the address just past the header word, never null
-    /// @throws std::bad_alloc when the allocation function returns null, or the bytes with the header word do not fit
-    ///           in its 32 bits; nothing is left to release
+    /// @throws std::bad_alloc when the allocation function returns null, or the bytes and the header word together do
+    ///           not fit in 32 bits; nothing is left to release
     T* allocate(size_type n) {
         static_assert(alignof(T) <= alignof(std::max_align_t),
                       "GVStdAllocator cannot align this type: the allocation hooks align for std::max_align_t at most");
@@ -78,7 +78,7 @@ class GILVANE_EXPORT GVStdAllocator : public GVObject {
 
     /// Gives storage back through the deallocation function in its header word; null is allowed. The count is ignored.
     void deallocate(T* p, size_type) noexcept {
-        // Deliberate: a null header word is left alone here, and here only (docs/deliberate.md, Allocation).
+        // Deliberate: a block with a null header word is left alone, only here (docs/deliberate.md, Allocation).
         // Watched by StdAllocator.leavesABlockWithANullHeaderWordAlone.
         if (p != nullptr && detail::rawBlockDeallocator(p) != nullptr) {
             detail::releaseRawBlock(p);
@@ -102,7 +102,7 @@ class GILVANE_EXPORT GVStdAllocator : public GVObject {
 
     /// The object's address, even where its type overloads `operator&`.
     pointer address(reference object) const noexcept { return std::addressof(object); }
-    /// As for one that may be changed.
+    /// The same for a const object.
     const_pointer address(const_reference object) const noexcept { return std::addressof(object); }
 };
 

@@ -27,13 +27,13 @@ namespace detail {
 /// What exceptions of the table and its iterator name as their source file.
 inline constexpr const char* hashTableFile = "libsrc/datastructures/gvhashtable";
 
-/// The slots that a search for a key looks at, one after another. All arithmetic wraps at 32 bits. The first step adds
-/// the whole hash, later steps what five-bit shifts leave of it, until the sequence is index * 5 + 1 alone, which
-/// visits every slot.
+/// The slots that a search for a key looks at, one after another, from the home slot on. The first step adds the whole
+/// hash, and each later step what five more bits of shifting leave of it. When nothing is left, 5 * index + 1 visits
+/// every slot. All arithmetic wraps at 32 bits.
 class ProbeSequence {
   public:
     /// Stands on the home slot.
-    ProbeSequence(unsigned int hash, unsigned int mask) : theMask(mask), theIndex(hash & mask), thePerturbation(hash) {}
+    ProbeSequence(unsigned int hash, unsigned int mask) : theMask(mask), theIndex(hash), thePerturbation(hash) {}
 
     /// The slot that it stands on.
     unsigned int slot() const { return theIndex & theMask; }
@@ -45,7 +45,7 @@ class ProbeSequence {
 
   private:
     unsigned int theMask;         // slots - 1
-    unsigned int theIndex;        // not yet reduced to the slots
+    unsigned int theIndex;        // its low bits, by the mask, are the slot
     unsigned int thePerturbation; // what is left of the hash
 };
 
@@ -100,8 +100,9 @@ std::ostream& GVHashTableEntry<K, V>::WriteEntry(std::ostream& stream) {
 /// The hash of a key where the user gives no function of their own.
 ///
 /// - An `unsigned int` is its own hash.
-/// - Other integers and enumerations are extended to 64 bits with their sign. Exclusive or of the two halves is the hash.
-/// - Pointers and all other types are hashed by `std::hash`. Exclusive or of the two halves of that is the hash.
+/// - Other integers and enumerations are extended to 64 bits with their sign. The hash is the exclusive or of the
+///   halves.
+/// - Pointers and all other types are hashed by `std::hash`, whose halves are combined in the same way.
 template <typename K>
 class GILVANE_EXPORT GVGenericHashFunction : public GVObject {
   public:
@@ -133,13 +134,13 @@ class GVHashTable;
 /// A position in a table's slot array.
 ///
 /// It stands on an occupied slot, at the end, or, made by its default constructor, in no table at all ("not ready").
-/// Where an exception's own texts find no memory, `std::bad_alloc` comes in its place.
+/// Every operation that throws a GVException throws `std::bad_alloc` instead when there is no memory for its texts.
 ///
 /// It is good only as long as the table keeps its slot array: any insertion that grows the table, any `resize` and any
 /// `clear` end its life without telling it.
 ///
 /// @par Invariants
-///   theTable is null and so are the two numbers, or theIndex < theCapacity.
+///   theTable is null and both numbers are 0, or theIndex < theCapacity.
 /// @par Thread safety
 ///   None: the table's user serialises access.
 /// @par Ownership
@@ -152,7 +153,7 @@ class GILVANE_EXPORT GVHashTableEntry_Iterator : public GVObject {
     /// @name Types
     /// @{
 
-    /// As `std::iterator_traits` expects them: it is a forward iterator over the values.
+    /// As `std::iterator_traits` expects them: algorithms may use it as a forward iterator over the values.
     using iterator_category = std::forward_iterator_tag;
     using value_type = V;
     using difference_type = std::ptrdiff_t;
@@ -280,8 +281,8 @@ void GVHashTableEntry_Iterator<K, V>::moveToOccupiedFrom(unsigned int index) {
     }
 }
 
-// The current slot, null if its address is. The address is computed as a number, since a compiler may take pointer
-// arithmetic for proof that the result is not null and drop the callers' tests.
+// The current slot; null when the computed address is 0, as in an iterator that holds wrong numbers. It is computed as
+// a number: a compiler may take pointer arithmetic for proof that the result is not null, and drop the callers' tests.
 template <typename K, typename V>
 GVHashTableEntry<K, V>* GVHashTableEntry_Iterator<K, V>::currentEntry() const {
     const std::uintptr_t offset = static_cast<std::uintptr_t>(theIndex) * sizeof(Entry);
@@ -297,11 +298,10 @@ GVHashTableEntry<K, V>* GVHashTableEntry_Iterator<K, V>::occupiedEntry() const {
 /// Maps keys to values in one open-addressing array of slots, the first of them inside the table itself.
 ///
 /// Up to five keys need no heap memory, as long as none is removed. When two thirds of the slots are occupied or
-/// deleted, an insertion gives the table a new size: the next above four times its live keys below 30000 of them, twice
-/// from there on.
-/// That is more slots, or fewer where many keys were removed.
+/// deleted, an insertion gives the table a new size: the smallest power of two above four times its live keys, or above
+/// twice its live keys from 30000 of them on. After many removals that may be fewer slots than before.
 ///
-///     key 0, then 8, in a table of 8 slots: both have home slot 0, and 8 steps on
+///     key 0, then 8, in a table of 8 slots: both have home slot 0; key 8 takes one step
 ///     slot   0   1   2   3   4   5   6   7  | end
 ///     key    0   8   .   .   .   .   .   .  |  .
 ///                ^ 5 * 0 + 1 + 8, modulo 8
@@ -310,9 +310,9 @@ GVHashTableEntry<K, V>* GVHashTableEntry_Iterator<K, V>::occupiedEntry() const {
 /// @tparam V  value: likewise, with `==` where tables are compared
 /// @tparam H  function object, const where it is called, that gives the unsigned 32-bit hash of a key
 ///
-/// What the copies and comparisons of K and V throw passes through. A slot is written before it is counted, so a throw
-/// from storing a new key leaves the table as it was; one while keys are carried over to a new array loses those not
-/// yet carried over, and the former array.
+/// What the copies and comparisons of K and V throw passes through. A slot is written before it is counted: a throw
+/// from storing a new key leaves the table as it was. A throw while the table gets a new array loses the keys that are
+/// not yet in the new array, and the former array.
 ///
 /// @par Invariants (after every completed insert)
 ///   1. theUsedCount <= theFillCount <= theMask
@@ -339,7 +339,8 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     /// @par Complexity  linear in the other's slots
     GVHashTable(const GVHashTable& other);
 
-    /// Not assignable: nobody would know whether the values that the table held may be deleted.
+    /// Not assignable: the table does not own its values, so an assignment could not say what becomes of the former
+    /// ones.
     GVHashTable& operator=(const GVHashTable&) = delete;
 
     /// Releases the slot array; no value is deleted.
@@ -386,17 +387,18 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     Entry* get(const K& key) const;
 
     /// The value under a key, which is added with a value-initialised V when it is not found.
-    /// @param key  not inside this table, whose slots may move
+    /// @param key  not a reference to a key in this table, whose slots may move
     /// @throws             what insert throws, when the key is absent. The key then stays, if it was stored
-    /// @throws GVException kind gvhashtablefailure: the key is not found after it was stored, as one unequal to itself
+    /// @throws GVException kind gvhashtablefailure: the key is not found after it was stored. It is unequal to itself,
+    ///                     as the floating-point NaN is
     V& operator[](const K& key);
 
     /// Marks a key's slot deleted. The slot goes on counting towards growth, and the array stays as it is.
     /// @returns whether the key was found
     bool remove(const K& key);
 
-    /// Forgets everything and returns to 8 slots; no value is deleted. Keys of embedded slots stay there, unseen, until
-    /// they are overwritten.
+    /// Forgets everything and returns to 8 slots; no value is deleted. The keys in embedded slots stay there, unseen,
+    /// until they are overwritten.
     void clear();
 
     /// Live keys.
@@ -430,7 +432,8 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     KeyList get_keys() const;
 
     /// Whether both tables hold the same keys with values that are equal by V's `==`; sizes and order do not matter.
-    /// The other is asked for keys by this table's hash function and by its own; where these differ, so do the tables.
+    /// The other table is searched with this table's hash function and with its own: tables of different hash functions
+    /// differ.
     bool operator==(const GVHashTable& other) const;
     /// The opposite of `==`.
     bool operator!=(const GVHashTable& other) const { return !(*this == other); }
@@ -452,6 +455,7 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     Entry* lookupPastHome(KeyArgument key, unsigned int hash) const;
     V& addMissing(KeyArgument key);
     unsigned int hashOf(const K& key) const { return theHashFunction(key); }
+    Entry* homeOf(unsigned int hash) const { return &theTable[hash & theMask]; }
     static bool holds(const Entry& entry, const K& key, unsigned int hash) {
         return detail::expectTrue(entry.theState == gvoccupiedentry) && detail::expectTrue(entry.theHash == hash) &&
                detail::expectTrue(entry.theKey == key);
@@ -476,8 +480,8 @@ template <typename K, typename V, typename H>
 GVHashTable<K, V, H>::GVHashTable()
     : theUsedCount(0), theFillCount(0), theMask(theSmallSize - 1), theTable(theSmallTable), theHashFunction() {}
 
-// Deliberate: a failing copy loses its grown array (docs/deliberate.md, Failures). So this constructor must not delegate
-// to another one, after which the destructor would run.
+// Deliberate: a failing copy loses its grown array (docs/deliberate.md, Failures). So this constructor must not
+// delegate to another one, after which the destructor would run.
 // Watched by HashTableCopy.losesItsGrownArrayWhenAnInsertionThrows.
 template <typename K, typename V, typename H>
 GVHashTable<K, V, H>::GVHashTable(const GVHashTable& other)
@@ -501,7 +505,7 @@ GVHashTableEntry<K, V>* GVHashTable<K, V, H>::lookup(const K& key, unsigned int 
         return nullptr;
     }
     // Nearly every search ends at the home slot: this much is compiled into every caller.
-    Entry* const home = &theTable[hash & theMask];
+    Entry* const home = homeOf(hash);
     if (holds(*home, key, hash)) {
         return home;
     }
@@ -513,8 +517,7 @@ template <typename K, typename V, typename H>
 GILVANE_OUT_OF_LINE GVHashTableEntry<K, V>* GVHashTable<K, V, H>::lookupPastHome(KeyArgument key,
                                                                                  unsigned int hash) const {
     detail::ProbeSequence probe(hash, theMask);
-    Entry* const home = &theTable[probe.slot()];
-    Entry* const reusable = home->theState == gvdeletedentry ? home : nullptr;
+    Entry* const reusable = homeOf(hash)->theState == gvdeletedentry ? homeOf(hash) : nullptr;
     for (;;) {
         probe.step();
         Entry* const entry = &theTable[probe.slot()];
@@ -621,7 +624,7 @@ int GVHashTable<K, V, H>::resize(unsigned int minUsed) {
     theMask = newSize - 1;
     theTable = newArray;
     theUsedCount = 0;
-    // A new heap array is empty as it was made.
+    // A new heap array is empty already.
     if (theTable == theSmallTable) {
         for (unsigned int slot = 0; slot < newSize; ++slot) {
             theTable[slot].theState = gvemptyentry;
@@ -651,12 +654,11 @@ int GVHashTable<K, V, H>::resize(unsigned int minUsed) {
 }
 
 // Prefetches the slot of the new array where an entry of the old one will most likely be stored. Scattered keys reach
-// the new array in no order, and each search depends on what it finds there: without this each key waits for its slot
-// alone.
+// the new array in no order: without the prefetch each insertion waits for a cache miss of its own.
 template <typename K, typename V, typename H>
 void GVHashTable<K, V, H>::prefetchHomeOf(const Entry& entry) const {
     if (entry.theState == gvoccupiedentry) {
-        detail::prefetchLine(&theTable[entry.theHash & theMask]);
+        detail::prefetchLine(homeOf(entry.theHash));
     }
 }
 
@@ -670,8 +672,8 @@ unsigned int GVHashTable<K, V, H>::sizeAbove(unsigned int minUsed) {
     return size;
 }
 
-// Empty entries on the heap, or null. More bytes than the hook or the language can count are refused here, since the
-// new-expression would report them in its own way.
+// Empty entries on the heap, or null. More bytes than the hook or the language can count are refused here: the
+// new-expression would throw std::bad_array_new_length.
 template <typename K, typename V, typename H>
 GVHashTableEntry<K, V>* GVHashTable<K, V, H>::makeArray(unsigned int numberOfEntries) {
     constexpr std::size_t mostBytes = std::min<std::size_t>((std::numeric_limits<unsigned int>::max)(), PTRDIFF_MAX);

@@ -30,7 +30,7 @@ class GVMutex {
     }
 
     /// Remembers `handle` and returns once the calling thread holds it.
-    /// @param handle  not null; to be given at most once in the life of a scoped lock
+    /// @param handle  not null. A scoped lock takes one handle at most
     void setHandle(GVMutexHandle* handle) {
         detail::requireOrReport(handle != nullptr, "GVMutex::setHandle: a null handle");
         detail::requireOrReport(theHandle == nullptr, "GVMutex::setHandle: a second handle");

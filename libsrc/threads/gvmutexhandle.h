@@ -12,9 +12,9 @@ namespace Gilvane {
 
 /// An exclusive lock for the threads of one process, seen through its operations only.
 ///
-/// Made by GVThreadsFactory::CreateUnnamedHandle or CreateUnnamedMutexHandle. A program that wants locks of another
-/// make derives from this class, with operations that do not throw, and links its own definitions of all that
-/// gvthreadsfactory.h declares.
+/// Made by GVThreadsFactory::CreateUnnamedHandle or CreateUnnamedMutexHandle. A program may bring its own locks:
+/// - its lock is a class derived from this one, whose operations do not throw
+/// - the program defines all that gvthreadsfactory.h declares, in place of the library
 ///
 /// @par Invariants
 ///   The virtual operations stand in this order: destructors, tryLock, lock, unlock. Programs rely on it.

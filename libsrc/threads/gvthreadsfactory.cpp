@@ -10,9 +10,8 @@ namespace {
 
 constexpr const char* theSourceFile = "libsrc/threads/gvthreadsfactory";
 
-// A handle over one POSIX mutex of the default type, which on Linux is the normal one. Its operations have no way to
-// fail while they are used as declared, so their results are not looked at: the callers could do nothing with a
-// failure.
+// A handle over one POSIX mutex of the default type, which on Linux is the normal one. Correct use cannot fail, so the
+// results are ignored.
 class PosixMutexHandle final : public GVMutexHandle {
   public:
     PosixMutexHandle() {

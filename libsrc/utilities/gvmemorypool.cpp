@@ -29,7 +29,7 @@ namespace {
 
 constexpr const char* theSourceFile = "libsrc/utilities/gvmemorypool";
 
-// Wraps a new pool; should the pointer fail, the pool goes.
+// Wraps a new pool. Deletes it when the pointer cannot be made.
 GVSmartPointer<GVMemoryPool> share(std::unique_ptr<GVMemoryPool> pool) {
     GVSmartPointer<GVMemoryPool> pointer(pool.get(), true, true);
     static_cast<void>(pool.release());
@@ -52,9 +52,9 @@ GILVANE_UNGUARDED void setWithoutLock(unsigned int& bytesInEachObject, unsigned 
 
 // The tokens that a shrink removes from a pool, the highest first.
 //
-// Each leaves the free list too: of several equal tokens in the list, the first. A search for each alone would make the
-// cost of a shrink grow with the square of the pool. So all of them leave the list in one pass, when the shrink ends,
-// normally or by a throw. Only a deallocation hook that looks at the pool meanwhile can tell.
+// The first occurrence of each leaves the free list, too. A search for each alone would make the cost of a shrink grow
+// with the square of the pool. So all of them leave in one pass, when the shrink ends, normally or by a throw. Only a
+// deallocation hook could see the tokens still in the list.
 class TokenRemoval {
   public:
     using Tokens = std::vector<unsigned int, GVStdAllocator<unsigned int>>;
@@ -73,7 +73,7 @@ class TokenRemoval {
     }
     TokenRemoval(const TokenRemoval&) = delete;
     TokenRemoval& operator=(const TokenRemoval&) = delete;
-    // A plain loop from the front: which of several equal tokens leaves depends on the order.
+    // A plain loop, since markFound must see the tokens in their order.
     ~TokenRemoval() {
         auto end = theFreeTokens.begin();
         for (const unsigned int token : theFreeTokens) {
@@ -89,8 +89,8 @@ class TokenRemoval {
     void highestTokenIsGone() { --theFirstGone; }
 
   private:
-    // Marks the token found in the free list, and returns whether it was among those that are gone and not yet marked.
-    // It can be among them twice, since a table may hold a key twice; see GVHashTable::lookup.
+    // Marks a token of the free list as found, and returns whether it is one of those that are gone. A table may hold a
+    // key twice, see GVHashTable::lookup; then the token is twice among them, and this returns true twice.
     bool markFound(unsigned int token) {
         const unsigned int* const tokens = theTokens.data();
         const unsigned int* const end = tokens + theTokens.size();
@@ -253,7 +253,7 @@ void GVMemoryPool::removeTokenFromAvailableList(unsigned int token) {
     if (position != availableTokens.end()) {
         availableTokens.erase(position);
         if constexpr (detail::isHardened) {
-            checkAfterLoan(token);
+            markLent(token);
         }
     }
 }
@@ -313,7 +313,7 @@ void GVMemoryPool::buildObjects(unsigned int numberOfObjects) {
     }
 }
 
-// Deliberate: a block that cannot be entered is not deleted (docs/deliberate.md, Failures).
+// Deliberate: a block that cannot be stored is not deleted (docs/deliberate.md, Failures).
 // Watched by PoolGrowth.losesTheBlockWhoseInsertionFails.
 void GVMemoryPool::buildObject() {
     if constexpr (detail::isHardened) {

@@ -33,7 +33,7 @@ class GILVANE_EXPORT GVMemoryPoolObject : public GVObject {
 
     /// A block with bytes, whose contents are not set.
     /// @param length  bytes. The header word's are added modulo 2^32, without a check: with a length that wraps, the
-    ///                header word itself does not fit
+    ///                block is too small even for its header word
     /// @throws std::bad_alloc no memory for the bytes; no token is used up
     explicit GVMemoryPoolObject(unsigned int length);
 
@@ -46,7 +46,7 @@ class GILVANE_EXPORT GVMemoryPoolObject : public GVObject {
 
     /// The first byte, or null.
     void* getBytes() const noexcept { return theBytes; }
-    /// Bytes.
+    /// The length in bytes.
     unsigned int getLength() const noexcept { return theLength; }
     /// Unique in the process until the 32-bit counter wraps.
     unsigned int getToken() const noexcept { return theToken; }
@@ -89,24 +89,25 @@ GILVANE_EXPORT std::ostream& operator<<(std::ostream& stream, const GVMemoryPool
 ///   2. until the pool is rebuilt, availableTokens holds the token of each block that is not lent, once
 ///   3. theMutexHandle is null  <=>  useMutexHandle is false
 /// @par Thread safety
-///   Several threads may use a pool that was made with a mutex. Fill it before they start, and keep it from running
-///   dry, because these accesses take no lock:
-///   - construction, destruction, copying, comparison, print and removeTokenFromAvailableList, all of them
-///   - setNumberOfBytesInPoolObject, where it writes the block size and reads the number of blocks
-///   - a loan that finds no free token, where it reads the number of blocks
-///   - every building of a block, where it takes a token from the counter that all pools of the process share
+///   Several threads may use a pool that was made with a mutex.
+///   - Construction, destruction, copying, comparison, print and removeTokenFromAvailableList take no lock: no other
+///     thread may use the pool meanwhile. The same goes for setNumberOfBytesInPoolObject, which writes the block size
+///     and reads the number of blocks outside the lock.
+///   - A loan that finds no free token reads the number of blocks outside the lock, and every block takes its token
+///     from a counter that all pools of the process share without a lock. So build all blocks before the threads start,
+///     and keep the pool from running dry.
 /// @par Ownership
 ///   Owns its blocks and its mutex handle. A copy, which is made member by member, holds the same blocks and the same
 ///   handle: only one of the two may ever be destroyed.
-class GILVANE_EXPORT GVMemoryPool : public GVObject {
+class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVMemoryPool : public GVObject {
   public:
     /// Blocks that a pool made without a number builds at its first loan; 4 unless set. Read at construction.
     static unsigned int defaultNumberOfObjects;
 
     /// @name Construction inside a smart pointer
     /// As the constructors, with the pool owned by a pointer that has a lock of its own.
-    /// @throws whatever the constructor throws, leaving what the constructor leaves; or the pointer's, after which the
-    ///         pool is deleted
+    /// @throws what the constructor throws; it leaves what it leaves. Or what the pointer's constructor throws; the
+    ///         pool is then deleted
     /// @{
 
     /// As GVMemoryPool(bool).
@@ -151,10 +152,10 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     /// and once the new ones are all lent, the pool lends the dead ones, which name no block, before it grows.
     /// @param numberOfObjects  blocks the pool shall hold
     /// @throws GVException     kind gvoutofmemory: no memory for a block or for the table. The blocks built so far stay
-    ///                         in the pool, free to lend. The one being built is not lent: it stays, counting as in
-    ///                         use, if the table had stored it, and is lost otherwise
-    /// @throws std::bad_alloc  no memory for a block's bytes, for the free list or for the exception's own texts;
-    ///                         likewise
+    ///                         in the pool, free to lend. The block being built is never lent: if the table has stored
+    ///                         it, it counts as in use until the pool goes; otherwise it is lost
+    /// @throws std::bad_alloc  no memory for a block's bytes, for the free list or for the exception's own texts; the
+    ///                         pool is left in the same way
     /// @par Complexity  linear in the blocks, old and new
     /// @par Threads     takes the pool's lock, when it has one, for its whole body
     void makePool(unsigned int numberOfObjects);
@@ -162,14 +163,15 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     /// Grows or shrinks the pool to `numberOfObjects` blocks.
     ///
     /// Shrinking removes the blocks with the highest tokens, lent or not: a token lent out and removed is dead, and its
-    /// holder is not told. Removed tokens leave deleted slots in the table, behind which a token that stays may,
-    /// rarely, no longer be found, although its block lives; see GVHashTable::lookup. A block that is not found while
-    /// shrinking stays, and the pool keeps that many more.
+    /// holder is not told. Removed tokens leave deleted slots in the table. Rarely, such a slot hides a token that
+    /// stays: searches no longer find it, although its block lives; see GVHashTable::lookup. A shrink that is to remove
+    /// a hidden block does not find it either, and the pool keeps it.
     /// @param numberOfObjects  blocks the pool shall hold
     /// @throws GVException     growing, kind gvoutofmemory: no memory for a block or for the table; as with makePool
     /// @throws std::bad_alloc  growing: as with makePool; shrinking: no memory for the list of tokens, before anything
-    ///                         has changed. A token that is not found while shrinking is stored again, which may throw
-    ///                         what GVHashTable::insert throws; the tokens above it are then gone
+    ///                         has changed
+    /// @throws                 shrinking, where a token is hidden: what GVHashTable::insert throws, since the token is
+    ///                         stored once more. The blocks of higher tokens are gone then
     /// @par Complexity  growing: linear in the new blocks; shrinking: linear in the slots and free tokens, times
     ///                  the logarithm of the blocks
     /// @par Threads     takes the pool's lock, when it has one, for its whole body
@@ -214,7 +216,7 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
 
     /// The address of a block's first byte; null in a pool whose blocks have none.
     /// @param token  of a block of this pool, lent or not. Any other is misuse: the table gains an entry without a
-    ///               block, for which GVHashTable::insert may throw, and then the missing block is read
+    ///               block. GVHashTable::insert may throw; otherwise the call reads through a null pointer
     /// @par Complexity  constant on average
     /// @par Threads     takes the pool's lock, when it has one
     void* getMemoryForToken(unsigned int token);
@@ -249,7 +251,7 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     static GVMutexHandle* createHandleIf(bool useMutex);
     template <typename Function>
     decltype(auto) withLock(Function&& function) const;
-    GILVANE_OF_THIS_BUILD void growToLend();
+    void growToLend();
     const GVMemoryPoolObject* blockOf(unsigned int token) const;
     void* addressOf(unsigned int token);
     void buildObjects(unsigned int numberOfObjects);
@@ -257,13 +259,13 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
     void deleteObjects();
     void removeObjects(unsigned int numberOfObjects);
 
-    // The hardened build's checks.
-    GILVANE_CHECK const GVMemoryPoolObject* findBlock(unsigned int token) const;
-    GILVANE_CHECK void checkThatThereIsOneToLend() const;
-    GILVANE_CHECK void checkAfterLoan(unsigned int token) const;
-    GILVANE_CHECK void checkBeforeAddress(unsigned int token) const;
-    GILVANE_CHECK void checkAfterReturn(unsigned int token) const;
-    GILVANE_CHECK void checkBlockSize() const;
+    // The hardened build's checks, and its marks on the bytes of blocks.
+    GILVANE_HARDENED_ONLY const GVMemoryPoolObject* blockInAnySlot(unsigned int token) const;
+    GILVANE_HARDENED_ONLY void checkThatThereIsOneToLend() const;
+    GILVANE_HARDENED_ONLY void markLent(unsigned int token) const;
+    GILVANE_HARDENED_ONLY void checkBeforeAddress(unsigned int token) const;
+    GILVANE_HARDENED_ONLY void checkAfterReturn(unsigned int token) const;
+    GILVANE_HARDENED_ONLY void checkBlockSize() const;
 
     GVHashTable<unsigned int, GVMemoryPoolObject*, GVGenericHashFunction<unsigned int>> memoryPool; // token -> block
     std::vector<unsigned int, GVStdAllocator<unsigned int>> availableTokens; // free tokens, the next to lend at the end
@@ -277,12 +279,12 @@ class GILVANE_EXPORT GVMemoryPool : public GVObject {
 template <typename T>
 struct GVCopySharesWithSource<T, std::enable_if_t<std::is_base_of_v<GVMemoryPool, T>>> : std::true_type {};
 
-// What programs do most is compiled into them.
+// Inline: what programs do most.
 
 // Runs a function under the pool's lock, if the pool has one, and returns what it returns.
 template <typename Function>
 decltype(auto) GVMemoryPool::withLock(Function&& function) const {
-    if (detail::expectTrue(!useMutexHandle)) { // by itself, so that it carries no guard along
+    if (detail::expectTrue(!useMutexHandle)) { // a return of its own, without a guard and the code that cleans it up
         return function();
     }
     GVMutex guard;
@@ -290,7 +292,7 @@ decltype(auto) GVMemoryPool::withLock(Function&& function) const {
     return function();
 }
 
-// By hand, since growth has to let go of the lock.
+// Locks by hand, because growToLend unlocks.
 inline unsigned int GVMemoryPool::getTokenForFreeMemoryObject() {
     const bool locks = useMutexHandle;
     if (detail::expectFalse(locks)) {
@@ -307,7 +309,7 @@ inline unsigned int GVMemoryPool::getTokenForFreeMemoryObject() {
     const unsigned int token = availableTokens.back();
     availableTokens.pop_back();
     if constexpr (detail::isHardened) {
-        checkAfterLoan(token);
+        markLent(token);
     }
     if (detail::expectFalse(locks)) {
         theMutexHandle->unlock();

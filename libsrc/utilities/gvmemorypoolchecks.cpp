@@ -7,9 +7,9 @@
 
 namespace Gilvane {
 
-// As blockOf, but finds hidden blocks too, whose return is no misuse: after a shrink, searches may miss a block, or find
-// an entry without a block before it. Then every slot is looked at.
-const GVMemoryPoolObject* GVMemoryPool::findBlock(unsigned int token) const {
+// As blockOf, but looks at every slot when the search fails. A shrink may hide a block, and the return of a hidden
+// block is no misuse.
+const GVMemoryPoolObject* GVMemoryPool::blockInAnySlot(unsigned int token) const {
     if (const GVMemoryPoolObject* const block = blockOf(token)) {
         return block;
     }
@@ -28,9 +28,9 @@ void GVMemoryPool::checkThatThereIsOneToLend() const {
     }
 }
 
-// A token whose block is gone may be lent, after a rebuild; it has no bytes to mark.
-void GVMemoryPool::checkAfterLoan(unsigned int token) const {
-    const GVMemoryPoolObject* const block = findBlock(token);
+// A rebuilt pool may lend a token whose block is gone: then there is nothing to mark.
+void GVMemoryPool::markLent(unsigned int token) const {
+    const GVMemoryPoolObject* const block = blockInAnySlot(token);
     if (block != nullptr) {
         detail::markBytesUsable(block->getBytes(), block->getLength());
     }
@@ -39,14 +39,14 @@ void GVMemoryPool::checkAfterLoan(unsigned int token) const {
 void GVMemoryPool::checkBeforeAddress(unsigned int token) const {
     if (blockOf(token) == nullptr) {
         detail::reportMisuse("getMemoryForToken: token %u of pool %p: %s", token, static_cast<const void*>(this),
-                             findBlock(token) != nullptr ? "hidden by a shrink, though its block is there"
-                                                         : "unknown: not of this pool, or its block is gone");
+                             blockInAnySlot(token) != nullptr ? "hidden by a shrink, though its block is there"
+                                                              : "unknown: not of this pool, or its block is gone");
     }
 }
 
-// The token stands at the end of the free list already; anywhere before it, it stands there twice.
+// The token is at the end of the free list already. A second occurrence means that it was free before.
 void GVMemoryPool::checkAfterReturn(unsigned int token) const {
-    const GVMemoryPoolObject* const block = findBlock(token);
+    const GVMemoryPoolObject* const block = blockInAnySlot(token);
     if (block == nullptr) {
         detail::reportMisuse("releaseObject: token %u of pool %p: unknown: not of this pool, or its block is gone",
                              token, static_cast<const void*>(this));

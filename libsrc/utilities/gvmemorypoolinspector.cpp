@@ -143,7 +143,7 @@ std::ostream& GVMemoryPoolInspector::print(std::ostream& stream) const {
     return stream;
 }
 
-// Everything that needs the pool's lock, and nothing else: the blocks' keys and the free list go on to evaluate.
+// Does all that needs the pool's lock, and nothing else. The keys and the free list are for evaluate.
 void GVMemoryPoolInspector::copyFrom(const GVMemoryPool& pool, TokenList& keys, TokenList& freeTokens) {
     pool.withLock([&] {
         const Table& table = pool.memoryPool;

@@ -64,7 +64,7 @@ class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
     std::size_t getNumberOfBlocks() const { return theBlocks.size(); }
     /// Blocks whose token is in the free list, however often.
     std::size_t getNumberOfFreeBlocks() const { return theFreeBlockCount; }
-    /// Blocks whose token is not.
+    /// Blocks whose token is not in the free list.
     std::size_t getNumberOfLentBlocks() const { return theBlocks.size() - theFreeBlockCount; }
     /// Tokens in the free list, with those that are there twice or name no block.
     std::size_t getNumberOfFreeTokens() const { return theFreeTokenCount; }
@@ -88,7 +88,7 @@ class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
     unsigned int getBytesInEachObject() const { return theBytesInEachObject; }
     /// The blocks' lengths together: what borrowers can use.
     std::size_t getBytesAskedFor() const { return theBytesAskedFor; }
-    /// The object of the pool, the slots of a small table within it.
+    /// The pool object, with the slots that are embedded in its table.
     std::size_t getBytesOfPool() const { return sizeof(GVMemoryPool); }
     /// The objects of the blocks: address, length and token of each.
     std::size_t getBytesOfBlockObjects() const { return theBlocks.size() * sizeof(GVMemoryPoolObject); }
@@ -112,7 +112,7 @@ class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
     const StateList& getSlotStates() const { return theSlotStates; }
     /// Slots in that state.
     std::size_t getNumberOfSlots(GVHashTableEntryState state) const;
-    /// Occupied and deleted slots as a share of all, from 0 to 1: what growth looks at, which comes at two thirds.
+    /// Occupied and deleted slots as a share of all, from 0 to 1. The table grows at two thirds.
     double getLoad() const;
     /// Most slots that a search for a key in the table looks at; 1 when all keys lie in their home slots, 0 without
     /// keys. Keys that no search reaches do not count.
@@ -125,15 +125,16 @@ class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
     /// Tokens by what is wrong with them, ascending. All four lists are empty for a pool in order.
     /// @{
 
-    /// More than once in the free list, each named once: returned twice. Two borrowers get the same block.
+    /// Tokens that are more than once in the free list, each named once. They were returned twice, and two borrowers
+    /// get the same block.
     const TokenList& getTokensTwiceFree() const { return theTokensTwiceFree; }
-    /// In the free list, each named once, and under none of the table's entries: left over from a rebuilding, or never
-    /// the pool's. A borrower gets a token without a block.
+    /// Tokens in the free list that the table has no entry for, each named once. They are left over from a rebuild, or
+    /// were never the pool's. A borrower gets a token without a block.
     const TokenList& getTokensUnknown() const { return theTokensUnknown; }
-    /// Of entries that no search reaches, behind a deleted slot or a second entry for the same token: the borrower's
-    /// question for the address adds an entry without a block.
+    /// Tokens of entries that no search reaches, behind a deleted slot or a second entry for the same token. For such a
+    /// token getMemoryForToken adds an entry without a block.
     const TokenList& getTokensUnreachable() const { return theTokensUnreachable; }
-    /// Of entries without a block, as a question for the address of an unknown token adds them.
+    /// Tokens of entries without a block, which getMemoryForToken adds for unknown tokens.
     const TokenList& getTokensWithoutBlock() const { return theTokensWithoutBlock; }
     /// Whether any of the lists holds a token.
     bool hasFindings() const;

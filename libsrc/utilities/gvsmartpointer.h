@@ -12,11 +12,11 @@
 #include <gilvane/threads/gvmutexhandle.h>
 #include <gilvane/threads/gvthreadsfactory.h>
 
+#include <cstring>
 #include <memory>
 #include <new>
 #include <ostream>
 #include <type_traits>
-#include <typeinfo>
 #include <utility>
 
 namespace Gilvane {
@@ -29,6 +29,13 @@ struct HasStreamOperator : std::false_type {};
 template <typename T>
 struct HasStreamOperator<T, std::void_t<decltype(std::declval<std::ostream&>() << std::declval<const T&>())>>
     : std::true_type {};
+
+/// Whether two objects have the same virtual table, and so are of the same class. Needs no run-time type information,
+/// which a part of a program may be compiled without. A class may have a table in each of several libraries: then this
+/// is false for two of its objects.
+inline bool haveSameVirtualTable(const GVObject& one, const GVObject& other) {
+    return std::memcmp(static_cast<const void*>(&one), static_cast<const void*>(&other), sizeof(void*)) == 0;
+}
 
 } // namespace detail
 
@@ -44,7 +51,8 @@ template <typename T, typename = void>
 struct GVIsDeepCopyable : std::is_copy_constructible<T> {};
 
 /// Whether a copy of a T holds things that its source goes on owning, so that deleting the copy would take them from
-/// the source. GVSmartPointer::deepCopy then leaves a copy alone that it cannot hand out. False unless specialised.
+/// the source. When GVSmartPointer::deepCopy cannot make the pointer to such a copy, it does not delete the copy. False
+/// unless specialised, as the pool's header does for pools.
 template <typename T, typename = void>
 struct GVCopySharesWithSource : std::false_type {};
 
@@ -55,8 +63,8 @@ struct GVCopySharesWithSource : std::false_type {};
 ///
 /// @par Invariants
 ///   1. all four fields are null (an empty pointer), or object, refCount and ownObject are not null
-///   2. *refCount, where it exists, is the number of pointers that share the object, at least 1, less the shares given
-///      up by decrementRefCount
+///   2. *refCount, where it exists, is at least 1: the pointers that share the object, without those on which
+///      decrementRefCount was called
 /// @par Thread safety
 ///   Different pointers that share one object may be copied, assigned and destroyed by different threads at the same
 ///   time if the first of them was made with a lock. One pointer is for one thread at a time. Access to the object is
@@ -80,17 +88,17 @@ class GILVANE_EXPORT GVSmartPointer : public GVObject {
     /// One more sharer. From an empty pointer, another one.
     GVSmartPointer(const GVSmartPointer& other);
 
-    /// Takes over the other's share and leaves it empty.
+    /// Takes over the other's share; the other is empty then.
     GVSmartPointer(GVSmartPointer&& other) noexcept { takeFrom(other); }
 
     /// Becomes a sharer of the other's object, then gives up the former share. Assignment to itself changes nothing.
     ///
     /// The destructor of the former object may use this pointer, and assign to it again: the pointer holds the new
-    /// object by then. This does not go for classes derived from this one. There the former share is given up first, so
-    /// that an override of deleteData is called, on this pointer, which still holds the former object.
+    /// object by then. In a class derived from this one it may not: there the former share is given up first, so that
+    /// an override of deleteData still finds the former object in this pointer.
     GVSmartPointer& operator=(const GVSmartPointer& other);
 
-    /// Takes over the other's share, which is left empty; otherwise as above.
+    /// Takes over the other's share, and leaves the other empty; otherwise as above.
     GVSmartPointer& operator=(GVSmartPointer&& other) noexcept;
 
     /// Gives up this share.
@@ -112,14 +120,14 @@ class GILVANE_EXPORT GVSmartPointer : public GVObject {
     virtual std::ostream& print(std::ostream& stream) const;
 
     /// Deletes the object if it is owned. Clears no field: decrementRefCount calls it for the last sharer. A class that
-    /// overrides it calls decrementRefCount in its own destructor: in this one's, the override is no longer there.
+    /// overrides it calls decrementRefCount in its own destructor: this one's does not reach the override.
     virtual void deleteData();
 
     /// Gives up this share; the last one deletes the object, if owned, and both cells and the handle, and leaves this
     /// pointer empty.
     ///
-    /// When others still share, this pointer keeps its fields, and its destructor gives up one share more. So call this
-    /// on a pointer that is never destroyed, or keep a share for its destructor to give up.
+    /// When others still share, this pointer keeps its fields, and its destructor gives up one share more. So either
+    /// this pointer is never destroyed, or another pointer, which shares too, is not.
     void decrementRefCount();
 
     /// The object; null when empty.
@@ -140,7 +148,7 @@ class GILVANE_EXPORT GVSmartPointer : public GVObject {
     template <typename Cell>
     static Cell* makeCell(Cell value);
     void addShare() const;
-    void replaceWith(GVSmartPointer& next) noexcept;
+    void replaceWith(GVSmartPointer& next);
     void takeFrom(GVSmartPointer& other) noexcept;
     void forget() noexcept;
     void lockIfShared(GVMutex& guard) const;
@@ -172,8 +180,8 @@ GVSmartPointer<T>::GVSmartPointer(const GVSmartPointer& other)
     addShare();
 }
 
-// The other's share is added, or taken over, before this pointer's is given up: the object that goes may be the same, or
-// may hold `other` itself.
+// The other's share is added, or taken over, before this pointer's is given up: the object that goes may be the same,
+// or may hold `other` itself.
 template <typename T>
 GVSmartPointer<T>& GVSmartPointer<T>::operator=(const GVSmartPointer& other) {
     GVSmartPointer next(other);
@@ -311,23 +319,18 @@ void GVSmartPointer<T>::addShare() const {
     }
 }
 
-// Leaves this pointer with the share of `next`, and gives up its own. No field says whether a derived class overrides
-// deleteData; where the type cannot be asked either, one may.
+// Takes over the share of `next`, and gives up this pointer's own: by way of `next`, which its owner destroys, except
+// where a derived class may override deleteData.
 template <typename T>
-void GVSmartPointer<T>::replaceWith(GVSmartPointer& next) noexcept {
-#if defined(__cpp_rtti)
-    const bool mayOverride = typeid(*this) != typeid(GVSmartPointer);
-#else
-    const bool mayOverride = true;
-#endif
-    if (mayOverride) {
-        decrementRefCount();
-        takeFrom(next);
-    } else {
+void GVSmartPointer<T>::replaceWith(GVSmartPointer& next) {
+    if (detail::haveSameVirtualTable(*this, next)) {
         std::swap(object, next.object);
         std::swap(refCount, next.refCount);
         std::swap(ownObject, next.ownObject);
         std::swap(lock, next.lock);
+    } else {
+        decrementRefCount();
+        takeFrom(next);
     }
 }
 

@@ -49,10 +49,10 @@ class [[nodiscard]] GVTokenLease : public GVObject {
     /// behind; a shrink may hide the block of one.
     /// @param owner  shares the pool
     /// @throws GVException     kind gvinvalidstate: `owner` is empty
-    /// @throws std::bad_alloc  no memory for the room that the free list needs when the block comes back
+    /// @throws std::bad_alloc  no memory to reserve room in the free list for the return
     /// @throws                 what GVMemoryPool::getTokenForFreeMemoryObject throws
     ///
-    /// After a throw nothing is lent: a block already borrowed was returned, as the destructor returns it.
+    /// After any throw nothing is lent: a block already borrowed was returned, as the destructor returns it.
     /// @par Complexity  constant; linear in the blocks when the pool grows, or has grown since the last lease was made
     /// @par Threads     takes the pool's lock, when it has one, twice: to borrow, and to look the block up
     explicit GVTokenLease(GVSmartPointer<GVMemoryPool> owner);
@@ -65,10 +65,10 @@ class [[nodiscard]] GVTokenLease : public GVObject {
     GVTokenLease(const GVTokenLease&) = delete;
     GVTokenLease& operator=(const GVTokenLease&) = delete;
 
-    /// Takes over the other's loan and leaves it empty.
+    /// Takes over the other's loan; the other is empty then.
     GVTokenLease(GVTokenLease&& other) noexcept : GVTokenLease() { swap(other); }
 
-    /// Takes over the other's loan, which is left empty, and returns its own. Assignment to itself changes nothing.
+    /// Takes over the other's loan, leaves the other empty, and returns its own. Assignment to itself changes nothing.
     GVTokenLease& operator=(GVTokenLease&& other) noexcept;
 
     /// Returns the block, and never throws. As long as the pool has not grown since this lease was made, that needs no
@@ -125,8 +125,8 @@ class [[nodiscard]] GVTokenLease : public GVObject {
     void* theBytes = nullptr;   // the block's first byte; null for a block without bytes
 };
 
-// Both constructors start from an empty lease that is complete: should borrowing fail half-way, the destructor runs and
-// returns the token.
+// Both constructors delegate to the default one. So the destructor runs when borrowing fails half-way, and returns the
+// token.
 inline GVTokenLease::GVTokenLease(GVSmartPointer<GVMemoryPool> owner) : GVTokenLease() {
     if (owner.get() == nullptr) {
         throw GVException("Lease needs a pool.", detail::tokenLeaseFile, __LINE__, gvinvalidstate, 0);
@@ -205,7 +205,7 @@ inline bool GVTokenLease::hold(GVMemoryPool& pool, unsigned int token) {
     theToken = token;
     theLength = block->getLength();
     theBytes = block->getBytes();
-    // With room for every block, tokens come back without asking for memory, which the destructor must not fail on.
+    // Room for every block now, so that the return in the destructor needs no memory.
     pool.availableTokens.reserve(pool.memoryPool.getUsedCount());
     return true;
 }

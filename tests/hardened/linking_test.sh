@@ -47,7 +47,7 @@ for kind in default hardened; do
     silently g++ "$scratch/$kind.o" "${!kind}" -pthread -o "$scratch/$kind"
     [[ $("$scratch/$kind") == served ]] || fail "the $kind program did not do its job"
 done
-expectRefused 'checkAfterLoan\[abi:hardened\]\(' hardened.o "$default"
+expectRefused 'checkAfterReturn\[abi:hardened\]\(' hardened.o "$default"
 expectRefused 'growToLend\(\)' default.o "$hardened"
 
 # --- find_package -----------------------------------------------------------------------------------------------------

@@ -19,7 +19,7 @@
 // clang-format off
 #define GILVANE_LAYOUT(CLASS, FIELD)                                                                    \
     CLASS(GVObject, GVObject, 4, 4, 8, 8)                                                               \
-    CLASS(GVRawBlockHeader, GVDeallocatorFunction, 4, 4, 8, 8)                                          \
+    CLASS(GVDeallocatorFunction, GVDeallocatorFunction, 4, 4, 8, 8)                                     \
     CLASS(GVStdAllocator, GVStdAllocator<unsigned int>, 4, 4, 8, 8)                                     \
     CLASS(GVStdAllocator<void>, GVStdAllocator<void>, 4, 4, 8, 8)                                       \
     CLASS(GVExceptionMessage, GVExceptionMessage, 60, 4, 88, 8)                                         \

@@ -1,5 +1,5 @@
-// Whether the default hooks of a library built with GILVANE_MIMALLOC stand on mimalloc alone. The program has a malloc of
-// its own, which counts, and stands before the one that mimalloc's library brings along.
+// Whether the default hooks of a library built with GILVANE_MIMALLOC stand on mimalloc alone. The program has a malloc
+// of its own, which counts, and stands before the one that mimalloc's library brings along.
 #include <gilvane/utilities/gvmemorypool.h>
 
 #include <mimalloc.h>
