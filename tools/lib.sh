@@ -12,6 +12,15 @@ fail() {
     exit 1
 }
 
+# showSuites: ctest's closing line of each suite that ./test has run.
+showSuites() {
+    local preset
+    for preset in dev asan arm arm-ubsan; do
+        say "the suite in preset $preset"
+        grep 'tests passed' "build/log/ctest-$preset"
+    done
+}
+
 # quietly COMMAND...: shows the command's output only if it fails, which ends the script; on a terminal, the seconds so
 # far.
 quietly() {
