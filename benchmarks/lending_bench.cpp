@@ -33,22 +33,27 @@ void borrowTouchAndReturn(Subject* subject) {
     subject->giveBack(loan);
 }
 
-// One pool for all threads of a benchmark. The loop over `state` lets no thread begin before the first has made the
-// pool, nor lets the first go on before the last has ended.
-template <typename Subject, void (*Operation)(Subject*)>
-void repeatOnSharedPool(benchmark::State& state) {
-    static std::unique_ptr<Subject> shared;
-    if (state.thread_index() == 0) {
+// One pool for all threads of a benchmark. It is made before the first of them begins, and is torn down after the last has
+// been joined: a thread's exit may still work on it, as it does where a pool keeps something for each thread.
+template <typename Subject>
+class SharedPool {
+  public:
+    static void make(const benchmark::State&) {
         tidyHeap();
-        shared = std::make_unique<Subject>(blocksOfSmallPool);
+        thePool = std::make_unique<Subject>(blocksOfSmallPool);
     }
-    for (auto _ : state) {
-        Operation(shared.get());
+    static void tearDown(const benchmark::State&) { thePool.reset(); }
+
+    template <void (*Operation)(Subject*)>
+    static void repeat(benchmark::State& state) {
+        for (auto _ : state) {
+            Operation(thePool.get());
+        }
     }
-    if (state.thread_index() == 0) {
-        shared.reset();
-    }
-}
+
+  private:
+    inline static std::unique_ptr<Subject> thePool;
+};
 
 // The locking alone, which no pool that locks once for each operation can do without.
 template <int Pairs>
@@ -64,44 +69,47 @@ void lockAndUnlock(benchmark::State& state) {
     }
 }
 
+// Adds a benchmark whose name begins with `kindAndId`, on that many threads.
+benchmark::internal::Benchmark* addOnThreads(const std::string& kindAndId, const char* subject, int threads,
+                                             void (*function)(benchmark::State&)) {
+    auto* const added =
+        benchmark::RegisterBenchmark(benchmarkName(kindAndId, subject, blocksOfSmallPool).c_str(), function);
+    if (threads > 0) {
+        added->Threads(threads);
+    }
+    if (threads > 1) {
+        added->UseRealTime();
+    }
+    return added;
+}
+
+// `prefix`: what stands before borrow_return and borrow_touch_return in the names. `threads` is 0 where the name is not
+// to tell their number, which is one.
+template <typename Subject>
+void registerOnThreads(const std::string& prefix, int threads) {
+    using Pool = SharedPool<Subject>;
+    const auto add = [&](const std::string& id, void (*function)(benchmark::State&)) {
+        addOnThreads(prefix + id, Subject::name, threads, function)->Setup(Pool::make)->Teardown(Pool::tearDown);
+    };
+    add("borrow_return", Pool::template repeat<borrowAndReturn<Subject>>);
+    add("borrow_touch_return", Pool::template repeat<borrowTouchAndReturn<Subject>>);
+}
+
 template <typename Subject>
 void registerUnlocked() {
-    benchmark::RegisterBenchmark(benchmarkName("row/borrow_return", Subject::name, blocksOfSmallPool).c_str(),
-                                 repeatOnSharedPool<Subject, borrowAndReturn<Subject>>);
-    benchmark::RegisterBenchmark(benchmarkName("row/borrow_touch_return", Subject::name, blocksOfSmallPool).c_str(),
-                                 repeatOnSharedPool<Subject, borrowTouchAndReturn<Subject>>);
-}
-
-// `prefix`: what stands before borrow_return and borrow_touch_return in the names.
-void registerOnThreads(const std::string& prefix, const char* subject, int threads,
-                       void (*borrowReturn)(benchmark::State&), void (*borrowTouchReturn)(benchmark::State&)) {
-    const auto add = [&](const std::string& id, void (*function)(benchmark::State&)) {
-        auto* const added =
-            benchmark::RegisterBenchmark(benchmarkName(prefix + id, subject, blocksOfSmallPool).c_str(), function);
-        added->Threads(threads);
-        if (threads > 1) {
-            added->UseRealTime();
-        }
-    };
-    add("borrow_return", borrowReturn);
-    add("borrow_touch_return", borrowTouchReturn);
-}
-
-template <typename Subject>
-void registerLocked(const std::string& prefix, int threads) {
-    registerOnThreads(prefix, Subject::name, threads, repeatOnSharedPool<Subject, borrowAndReturn<Subject>>,
-                      repeatOnSharedPool<Subject, borrowTouchAndReturn<Subject>>);
+    registerOnThreads<Subject>("row/", 0);
 }
 
 void registerAllLocked(const std::string& prefix, int threads) {
-    registerLocked<OurPool<true>>(prefix, threads);
-    registerLocked<ByHand<std::mutex>>(prefix, threads);
-    registerLocked<BarePool<true>>(prefix, threads);
-    registerLocked<BoostSingletonPool<std::mutex>>(prefix, threads);
-    registerLocked<StandardResource<std::pmr::synchronized_pool_resource>>(prefix, threads);
-    registerLocked<Malloc>(prefix, threads);
-    registerLocked<Mimalloc>(prefix, threads);
-    registerOnThreads(prefix, "the locks alone", threads, lockAndUnlock<2>, lockAndUnlock<3>);
+    registerOnThreads<OurPool<true>>(prefix, threads);
+    registerOnThreads<ByHand<std::mutex>>(prefix, threads);
+    registerOnThreads<BarePool<true>>(prefix, threads);
+    registerOnThreads<BoostSingletonPool<std::mutex>>(prefix, threads);
+    registerOnThreads<StandardResource<std::pmr::synchronized_pool_resource>>(prefix, threads);
+    registerOnThreads<Malloc>(prefix, threads);
+    registerOnThreads<Mimalloc>(prefix, threads);
+    addOnThreads(prefix + "borrow_return", "the locks alone", threads, lockAndUnlock<2>);
+    addOnThreads(prefix + "borrow_touch_return", "the locks alone", threads, lockAndUnlock<3>);
 }
 
 // --- the address of a random token ------------------------------------------------------------------------------------

@@ -5,11 +5,18 @@
 #include <gilvane/datastructures/gvhashtable.h>
 
 #include <absl/container/flat_hash_map.h>
-#include <boost/unordered/unordered_flat_map.hpp>
 
 #include <random>
 #include <unordered_map>
 #include <unordered_set>
+
+// Boost has it since 1.81; whoever has an older one measures without.
+#if __has_include(<boost/unordered/unordered_flat_map.hpp>)
+#include <boost/unordered/unordered_flat_map.hpp>
+#define GILVANE_BENCH_BOOST_FLAT_MAP 1
+#else
+#define GILVANE_BENCH_BOOST_FLAT_MAP 0
+#endif
 
 namespace {
 
@@ -42,9 +49,11 @@ struct StandardTable : OtherTable<std::unordered_map<Key, Value>> {
 struct AbseilTable : OtherTable<absl::flat_hash_map<Key, Value>> {
     static constexpr const char* name = "absl::flat_hash_map";
 };
+#if GILVANE_BENCH_BOOST_FLAT_MAP
 struct BoostTable : OtherTable<boost::unordered_flat_map<Key, Value>> {
     static constexpr const char* name = "boost::unordered_flat_map";
 };
+#endif
 
 enum class Keys { sequential, random };
 
@@ -126,7 +135,9 @@ void registerTables(const Settings& settings) {
         registerTable<OurTable>(kind, suffix, numberOfKeys);
         registerTable<StandardTable>(kind, suffix, numberOfKeys);
         registerTable<AbseilTable>(kind, suffix, numberOfKeys);
+#if GILVANE_BENCH_BOOST_FLAT_MAP
         registerTable<BoostTable>(kind, suffix, numberOfKeys);
+#endif
         registerTable<BareTable>(kind, suffix, numberOfKeys);
     };
     for (const unsigned int size : {1'000U, 10'000U, 100'000U, 1'000'000U}) {

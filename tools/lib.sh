@@ -12,6 +12,15 @@ fail() {
     exit 1
 }
 
+# showSuites: ctest's closing line of each suite that ./test has run.
+showSuites() {
+    local preset
+    for preset in dev asan arm arm-ubsan; do
+        say "the suite in preset $preset"
+        grep 'tests passed' "build/log/ctest-$preset"
+    done
+}
+
 # quietly COMMAND...: shows the command's output only if it fails, which ends the script; on a terminal, the seconds so
 # far.
 quietly() {
@@ -53,7 +62,13 @@ showSeconds() {
     done
 }
 
-# needPackages PACKAGE...: has apt install what is missing, and does nothing if nothing is.
+# isInstalled PACKAGE: whether it is; a pattern such as libboost1.8?-dev, whether one that matches is. A name such as
+# zlib1g-dev:amd64 may have several states; one that is installed will do.
+isInstalled() {
+    dpkg-query -W -f '${db:Status-Status}\n' "$1" 2>/dev/null | grep -qx installed
+}
+
+# needPackages PACKAGE...: has apt install what is missing, and does nothing if nothing is. No package is removed for it.
 needPackages() {
     local package missing=() asRoot=()
     if ! command -v dpkg-query >/dev/null; then
@@ -61,10 +76,7 @@ needPackages() {
         return
     fi
     for package in "$@"; do
-        # A name such as zlib1g-dev:amd64 may have several states; one that is installed will do.
-        if ! dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed; then
-            missing+=("$package")
-        fi
+        isInstalled "$package" || missing+=("$package")
     done
     if [[ ${#missing[@]} == 0 ]]; then
         return
@@ -78,12 +90,25 @@ needPackages() {
     # Lists of packages that are not there, or too old, make the first attempt fail.
     if ! attempt build/log/apt.log aptInstall "${missing[@]}"; then
         quietly "${asRoot[@]}" apt-get update -q
-        quietly aptInstall "${missing[@]}"
+        attempt build/log/apt.log aptInstall "${missing[@]}" || failToInstall "${missing[@]}"
     fi
     rm -f build/log/apt.log
 }
 
-# aptInstall PACKAGE...: for needPackages, whose asRoot it uses.
+# aptInstall PACKAGE...: for needPackages, whose asRoot it uses. In English, which failToInstall reads.
 aptInstall() {
-    "${asRoot[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends "$@"
+    "${asRoot[@]}" env DEBIAN_FRONTEND=noninteractive LC_ALL=C \
+        apt-get install -q -y --no-remove --no-install-recommends "$@"
+}
+
+# failToInstall PACKAGE...: for needPackages, after an attempt; names the packages that would have had to go, if any.
+failToInstall() {
+    local inTheWay
+    inTheWay=$(sed -n '/^The following packages will be REMOVED:$/,/^[^ ]/s/^  //p' build/log/apt.log | tr '\n' ' ')
+    if [[ $inTheWay ]]; then
+        fail "$* cannot be installed beside ${inTheWay% }; nothing was changed." \
+            "If you can do without the latter, remove them yourself and start again; or use another system or container"
+    fi
+    cat build/log/apt.log >&2
+    fail "apt-get cannot install $*"
 }

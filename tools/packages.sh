@@ -21,8 +21,11 @@ testPackages=(
 # To count instructions.
 countPackages=("${buildPackages[@]}" valgrind python3)
 
-# To run the benchmarks.
+# To run the benchmarks. Debian's Boost packages exclude each other, so that the one that is installed has to do; all have
+# the pools, and the older ones lack a table.
+boostPackage=$(dpkg-query -W -f '${db:Status-Status} ${Package}\n' 'libboost1.[0-9]?-dev' 2>/dev/null |
+    sed -n 's/^installed //p' | tail -n 1) || true
 benchPackages=(
     "${buildPackages[@]}"
-    libbenchmark-dev libboost1.81-dev libabsl-dev libmimalloc-dev gnuplot-nox python3 valgrind
+    libbenchmark-dev "${boostPackage:-libboost1.81-dev}" libabsl-dev libmimalloc-dev gnuplot-nox python3 valgrind
 )

@@ -8,9 +8,10 @@ cd "$1"
 scratch=$2
 . tools/abi.sh
 
+flags=(-g -O1 -std=c++17 -fPIC -fvisibility=hidden -pthread)
 build() { # COPY: a shared library from the copy's sources
-    g++ -g -O1 -std=c++17 -fPIC -shared -fvisibility=hidden -Wl,--version-script=cmake/exports.map \
-        -I "$1/include" "$1"/libsrc/*/*.cpp -o "$1/libgilvane.so" -pthread
+    g++ "${flags[@]}" -include "$scratch/standard.h" -shared -Wl,--version-script=cmake/exports.map \
+        -I "$1/include" "$1"/libsrc/*/*.cpp -o "$1/libgilvane.so"
 }
 
 change() { # NAME SED_EXPRESSION: a copy of the library with one change in all its sources, built
@@ -35,6 +36,9 @@ expectFiring() { # NAME SED_EXPRESSION
 
 rm -rf "$scratch"
 mkdir -p "$scratch/base"
+# What the copies include of the standard library is compiled once.
+grep -rhoE '^#include <[a-z_]+>' libsrc | sort -u >"$scratch/standard.h"
+g++ "${flags[@]}" -x c++-header "$scratch/standard.h"
 cp -rP libsrc include "$scratch/base"
 build "$scratch/base"
 takeDownInterface "$scratch/base/libgilvane.so" "$scratch/base.abi"
