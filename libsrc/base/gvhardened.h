@@ -13,14 +13,14 @@
 #if defined(GILVANE_HARDENED)
 
 /// Marks a function that programs of both builds call: each build finds its own alone.
-#define GILVANE_OF_THIS_BUILD __attribute__((abi_tag("hardened")))
+#define GILVANE_OF_THIS_BUILD __attribute__((__abi_tag__("hardened")))
 /// Marks a check, and what checks are made of: called by programs of the hardened build, and hidden in the default one.
-#define GILVANE_CHECK GILVANE_EXPORT __attribute__((abi_tag("hardened")))
+#define GILVANE_CHECK GILVANE_EXPORT __attribute__((__abi_tag__("hardened")))
 
 #else
 
 #define GILVANE_OF_THIS_BUILD
-#define GILVANE_CHECK __attribute__((visibility("hidden")))
+#define GILVANE_CHECK __attribute__((__visibility__("hidden")))
 
 #endif
 
@@ -36,7 +36,7 @@ inline constexpr bool isHardened = false;
 /// Writes one line to standard error, which begins with "gilvane: ", and ends the program with `abort`. Allocates
 /// nothing and takes no lock.
 /// @param format  of the rest of the line, as `printf` takes it
-[[noreturn, gnu::format(printf, 1, 2)]] GILVANE_CHECK void reportMisuse(const char* format, ...) noexcept;
+[[noreturn, gnu::__format__(__printf__, 1, 2)]] GILVANE_CHECK void reportMisuse(const char* format, ...) noexcept;
 
 /// Reports misuse unless `condition` holds; does nothing in the default build.
 /// @param text  the operation, and what is wrong
