@@ -6,34 +6,90 @@ set -euo pipefail
 cd "$1"
 scratch=$2
 
-# folder: what it may include, itself besides
+die() {
+    printf '%s\n' "$*" >&2
+    exit 1
+}
+
+# folder: what it may include, declare in advance or befriend; itself besides
 declare -A allowed=(
     [base]="base"
     [threads]="base threads"
     [datastructures]="base datastructures"
     [utilities]="base threads datastructures utilities"
 )
-included=0
-for folder in libsrc/*; do
-    folder=${folder#libsrc/}
-    [ -n "${allowed[$folder]:-}" ] || { echo "libsrc/$folder has no place in the architecture" >&2; exit 1; }
-    while IFS=: read -r file other; do
-        included=$((included + 1))
-        case " ${allowed[$folder]} " in
-        *" $other "*) ;;
-        *) echo "$file includes from $other, above or beside it" >&2; exit 1 ;;
-        esac
-    done < <(grep -oE '#include <gilvane/[a-z]+' -r "libsrc/$folder" | sed 's|#include <gilvane/||')
-done
-[ "$included" -gt 20 ] || { echo "the check found hardly an #include: is it looking in the right place?" >&2; exit 1; }
 
-mkdir -p "$scratch"
+# What may stand between the word class and a class's name.
+attributes='(?:\[\[[^]]*\]\]\s*|GILVANE_\w+\s+)*'
+
+# found PATTERN FILE...: "FILE:MATCH" for each match of a Perl pattern outside comments.
+found() {
+    local pattern=$1 file match
+    shift
+    for file in "$@"; do
+        { sed 's|//.*||' "$file" | grep -oP "$pattern" || true; } | while read -r match; do echo "$file:$match"; done
+    done
+}
+
+# isAllowed FOLDER OTHER: whether a folder may name what that other one defines. The tests define their peer.
+isAllowed() {
+    [[ -n $2 && " ${allowed[$1]} tests " == *" $2 "* ]]
+}
+
+# breaches ROOT: a line for everything in ROOT/libsrc that names what is above or beside it.
+breaches() {
+    local folder file name key='(?:class|struct|union|enum|enum class)'
+    local -A definedIn=([GVTestPeer]=tests)
+    cd "$1"
+    while IFS=: read -r file name; do
+        folder=${file#libsrc/}
+        definedIn[$name]=${folder%%/*}
+    done < <(found "^\s*(?:template\s*<.*>\s*)?$key\s+$attributes\K\w+(?=\s*(?:final\s*)?[:{<])" libsrc/*/*)
+    for folder in libsrc/*; do
+        folder=${folder#libsrc/}
+        [[ -n ${allowed[$folder]:-} ]] || { echo "libsrc/$folder has no place in the architecture"; continue; }
+        while IFS=: read -r file name; do
+            isAllowed "$folder" "$name" || echo "$file includes from $name"
+        done < <(found '^#include <gilvane/\K\w+' libsrc/"$folder"/*)
+        while IFS=: read -r file name; do
+            isAllowed "$folder" "${definedIn[$name]:-}" || echo "$file befriends $name of ${definedIn[$name]:-nothing}"
+        done < <(found '\bfriend\s+(?:(?:class|struct|union)\s+)?(?:\w*::)*\K.*(?=;)' libsrc/"$folder"/*)
+        while IFS=: read -r file name; do
+            isAllowed "$folder" "${definedIn[$name]:-}" || echo "$file declares $name of ${definedIn[$name]:-nothing}"
+        done < <(found "(?<!friend )(?<![<,] )(?<!<)\b$key\s+(?!class\b)$attributes(?:\w*::)*\K\w+" libsrc/"$folder"/*)
+    done
+}
+
+[[ $(found '^#include <gilvane/' libsrc/*/* | wc -l) -gt 20 && $(found '\bfriend\b' libsrc/*/* | wc -l) -gt 5 ]] ||
+    die "hardly an #include, or hardly a friend: is it looking in the right place?"
+found=$(breaches .)
+[[ -z $found ]] || die "$found"
+
+# --- the check itself -------------------------------------------------------------------------------------------------
+
+# expectBreach FILE LINE TEXT: with this line added to a file of the library, the check says just this.
+expectBreach() {
+    rm -rf "$scratch/copy"
+    mkdir -p "$scratch/copy"
+    cp -r libsrc "$scratch/copy"
+    printf '%s\n' "$2" >>"$scratch/copy/libsrc/$1"
+    local found
+    found=$(breaches "$scratch/copy")
+    [[ $found == "libsrc/$1 $3" ]] || die "with the line \"$2\", the check says: ${found:-nothing}"
+}
+
+expectBreach base/gvobject.h '#include <gilvane/threads/gvmutex.h>' "includes from threads"
+expectBreach threads/gvmutex.h '#include <gilvane/datastructures/gvhashtable.h>' "includes from datastructures"
+expectBreach datastructures/gvhashtable.h '    friend class GVMemoryPool;' "befriends GVMemoryPool of utilities"
+expectBreach datastructures/gvhashtable.h 'friend Gilvane::GVMutex;' "befriends GVMutex of threads"
+expectBreach base/gvexception.h 'template <typename T> class GVSmartPointer;' "declares GVSmartPointer of utilities"
+expectBreach base/gvobject.cpp 'struct GVMutexHandle;' "declares GVMutexHandle of threads"
+expectBreach threads/gvmutexhandle.h 'void lend(class GVMemoryPool& pool);' "declares GVMemoryPool of utilities"
+expectBreach utilities/gvmemorypool.h 'friend class GVNowhere;' "befriends GVNowhere of nothing"
+expectBreach utilities/gvmemorypool.h 'class GILVANE_EXPORT GVNowhere;' "declares GVNowhere of nothing"
+
+# --- building ---------------------------------------------------------------------------------------------------------
+
 g++ -std=c++17 -I include libsrc/*/*.cpp examples/quickstart.cpp -pthread -o "$scratch/quickstart"
 "$scratch/quickstart" >/dev/null
-
-# Every header can be included first, and twice.
-for header in libsrc/*/*.h; do
-    header=${header#libsrc/}
-    printf '#include <gilvane/%s>\n#include <gilvane/%s>\n' "$header" "$header" |
-        g++ -std=c++17 -I include -fsyntax-only -x c++ - || { echo "$header does not stand alone" >&2; exit 1; }
-done
+rm -rf "$scratch"

@@ -6,10 +6,10 @@
 /// Marks a class, function or variable that a shared library and the programs that link it must have in common: type
 /// information that a handler matches, virtual tables, the token counter, the allocation hooks. It matters where the
 /// library is compiled with `-fvisibility=hidden`, and does nothing elsewhere.
-#define GILVANE_EXPORT __attribute__((visibility("default")))
+#define GILVANE_EXPORT __attribute__((__visibility__("default")))
 
 /// Keeps a rare path out of line, so that its callers stay small.
-#define GILVANE_OUT_OF_LINE __attribute__((noinline))
+#define GILVANE_OUT_OF_LINE __attribute__((__noinline__))
 
 /// Marks a function whose only effect is one access to shared memory, made without a lock on purpose
 /// (docs/deliberate.md, Locking).
@@ -18,10 +18,10 @@
 /// the getter reads. The function is not inlined there, so that its callers are watched. Other builds ignore the mark.
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)
-#define GILVANE_UNGUARDED __attribute__((no_sanitize("thread"), noinline, flatten))
+#define GILVANE_UNGUARDED __attribute__((__no_sanitize__("thread"), __noinline__, __flatten__))
 #endif
 #elif defined(__SANITIZE_THREAD__)
-#define GILVANE_UNGUARDED __attribute__((no_sanitize("thread"), noinline, flatten))
+#define GILVANE_UNGUARDED __attribute__((__no_sanitize__("thread"), __noinline__, __flatten__))
 #endif
 #ifndef GILVANE_UNGUARDED
 #define GILVANE_UNGUARDED

@@ -14,14 +14,14 @@
 
 /// Marks a class whose symbols have other names in each build, so that a program links with a library of its own build
 /// only.
-#define GILVANE_OF_THIS_BUILD __attribute__((abi_tag("hardened")))
+#define GILVANE_OF_THIS_BUILD __attribute__((__abi_tag__("hardened")))
 /// Marks a function that only hardened programs call. The default library hides it.
-#define GILVANE_HARDENED_ONLY GILVANE_EXPORT __attribute__((abi_tag("hardened")))
+#define GILVANE_HARDENED_ONLY GILVANE_EXPORT __attribute__((__abi_tag__("hardened")))
 
 #else
 
 #define GILVANE_OF_THIS_BUILD
-#define GILVANE_HARDENED_ONLY __attribute__((visibility("hidden")))
+#define GILVANE_HARDENED_ONLY __attribute__((__visibility__("hidden")))
 
 #endif
 
@@ -37,7 +37,7 @@ inline constexpr bool isHardened = false;
 /// Writes one line to standard error, which begins with "gilvane: ", and ends the program with `abort`. Allocates
 /// nothing and takes no lock.
 /// @param format  of the rest of the line, as `printf` takes it
-[[noreturn, gnu::format(printf, 1, 2)]] GILVANE_HARDENED_ONLY void reportMisuse(const char* format, ...) noexcept;
+[[noreturn, gnu::__format__(__printf__, 1, 2)]] GILVANE_HARDENED_ONLY void reportMisuse(const char* format, ...) noexcept;
 
 /// Reports misuse unless `condition` holds; does nothing in the default build.
 /// @param text  the operation, and what is wrong
