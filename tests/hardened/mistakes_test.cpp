@@ -2,6 +2,7 @@
 #include "gvtestpeer.h"
 #include "hookledger.h"
 
+#include <gilvane/base/gvhardened.h>
 #include <gilvane/threads/gvmutex.h>
 #include <gilvane/threads/gvthreadsfactory.h>
 #include <gilvane/utilities/gvmemorypool.h>
@@ -215,6 +216,18 @@ TEST(HardenedBlockSize, thatJustFitsIsNoMistake) {
     GVMemoryPool pool(0, longestLength, false);
     EXPECT_THROW(pool.resizePool(1), std::bad_alloc);
     EXPECT_EQ(ledger.requests().back(), 4294967295U);
+}
+
+TEST(HardenedLine, isCutWhereItWouldBeTooLong) {
+    const std::string text(247, 'x');
+    EXPECT_DEATH(detail::reportMisuse("%s", text.substr(1).c_str()), "^gilvane: x{246}\n(qemu: .*)?$");
+    EXPECT_DEATH(detail::reportMisuse("%s", text.c_str()), "^gilvane: x{246}\n(qemu: .*)?$");
+    EXPECT_DEATH(detail::reportMisuse("%s", text.substr(2).c_str()), "^gilvane: x{245}\n(qemu: .*)?$");
+}
+
+TEST(HardenedLine, isEmptyWhereItCannotBeFormatted) {
+    // In the locale that programs start with there are no such characters.
+    EXPECT_DEATH(detail::reportMisuse("%ls", L"\x4e00"), "^gilvane: \n(qemu: .*)?$");
 }
 
 TEST(HardenedScopedLock, thatIsGivenNoHandleEndsTheProgram) {

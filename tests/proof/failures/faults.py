@@ -8,7 +8,7 @@ FAULTS = [
         ownObject = makeCell(ownsObject);
     } catch (...) {
         if (@) {
-            releaseRawBlock(refCount);
+            detail::releaseRawBlock(refCount);
         }
         throw;
     }
@@ -26,8 +26,8 @@ FAULTS = [
     }
 """),
     ("a refused block uses up a token", "utilities/gvmemorypool.cpp",
-     "    void* const bytes = allocateRawBlock(length);\n    if (bytes == nullptr) {\n",
-     """    void* const bytes = allocateRawBlock(length);
+     "    void* const bytes = detail::allocateRawBlock(length);\n    if (bytes == nullptr) {\n",
+     """    void* const bytes = detail::allocateRawBlock(length);
     if (bytes == nullptr) {
         if (@) {
             takeNextToken();
@@ -46,17 +46,17 @@ FAULTS = [
     }
 """),
     ("a pool that cannot be rebuilt deletes the blocks built", "utilities/gvmemorypool.cpp",
-     "    memoryPool.clear();\n    buildObjects(numberOfObjects);\n",
-     """    memoryPool.clear();
-    try {
-        buildObjects(numberOfObjects);
-    } catch (...) {
-        if (@) {
-            deleteObjects();
-            memoryPool.clear();
+     "        memoryPool.clear();\n        buildObjects(numberOfObjects);\n",
+     """        memoryPool.clear();
+        try {
+            buildObjects(numberOfObjects);
+        } catch (...) {
+            if (@) {
+                deleteObjects();
+                memoryPool.clear();
+            }
+            throw;
         }
-        throw;
-    }
 """),
     ("a throw leaves the lock taken", "threads/gvmutex.h",
      "        if (theHandle != nullptr) {\n            theHandle->unlock();\n",
@@ -136,12 +136,11 @@ FAULTS = [
     static_cast<void>(pool.release());
 """),
     ("the free list gets exactly the room it needs", "utilities/gvmemorypool.h",
-     "    lockIfShared(guard);\n    availableTokens.push_back(token);\n",
-     """    lockIfShared(guard);
-    if (@) {
-        availableTokens.reserve(availableTokens.size() + 1);
-    }
-    availableTokens.push_back(token);
+     "        availableTokens.push_back(token);\n",
+     """        if (@) {
+            availableTokens.reserve(availableTokens.size() + 1);
+        }
+        availableTokens.push_back(token);
 """),
     ("a block that cannot be entered is deleted", "utilities/gvmemorypool.cpp",
      "    memoryPool.insert(block->getToken(), block);\n",
@@ -163,10 +162,10 @@ FAULTS = [
     ("an exception drops its message", "base/gvexception.cpp",
      "theMessage(message), theFile(file) {}", 'theMessage((@) ? "" : message), theFile(file) {}'),
     ("a shrinking pool that cannot list its tokens forgets a free one", "utilities/gvmemorypool.cpp",
-     "    TokenRemoval removal(memoryPool, availableTokens, count - numberOfObjects);\n",
+     "    TokenRemoval removal(memoryPool, availableTokens, numberOfObjects);\n",
      """    const auto list = [&] {
         try {
-            return TokenRemoval(memoryPool, availableTokens, count - numberOfObjects);
+            return TokenRemoval(memoryPool, availableTokens, numberOfObjects);
         } catch (...) {
             if ((@) && !availableTokens.empty()) {
                 availableTokens.pop_back();

@@ -3,19 +3,18 @@
 # name, file, text that stands there once, what stands there instead
 FAULTS = [
     ("a token returned twice is refused", "utilities/gvmemorypool.h",
-     "    lockIfShared(guard);\n    availableTokens.push_back(token);\n",
-     """    lockIfShared(guard);
-    if ((@) && std::find(availableTokens.begin(), availableTokens.end(), token) != availableTokens.end()) {
-        return;
-    }
-    availableTokens.push_back(token);
+     "        availableTokens.push_back(token);\n",
+     """        if ((@) && std::find(availableTokens.begin(), availableTokens.end(), token) != availableTokens.end()) {
+            return;
+        }
+        availableTokens.push_back(token);
 """),
     ("a rebuilt pool empties its free list", "utilities/gvmemorypool.cpp",
-     "    memoryPool.clear();\n",
-     """    memoryPool.clear();
-    if (@) {
-        availableTokens.clear();
-    }
+     "        memoryPool.clear();\n",
+     """        memoryPool.clear();
+        if (@) {
+            availableTokens.clear();
+        }
 """),
     ("an iterator refuses a removed entry wherever it is asked", "datastructures/gvhashtable.h",
      "    Entry* const entry = currentEntry();\n    if (entry == nullptr) {\n",
@@ -35,6 +34,6 @@ FAULTS = [
         return;
 """),
     ("the number of blocks in use stops at none", "utilities/gvmemorypool.cpp",
-     "    return count == 0 ? 0 :",
-     "    return count == 0 || ((@) && count < availableTokens.size()) ? 0 :"),
+     "        return count == 0 ? 0 :",
+     "        return count == 0 || ((@) && count < availableTokens.size()) ? 0 :"),
 ]

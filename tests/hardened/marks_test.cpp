@@ -1,0 +1,112 @@
+// What the library tells AddressSanitizer of a block's bytes. This program brings the sanitizer's functions itself, and
+// writes down with what they are called.
+#include "gvtestpeer.h"
+
+#include <gilvane/utilities/gvmemorypool.h>
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <ostream>
+#include <vector>
+
+namespace {
+
+enum class Call { poison, unpoison };
+
+struct Mark {
+    Call call;
+    const volatile void* bytes;
+    std::size_t numberOfBytes;
+
+    bool operator==(const Mark& other) const {
+        return call == other.call && bytes == other.bytes && numberOfBytes == other.numberOfBytes;
+    }
+};
+
+std::ostream& operator<<(std::ostream& stream, const Mark& mark) {
+    return stream << (mark.call == Call::poison ? "poison " : "unpoison ") << mark.bytes << " " << mark.numberOfBytes;
+}
+
+std::vector<Mark> marks;
+
+} // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the names are the sanitizer's
+extern "C" {
+void __asan_poison_memory_region(const volatile void* bytes, std::size_t numberOfBytes) {
+    marks.push_back({Call::poison, bytes, numberOfBytes});
+}
+void __asan_unpoison_memory_region(const volatile void* bytes, std::size_t numberOfBytes) {
+    marks.push_back({Call::unpoison, bytes, numberOfBytes});
+}
+}
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace Gilvane {
+
+namespace {
+
+constexpr unsigned int blockBytes = 13;
+
+class HardenedMarks : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        GVTestPeer::nextToken() = 0;
+        marks.clear();
+    }
+    static const void* bytesOf(GVMemoryPool& pool, unsigned int token) { return pool.getMemoryForToken(token); }
+};
+
+TEST_F(HardenedMarks, areSetOnEachBlockThatIsBuilt) {
+    GVMemoryPool pool(2, blockBytes, false);
+    EXPECT_EQ(marks, (std::vector<Mark>{{Call::poison, bytesOf(pool, 0), blockBytes},
+                                        {Call::poison, bytesOf(pool, 1), blockBytes}}));
+}
+
+TEST_F(HardenedMarks, areTakenOffByALoanAndSetByAReturn) {
+    for (const bool useMutex : {false, true}) {
+        GVMemoryPool pool(1, blockBytes, useMutex);
+        marks.clear();
+        const unsigned int token = pool.getTokenForFreeMemoryObject();
+        EXPECT_EQ(marks, (std::vector<Mark>{{Call::unpoison, bytesOf(pool, token), blockBytes}}));
+        marks.clear();
+        pool.releaseObject(token);
+        EXPECT_EQ(marks, (std::vector<Mark>{{Call::poison, bytesOf(pool, token), blockBytes}}));
+    }
+}
+
+TEST_F(HardenedMarks, areTakenOffWithATokenTakenOutOfTheFreeListByHand) {
+    GVMemoryPool pool(2, blockBytes, false);
+    marks.clear();
+    pool.removeTokenFromAvailableList(0);
+    EXPECT_EQ(marks, (std::vector<Mark>{{Call::unpoison, bytesOf(pool, 0), blockBytes}}));
+    pool.removeTokenFromAvailableList(77);
+    EXPECT_EQ(marks.size(), 1U);
+}
+
+TEST_F(HardenedMarks, areTakenOffBeforeABlockIsReleased) {
+    GVMemoryPool pool(2, blockBytes, false);
+    const void* const bytes = bytesOf(pool, 1);
+    marks.clear();
+    pool.resizePool(1);
+    EXPECT_EQ(marks, (std::vector<Mark>{{Call::unpoison, bytes, blockBytes}}));
+}
+
+TEST_F(HardenedMarks, areNotSetWhereThereAreNoBytes) {
+    GVMemoryPool pool(2, false);
+    pool.releaseObject(pool.getTokenForFreeMemoryObject());
+    const GVMemoryPoolObject block(0);
+    EXPECT_EQ(marks, std::vector<Mark>());
+}
+
+TEST_F(HardenedMarks, ofOneByteAreSet) {
+    GVMemoryPool pool(1, 1, false);
+    EXPECT_EQ(marks, (std::vector<Mark>{{Call::poison, bytesOf(pool, 0), 1}}));
+    pool.getTokenForFreeMemoryObject();
+    EXPECT_EQ(marks.back(), (Mark{Call::unpoison, bytesOf(pool, 0), 1}));
+}
+
+} // namespace
+
+} // namespace Gilvane
