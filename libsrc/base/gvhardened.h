@@ -37,7 +37,8 @@ inline constexpr bool isHardened = false;
 /// Writes one line to standard error, which begins with "gilvane: ", and ends the program with `abort`. Allocates
 /// nothing and takes no lock.
 /// @param format  of the rest of the line, as `printf` takes it
-[[noreturn, gnu::__format__(__printf__, 1, 2)]] GILVANE_HARDENED_ONLY void reportMisuse(const char* format, ...) noexcept;
+[[noreturn, gnu::__format__(__printf__, 1, 2)]] GILVANE_HARDENED_ONLY void reportMisuse(const char* format,
+                                                                                        ...) noexcept;
 
 /// Reports misuse unless `condition` holds; does nothing in the default build.
 /// @param text  the operation, and what is wrong

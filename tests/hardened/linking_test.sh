@@ -50,6 +50,18 @@ done
 expectRefused 'checkAfterReturn\[abi:hardened\]\(' hardened.o "$default"
 expectRefused 'growToLend\(\)' default.o "$hardened"
 
+# Not even a program that never borrows, and so calls no check: the hardened library would treat its blocks as free.
+cat >"$scratch/lookup.cpp" <<'END'
+#include <gilvane/utilities/gvmemorypool.h>
+int main() {
+    Gilvane::GVMemoryPool pool(1, 8, false);
+    return pool.getMemoryForToken(0) == nullptr;
+}
+END
+silently g++ -std=c++17 -O2 -I include -c "$scratch/lookup.cpp" -o "$scratch/lookup.o"
+silently g++ "$scratch/lookup.o" "$default" -pthread -o "$scratch/lookup"
+expectRefused 'GVMemoryPool::GVMemoryPool\(' lookup.o "$hardened"
+
 # --- find_package -----------------------------------------------------------------------------------------------------
 
 mapfile -t exported < <(find "$scratch/build" -path '*Export*' -name GilvaneTargets.cmake)
