@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """Unites what several programs cover of the same sources, and is the gate that must find nothing left.
 
-usage: evaluate.py ROOT EXCLUSIONS SOURCE... [--result FILE] -- EXPORT...
+usage: evaluate.py ROOT EXCLUSIONS SOURCE... [--result FILE] [--prefix TEXT] -- EXPORT...
 
-SOURCE is a file below ROOT; EXPORT is what `llvm-cov export` writes of one program.
+SOURCE is a file below ROOT; EXPORT is what `llvm-cov export` writes of one program. The figures go to FILE, each after
+TEXT.
 
 A place of a source stands for itself, however often it was compiled: in several programs, and as part of several
 instantiations of a template. It is covered when it is covered in one of them:
@@ -11,15 +12,18 @@ instantiations of a template. It is covered when it is covered in one of them:
   branch    each outcome is taken in one of them, not necessarily in the same
   condition one of them alone has shown it to decide alone (MC/DC): runs of different instantiations, or of different
             programs, are not put together for this
-A region that `if constexpr` leaves out of every instantiation counts as not compiled.
+A region that `if constexpr` or the preprocessor leaves out everywhere counts as not compiled, and so does a .cpp file
+of which nothing is measured.
 
 A line of code counts as covered when a region that starts in it, or else the one that it lies in, is covered. Places
 that an exclusion excuses count in no figure but in that of the exclusions.
 """
 
 import collections
+import functools
 import json
 import os
+import re
 import sys
 
 CODE, SKIPPED, GAP = 0, 2, 3  # kinds of regions
@@ -34,10 +38,11 @@ class Source:
             self.texts = [line.rstrip("\n") for line in file]
         self.regions = collections.Counter()  # place -> runs
         self.lines = {}  # line -> whether covered
-        self.leftOut = set()  # lines that an instantiation leaves out
+        self.leftOut = {}  # line that an instantiation leaves out -> the first place that it is in
         self.branches = {}  # place -> [taken when true, taken when false]
         self.decisions = {}  # place -> [whether each condition has decided alone]
         self.excused = {"lines": set(), "outcomes": set(), "conditions": set()}
+        self.isExcused = False  # as a whole
 
     def text(self, place):
         """The source text of a place, in one line."""
@@ -75,7 +80,7 @@ class Source:
         body = regions[0][0]
         for line in range(body[0], body[2] + 1):
             text = self.texts[line - 1]
-            if not text.strip() or text.lstrip().startswith("//"):
+            if not text.strip() or text.lstrip().startswith(("//", "#")):
                 continue
             runs = [count for place, kind, count in regions if kind == CODE and place[0] == line]
             if not runs:
@@ -83,13 +88,31 @@ class Source:
                 around = [region for region in regions if region[0][:2] <= start < region[0][2:]]
                 place, kind, count = max(around, key=lambda region: (region[0][:2], [-end for end in region[0][2:]]))
                 if kind == SKIPPED:
-                    self.leftOut.add(line)
+                    self.leftOut.setdefault(line, place)
                     continue
                 runs = [count]
             self.lines[line] = self.lines.get(line, False) or max(runs) > 0
 
+    def excuseAll(self):
+        """Applies an exclusion of the whole file; returns what is wrong with it, or None."""
+        if not self.regions:
+            return "not a region of its file is measured"
+        if any(self.regions.values()):
+            return "not needed: code of its file is run"
+        self.isExcused = True
+        return None
+
+    def excuseGuarded(self, constant):
+        """Applies an exclusion of what `if constexpr` leaves out for this constant; returns as excuseAll does."""
+        guard = re.compile(rf"if constexpr \((detail::)?{constant}\) \{{$")
+        lines = [line for line, place in self.leftOut.items() if guard.fullmatch(self.texts[place[0] - 1].strip())]
+        if not lines:
+            return "not needed: its constant leaves nothing out"
+        self.excused["lines"].update(lines)
+        return None
+
     def excuse(self, text, condition, outcome):
-        """Applies an exclusion; returns what is wrong with it, or None."""
+        """Applies an exclusion of an outcome; returns as excuseAll does."""
         numbers = [number for number, line in enumerate(self.texts, 1) if line.strip() == text]
         if len(numbers) != 1:
             return f"its line stands {len(numbers)} times in the file"
@@ -107,7 +130,11 @@ class Source:
 
     def findings(self):
         """What is not covered, as (line, text)."""
-        for line in sorted(self.leftOut - self.lines.keys()):
+        if self.isExcused:
+            return
+        if self.name.endswith(".cpp") and not self.regions:
+            yield 1, "not compiled in any program: the whole file"
+        for line in sorted(self.leftOut.keys() - self.lines.keys() - self.excused["lines"]):
             yield line, f"not compiled in any instantiation: {self.texts[line - 1].strip()}"
         missing = sorted(self.missingOutcomes())
         for place, outcome in missing:
@@ -132,6 +159,8 @@ class Source:
 
     def figures(self):
         """(covered, all) of lines, branch outcomes and conditions, the excused ones left out."""
+        if self.isExcused:
+            return [(0, 0)] * 3
         lines = [covered for line, covered in self.lines.items() if line not in self.excused["lines"]]
         taken = sum(sum(outcomes) for outcomes in self.branches.values())
         shown = [
@@ -145,7 +174,7 @@ class Source:
 
 
 def readExclusions(path):
-    """The entries of the exclusions' file, as (source, line, condition, outcome)."""
+    """The entries of the exclusions' file, as (source, what it is for a reader, how it is applied to the source)."""
     entries = []
     with open(path, encoding="utf-8") as file:
         for number, line in enumerate(file, 1):
@@ -156,27 +185,38 @@ def readExclusions(path):
                 entries.append({"source": text})
                 continue
             key, _, value = text.partition(":")
-            if entries and key in ("line", "never", "reason"):
+            if entries and key in ("line", "never", "constant", "leaves out", "reason"):
                 entries[-1][key] = value.strip()
             elif not entries or "reason" not in entries[-1]:
                 sys.exit(f"{path}:{number}: not understood: {text}")
     result = []
     for entry in entries:
         condition, _, outcome = entry.get("never", "").rpartition(" is ")
-        if outcome not in ("true", "false") or not entry.get("line") or not entry.get("reason"):
+        kind = set(entry) - {"source", "reason"}
+        if not entry.get("reason"):
+            sys.exit(f"{path}: the entry for {entry['source']} gives no reason")
+        if kind == {"line", "never"} and outcome in ("true", "false"):
+            apply = functools.partial(Source.excuse, text=entry["line"], condition=condition,
+                                      outcome=outcome == "true")
+        elif kind == {"constant", "leaves out"} and entry["leaves out"] == "the file":
+            apply = Source.excuseAll
+        elif kind == {"constant", "leaves out"} and entry["leaves out"] == "what it guards":
+            apply = functools.partial(Source.excuseGuarded, constant=re.escape(entry["constant"]))
+        else:
             sys.exit(f"{path}: the entry for {entry['source']} is not complete")
-        result.append((entry["source"], entry["line"], condition, outcome == "true"))
+        result.append((entry["source"], entry.get("line") or entry["leaves out"], apply))
     return result
 
 
 def main(arguments):
     separator = arguments.index("--")
     arguments, exports = arguments[:separator], arguments[separator + 1 :]
-    resultFile = None
-    if "--result" in arguments:
-        position = arguments.index("--result")
-        resultFile = arguments[position + 1]
-        del arguments[position : position + 2]
+    options = {"--result": None, "--prefix": ""}
+    for name in options:
+        if name in arguments:
+            position = arguments.index(name)
+            options[name] = arguments[position + 1]
+            del arguments[position : position + 2]
     root, exclusions, *names = arguments
     sources = {os.path.realpath(os.path.join(root, name)): Source(root, name) for name in names}
     for export in exports:
@@ -188,11 +228,11 @@ def main(arguments):
 
     findings = []
     entries = readExclusions(exclusions)
-    for name, line, condition, outcome in entries:
+    for name, what, apply in entries:
         source = sources.get(os.path.realpath(os.path.join(root, name)))
-        wrong = "its file is not measured" if source is None else source.excuse(line, condition, outcome)
+        wrong = "its file is not measured" if source is None else apply(source)
         if wrong is not None:
-            findings.append(f"not a good exclusion: {name}, {line}: {wrong}")
+            findings.append(f"not a good exclusion: {name}, {what}: {wrong}")
 
     totals = [[0, 0], [0, 0], [0, 0]]
     print(f"{'':44}{'lines':>12}{'branches':>12}{'MC/DC':>12}")
@@ -211,12 +251,12 @@ def main(arguments):
         findings.append("not a single line or branch was measured")
         print(findings[-1])
 
-    if resultFile is not None:
-        with open(resultFile, "w", encoding="utf-8") as file:
-            for name, (covered, whole) in zip(("lines", "branch outcomes", "MC/DC conditions"), totals):
-                print(f"{name}: {covered} of {whole}", file=file)
-            print(f"exclusions: {len(entries)}", file=file)
-            print(f"findings: {len(findings)}", file=file)
+    if options["--result"] is not None:
+        figures = {name: f"{covered} of {whole}" for name, (covered, whole)
+                   in zip(("lines", "branch outcomes", "MC/DC conditions"), totals)}
+        figures.update({"exclusions": len(entries), "findings": len(findings)})
+        with open(options["--result"], "w", encoding="utf-8") as file:
+            file.writelines(f"{options['--prefix']}{name}: {figure}\n" for name, figure in figures.items())
     return 1 if findings or any(covered != whole for covered, whole in totals) else 0
 
 

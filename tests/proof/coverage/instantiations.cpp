@@ -28,6 +28,7 @@ template void detail::writeDumpValue<void (*)()>(std::ostream&, void (*const&)()
 
 template class GVStdAllocator<int>;
 template GVStdAllocator<int>::GVStdAllocator(const GVStdAllocator<char>&);
+template GVStdAllocator<void>::GVStdAllocator(const GVStdAllocator<int>&);
 template void GVStdAllocator<int>::construct<int, int>(int*, int&&);
 template void GVStdAllocator<int>::destroy<int>(int*);
 template bool operator==<int, char>(const GVStdAllocator<int>&, const GVStdAllocator<char>&);
