@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <future>
 #include <limits>
 #include <memory>
 #include <new>
@@ -37,6 +38,27 @@ struct CountsItsEnd {
     ~CountsItsEnd() { ++theCounter; }
     int& theCounter;
 };
+
+using Anything = GVStdAllocator<void>;
+
+// std::allocate_shared puts the object and its count into one block, and calls the hooks for nothing else.
+template <typename Allocator>
+void expectSharedObjectInOneRawBlock(const Allocator& allocator) {
+    HookLedger ledger;
+    {
+        const std::shared_ptr<TwelveBytes> object = std::allocate_shared<TwelveBytes>(allocator);
+        const std::shared_ptr<TwelveBytes> second(object);
+        const std::vector<HookLedger::Block> blocks = ledger.liveBlocks();
+        ASSERT_EQ(blocks.size(), 1U);
+        const auto* const start = static_cast<const char*>(blocks[0].start);
+        const auto* const inside = reinterpret_cast<const char*>(object.get());
+        EXPECT_GE(inside, start + detail::rawBlockHeaderBytes);
+        EXPECT_LE(inside + sizeof(TwelveBytes), start + blocks[0].bytes);
+    }
+    EXPECT_EQ(ledger.releaseCount(), 1U);
+    ledger.refuseOnce(0);
+    EXPECT_THROW(std::allocate_shared<TwelveBytes>(allocator), std::bad_alloc);
+}
 
 } // namespace
 
@@ -229,6 +251,79 @@ TEST(StdAllocator, isItselfMadeAndDeletedThroughTheHooks) {
     EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{sizeof(Numbers) + detail::rawBlockHeaderBytes});
     delete allocator;
     EXPECT_EQ(ledger.releaseCount(), 1U);
+}
+
+TEST(StdAllocator, alignsTheStrictestTypeThatItTakes) {
+    const HookLedger ledger;
+    GVStdAllocator<std::max_align_t> allocator;
+    std::max_align_t* const storage = allocator.allocate(1);
+    EXPECT_NE(storage, nullptr);
+    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{sizeof(std::max_align_t) + detail::rawBlockHeaderBytes});
+    allocator.deallocate(storage, 1);
+}
+
+// The allocator of no type in particular
+
+TEST(StdAllocatorOfVoid, convertsToAndFromTheAllocatorOfAnyType) {
+    const HookLedger ledger;
+    const Anything anything;
+    const Numbers numbers(anything);
+    Anything back(numbers);
+    back = anything;
+    EXPECT_TRUE((std::is_nothrow_constructible_v<Numbers, const Anything&>));
+    EXPECT_TRUE((std::is_nothrow_constructible_v<Anything, const Numbers&>));
+    EXPECT_TRUE((std::is_convertible_v<Anything, Numbers>));
+    EXPECT_TRUE((std::is_convertible_v<Numbers, Anything>));
+    EXPECT_EQ(ledger.allocationCount(), 0U);
+}
+
+TEST(StdAllocatorOfVoid, isEqualToAnyOther) {
+    EXPECT_TRUE(Anything() == Anything());
+    EXPECT_FALSE(Anything() != Anything());
+    EXPECT_TRUE(Anything() == Numbers());
+    EXPECT_FALSE(Numbers() != Anything());
+    EXPECT_TRUE(Anything::is_always_equal::value);
+}
+
+TEST(StdAllocatorOfVoid, rebindsToTheAllocatorOfAType) {
+    EXPECT_TRUE((std::is_same_v<Anything::rebind<unsigned int>::other, Numbers>));
+    EXPECT_TRUE((std::is_same_v<Numbers::rebind<void>::other, Anything>));
+    EXPECT_TRUE((std::is_same_v<std::allocator_traits<Anything>::rebind_alloc<unsigned int>, Numbers>));
+    EXPECT_TRUE((std::is_same_v<Anything::value_type, void>));
+    EXPECT_TRUE((std::is_same_v<std::allocator_traits<Anything>::pointer, void*>));
+    EXPECT_TRUE((std::is_same_v<std::allocator_traits<Anything>::const_pointer, const void*>));
+}
+
+TEST(StdAllocatorOfVoid, makesASharedObjectInOneRawBlock) { expectSharedObjectInOneRawBlock(Anything()); }
+
+TEST(StdAllocatorOfVoid, isMadeAndDeletedThroughTheHooks) {
+    const HookLedger ledger;
+    GVObject* const allocator = new Anything;
+    EXPECT_EQ(ledger.requests(), std::vector<unsigned int>{sizeof(Anything) + detail::rawBlockHeaderBytes});
+    delete allocator;
+    EXPECT_EQ(ledger.releaseCount(), 1U);
+}
+
+TEST(StdAllocator, makesASharedObjectInOneRawBlock) { expectSharedObjectInOneRawBlock(GVStdAllocator<int>()); }
+
+TEST(StdAllocator, makesAPromiseInRawBlocks) {
+    HookLedger ledger;
+    {
+        std::promise<int> promise(std::allocator_arg, Anything());
+        std::future<int> future = promise.get_future();
+        promise.set_value(42);
+        EXPECT_EQ(future.get(), 42);
+        EXPECT_FALSE(ledger.liveBlocks().empty());
+    }
+    EXPECT_TRUE(ledger.liveBlocks().empty());
+    // Each of its blocks is one of these: without it there is no promise.
+    const std::size_t blocks = ledger.allocationCount();
+    for (std::size_t granted = 0; granted < blocks; ++granted) {
+        ledger.refuseFrom(granted);
+        EXPECT_THROW(std::promise<int>(std::allocator_arg, Anything()), std::bad_alloc);
+    }
+    ledger.refuseNothing();
+    EXPECT_EQ(ledger.refusedCount(), blocks);
 }
 
 } // namespace Gilvane

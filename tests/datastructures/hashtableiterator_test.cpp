@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <list>
 #include <new>
 #include <string>
@@ -318,6 +320,29 @@ TEST(HashTableIterator, walksTheValuesInARangeFor) {
         values.push_back(value);
     }
     EXPECT_EQ(values, std::vector<int>({10, 20, 30}));
+}
+
+TEST(HashTableIterator, isAForwardIteratorOverTheValues) {
+    using Traits = std::iterator_traits<Iterator>;
+    EXPECT_TRUE((std::is_same_v<Traits::iterator_category, std::forward_iterator_tag>));
+    EXPECT_TRUE((std::is_same_v<Traits::value_type, int>));
+    EXPECT_TRUE((std::is_same_v<Traits::reference, int&>));
+    EXPECT_TRUE((std::is_same_v<Traits::pointer, int*>));
+    EXPECT_TRUE((std::is_same_v<Traits::difference_type, std::ptrdiff_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(*std::declval<const Iterator&>()), Traits::reference>));
+}
+
+TEST(HashTableIterator, servesTheStandardAlgorithms) {
+    Table table;
+    insertKeys(table, 1, 5);
+    table.remove(2);
+    EXPECT_EQ(std::distance(table.begin(), table.end()), 4);
+    EXPECT_EQ(std::find(table.begin(), table.end(), 4).GetKey(), 4U);
+    EXPECT_TRUE(std::find(table.begin(), table.end(), 2) == table.end());
+    EXPECT_EQ(std::count_if(table.begin(), table.end(), [](int value) { return value > 3; }), 2);
+    std::for_each(table.begin(), table.end(), [](int& value) { value = 10 - value; });
+    EXPECT_EQ(std::max_element(table.begin(), table.end()).GetKey(), 1U);
+    EXPECT_EQ(std::vector<int>(table.begin(), table.end()), std::vector<int>({9, 7, 6, 5}));
 }
 
 TEST(HashTableIterator, allocatesNothing) {

@@ -10,8 +10,11 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <memory>
 #include <new>
 #include <stdexcept>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace Gilvane {
@@ -69,7 +72,27 @@ struct UniqueObject : GVObject {
     UniqueObject& operator=(const UniqueObject&) = delete;
 };
 
+// Claims to be copyable. Its copy constructor does not compile.
+struct FalselyCopyable : GVObject {
+    std::vector<std::unique_ptr<int>> theParts;
+};
+
+// Its copies say that they share with their source.
+struct SharingObject : CopiedObject {
+    using CopiedObject::CopiedObject;
+};
+
+class DerivedPool : public GVMemoryPool {
+  public:
+    using GVMemoryPool::GVMemoryPool;
+};
+
 } // namespace
+
+template <>
+struct GVIsDeepCopyable<FalselyCopyable> : std::false_type {};
+template <>
+struct GVCopySharesWithSource<SharingObject> : std::true_type {};
 
 // Pools. Source and copy hold the same blocks and handle, so each test takes those from the copy before it goes.
 
@@ -383,6 +406,67 @@ TEST(SmartPointerDeepCopy, refusesAnObjectThatCannotBeCopied) {
                       "Object of smart pointer cannot be copied.");
     EXPECT_EQ(fieldsOf(source), fields);
     EXPECT_EQ(ledger.liveBlocks().size(), before);
+}
+
+TEST(SmartPointerDeepCopy, refusesAnObjectThatOnlyClaimsToBeCopyable) {
+    EXPECT_TRUE(std::is_copy_constructible_v<FalselyCopyable>);
+    HookLedger ledger;
+    GVSmartPointer<FalselyCopyable> source(new FalselyCopyable, true, true);
+    source->theParts.push_back(std::make_unique<int>(7));
+    const GVSmartPointer<FalselyCopyable> sharer(source);
+    expectGVException([&source] { source.deepCopy(); }, gvinvalidstate, "libsrc/utilities/gvsmartpointer",
+                      "Object of smart pointer cannot be copied.");
+    EXPECT_EQ(*sharer->theParts.at(0), 7);
+    EXPECT_EQ(source.getRefCount(), 2U);
+}
+
+TEST(SmartPointerDeepCopy, copiesWhatClaimsToBeCopyableUnlessToldOtherwise) {
+    EXPECT_TRUE(GVIsDeepCopyable<CopiedObject>::value);
+    EXPECT_TRUE(GVIsDeepCopyable<GVMemoryPool>::value);
+    EXPECT_TRUE(GVIsDeepCopyable<int>::value);
+    EXPECT_FALSE(GVIsDeepCopyable<UniqueObject>::value);
+    EXPECT_FALSE(GVIsDeepCopyable<FalselyCopyable>::value);
+}
+
+// Copies that share with their source
+
+TEST(SmartPointerDeepCopy, sharesWithItsSourceIfItIsAPoolOrToldSo) {
+    EXPECT_TRUE(GVCopySharesWithSource<GVMemoryPool>::value);
+    EXPECT_TRUE(GVCopySharesWithSource<DerivedPool>::value);
+    EXPECT_TRUE(GVCopySharesWithSource<SharingObject>::value);
+    EXPECT_FALSE(GVCopySharesWithSource<CopiedObject>::value);
+    EXPECT_FALSE(GVCopySharesWithSource<GVMemoryPoolObject>::value);
+    EXPECT_FALSE(GVCopySharesWithSource<GVObject>::value);
+    EXPECT_FALSE(GVCopySharesWithSource<int>::value);
+}
+
+TEST(SmartPointerDeepCopy, leavesAnotherCopyThatSharesWithItsSourceUnreleasedWhenThePointerCannotBeMade) {
+    int living = 0;
+    HookLedger ledger;
+    {
+        GVSmartPointer<SharingObject> source(new SharingObject(living), true, true);
+        ledger.refuseOnce(1);
+        EXPECT_THROW(source.deepCopy(), std::bad_alloc);
+        EXPECT_EQ(ledger.refusedCount(), 1U);
+        EXPECT_EQ(source.getRefCount(), 1U);
+    }
+    EXPECT_EQ(living, 1);
+    EXPECT_EQ(bytesOf(ledger.liveBlocks()),
+              std::vector<unsigned int>{detail::rawBlockHeaderBytes + sizeof(SharingObject)});
+    ledger.reclaimLiveBlocks();
+}
+
+TEST(SmartPointerDeepCopy, leavesAPoolOfADerivedClassUnreleasedWhenThePointerCannotBeMade) {
+    HookLedger ledger;
+    {
+        GVSmartPointer<DerivedPool> source(new DerivedPool(3, 16, true), true, true);
+        ledger.refuseOnce(2); // the pool and its tokens are granted
+        EXPECT_THROW(source.deepCopy(), std::bad_alloc);
+        EXPECT_EQ(ledger.refusedCount(), 1U);
+        EXPECT_NE(source->getMemoryForToken(source->getTokenForFreeMemoryObject()), nullptr);
+    }
+    EXPECT_EQ(bytesOf(ledger.liveBlocks()), (std::vector<unsigned int>{poolBytes, tokenBytes(3)}));
+    ledger.reclaimLiveBlocks();
 }
 
 } // namespace Gilvane

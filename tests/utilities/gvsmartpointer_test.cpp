@@ -396,6 +396,31 @@ TEST(SmartPointerDecrement, callsDeleteDataForTheLastShareOnly) {
     EXPECT_EQ(first.theCalls, 1);
 }
 
+TEST(SmartPointerDecrement, callsDeleteDataOfTheAssignedPointerWhileThatHoldsTheFormerObject) {
+    int deletions = 0;
+    SharedObject object(deletions);
+    for (const bool byMove : {false, true}) {
+        SCOPED_TRACE(byMove ? "by move" : "by copy");
+        HookLedger ledger;
+        PointerWithItsOwnDeleteData pointer(&object, true, true);
+        PointerWithItsOwnDeleteData other(new SharedObject(deletions), true, true);
+        const auto former = fieldsOf<SharedObject>(pointer);
+        const auto next = fieldsOf<SharedObject>(other);
+        if (byMove) {
+            static_cast<Pointer&>(pointer) = std::move(other);
+        } else {
+            static_cast<Pointer&>(pointer) = other;
+        }
+        EXPECT_EQ(pointer.theCalls, 1);
+        EXPECT_EQ(pointer.theFields, former);
+        EXPECT_EQ(pointer.theCount, 0U);
+        EXPECT_EQ(fieldsOf<SharedObject>(pointer), next);
+        EXPECT_EQ(other.theCalls, 0);
+        EXPECT_EQ(pointer.getRefCount(), byMove ? 1U : 2U);
+    }
+    EXPECT_EQ(deletions, 2); // both of the other pointer's objects, by the destructor that deletes what is owned
+}
+
 // Deleting the object
 
 TEST(SmartPointerDeleteData, deletesAnOwnedObjectAndClearsNoField) {

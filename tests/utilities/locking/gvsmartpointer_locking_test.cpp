@@ -3,6 +3,7 @@
 
 #include <gilvane/base/gvrawblock.h>
 
+#include "../endingobject.h"
 #include "../sharedobject.h"
 #include "gvtestpeer.h"
 #include "hookledger.h"
@@ -36,6 +37,17 @@ std::map<void*, std::string>& blockNames() {
 
 void nameBlock(const void* userBytes, const std::string& name) {
     blockNames()[reinterpret_cast<void*>(detail::rawBlockStart(userBytes))] = name;
+}
+
+// The entries without the releases of blocks that have no name.
+Log locksIn(const Log& entries) {
+    Log locks;
+    for (const std::string& entry : entries) {
+        if (entry != "release ") {
+            locks.push_back(entry);
+        }
+    }
+    return locks;
 }
 
 // A deallocation function that writes each release into the log of the locks.
@@ -237,13 +249,7 @@ TEST_F(SmartPointerLocking, holdsTheHandleWhileAPoolIsTornDown) {
     PoolPointer pool = GVMemoryPool::init(true);
     forgetEntries();
     pool.decrementRefCount();
-    Log locks;
-    for (const std::string& entry : ThreadsLog::entries()) {
-        if (entry != "release ") {
-            locks.push_back(entry);
-        }
-    }
-    EXPECT_EQ(locks, (Log{"lock 2", "delete 1", "unlock 2", "delete 2"}));
+    EXPECT_EQ(locksIn(ThreadsLog::entries()), (Log{"lock 2", "delete 1", "unlock 2", "delete 2"}));
 }
 
 TEST_F(SmartPointerLocking, deletesAnObjectWithoutLockingWhenAskedDirectly) {
@@ -311,6 +317,33 @@ TEST_F(SmartPointerLocking, releasesTheFormerObjectUnderItsHandleWhenMovedTo) {
     target = std::move(source);
     EXPECT_EQ(ThreadsLog::entries(), (Log{"lock 1", "release object a", "release count a", "release flag a", "unlock 1",
                                           "delete 1", "release handle a"}));
+}
+
+TEST_F(SmartPointerLocking, locksNoHandleTwiceWhenTheObjectThatGoesRefillsThePointer) {
+    using Pointer = GVSmartPointer<EndingObject>;
+    const Log ofCopies = {"lock 2", "unlock 2", "lock 1",   "lock 3",  "unlock 3",
+                          "lock 2", "unlock 2", "unlock 1", "delete 1"};
+    const Log ofMoves = {"lock 1", "lock 2", "unlock 2", "delete 2", "unlock 1", "delete 1"};
+    for (const bool byMove : {false, true}) {
+        SCOPED_TRACE(byMove ? "by move" : "by copy");
+        ThreadsLog::clear();
+        Ends ends;
+        Pointer slot(new EndingObject("former", ends), true, true);
+        Pointer next(new EndingObject("next", ends), true, true);
+        Pointer last(new EndingObject("last", ends), true, true);
+        const auto assign = [byMove](Pointer& target, Pointer& source) {
+            if (byMove) {
+                target = std::move(source);
+            } else {
+                target = source;
+            }
+        };
+        slot->theLastAct = [&] { assign(slot, last); };
+        forgetEntries();
+        assign(slot, next);
+        EXPECT_EQ(locksIn(ThreadsLog::entries()), byMove ? ofMoves : ofCopies);
+        EXPECT_EQ(slot->theName, "last");
+    }
 }
 
 // Access
