@@ -32,7 +32,6 @@ std::vector<Mark> marks;
 
 } // namespace
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the names are the sanitizer's
 extern "C" {
 void __asan_poison_memory_region(const volatile void* bytes, std::size_t numberOfBytes) {
     marks.push_back({Call::poison, bytes, numberOfBytes});
@@ -41,7 +40,6 @@ void __asan_unpoison_memory_region(const volatile void* bytes, std::size_t numbe
     marks.push_back({Call::unpoison, bytes, numberOfBytes});
 }
 }
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace Gilvane {
 
@@ -91,6 +89,22 @@ TEST_F(HardenedMarks, areTakenOffBeforeABlockIsReleased) {
     marks.clear();
     pool.resizePool(1);
     EXPECT_EQ(marks, (std::vector<Mark>{{Call::unpoison, bytes, blockBytes}}));
+}
+
+TEST_F(HardenedMarks, areTakenOffABlockThatAShrinkHid) {
+    GVMemoryPool pool(0, blockBytes, false);
+    //  slot   0   1   2   3   4   5   6   7
+    //  key    0   -   .   .   .   .   8   .      8 is searched for in slot 0, then in slot 1, where 17 was
+    for (const unsigned int token : {0U, 17U, 8U}) {
+        GVTestPeer::nextToken() = token;
+        pool.resizePool(GVTestPeer::table(pool).getUsedCount() + 1);
+    }
+    pool.resizePool(2);
+    ASSERT_EQ(GVTestPeer::table(pool).get(8), nullptr);
+    const Mark built = marks[2];
+    marks.clear();
+    ASSERT_EQ(pool.getTokenForFreeMemoryObject(), 8U);
+    EXPECT_EQ(marks, (std::vector<Mark>{{Call::unpoison, built.bytes, blockBytes}}));
 }
 
 TEST_F(HardenedMarks, areNotSetWhereThereAreNoBytes) {

@@ -239,6 +239,17 @@ TEST(HardenedScopedLock, thatIsGivenNoHandleEndsTheProgram) {
         onlyLine("GVMutex::setHandle: a null handle"));
 }
 
+TEST(HardenedScopedLock, thatIsGivenNoHandleAfterAHandleIsToldOfTheMissingOne) {
+    const std::unique_ptr<GVMutexHandle> handle(CreateUnnamedMutexHandle(gvexclusivemutex, false));
+    EXPECT_DEATH(
+        {
+            GVMutex guard;
+            guard.setHandle(handle.get());
+            guard.setHandle(nullptr);
+        },
+        onlyLine("GVMutex::setHandle: a null handle"));
+}
+
 TEST(HardenedScopedLock, thatIsGivenASecondHandleEndsTheProgram) {
     const std::unique_ptr<GVMutexHandle> first(CreateUnnamedMutexHandle(gvexclusivemutex, false));
     const std::unique_ptr<GVMutexHandle> second(CreateUnnamedMutexHandle(gvexclusivemutex, false));

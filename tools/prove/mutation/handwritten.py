@@ -14,6 +14,8 @@ POINTER = "libsrc/utilities/gvsmartpointer.h"
 TABLE = "libsrc/datastructures/gvhashtable.h"
 OBJECT = "libsrc/base/gvobject.cpp"
 RAW = "libsrc/base/gvrawblock.h"
+HARDENED = "libsrc/base/gvhardened.cpp"
+CHECKS = "libsrc/utilities/gvmemorypoolchecks.cpp"
 DUMP = "libsrc/base/gvdumpvalue.h"
 
 
@@ -34,10 +36,11 @@ def patch(name, file, *edits):
     return Patch(name, file, [Edit(*edit) for edit in edits])
 
 
-LOCKED = "GVMutex added; if (ON) { lockIfShared(added); }"
+LOCKED = "GVMutex added; if (ON && useMutexHandle) { added.setHandle(theMutexHandle); }"
 INSERT = "GVHashTable<K, V, H>::insert("
 HELPER = "GVHashTable<K, V, H>::insert_helper("
 LOOKUP = "GVHashTable<K, V, H>::lookup("
+PAST_HOME = "Entry* const reusable = "
 LEND = "GVMemoryPool::getTokenForFreeMemoryObject() {"
 GROW = "void GVMemoryPool::growToLend() {"
 SHRINK = "GVMemoryPool::resizePool"
@@ -58,13 +61,14 @@ PATCHES = [
     patch("taking out a free token locks", POOL,
           ("GVMemoryPool::removeTokenFromAvailableList", "before", "const auto position", LOCKED)),
     patch("the destructor locks", POOL, ("GVMemoryPool::~GVMemoryPool", "before", "delete theMutexHandle",
-                                         "if (ON) { GVMutex added; lockIfShared(added); }")),
+                                         "if (ON && useMutexHandle) { GVMutex added; "
+                                         "added.setHandle(theMutexHandle); }")),
     patch("the destructor goes by the flag", POOL,
           ("GVMemoryPool::~GVMemoryPool", "instead", "delete theMutexHandle;",
            "if (useMutexHandle) { delete theMutexHandle; }")),
     patch("the constructor locks while it builds", POOL,
           ("unsigned int bytesPerObject, bool useMutex)\n    :", "before", "makePool(",
-           "if (ON) { GVMutex added; lockIfShared(added); }")),
+           "if (ON && useMutexHandle) { GVMutex added; added.setHandle(theMutexHandle); }")),
     patch("the blocks are counted under the lock before growth", POOL,
           (GROW, "before", "const unsigned int count", "if (ON && useMutexHandle) { theMutexHandle->lock(); }"),
           (GROW, "before", "if (count != 0)", "if (ON && useMutexHandle) { theMutexHandle->unlock(); }")),
@@ -82,14 +86,20 @@ PATCHES = [
           (GROW, "before", "const unsigned int count", "if (ON && !availableTokens.empty()) { if (useMutexHandle) { "
            "theMutexHandle->lock(); } return; }")),
     patch("the block size is written under the lock", POOL,
-          (BLOCK_SIZE, "before", "makePool(", "if (ON) { GVMutex added; lockIfShared(added); }")),
+          (BLOCK_SIZE, "before", "makePool(",
+           "if (ON && useMutexHandle) { GVMutex added; added.setHandle(theMutexHandle); }")),
     patch("check and rebuilding are one locked section", POOL, (BLOCK_SIZE, "before", "if (", LOCKED)),
-    patch("deep copy locks", POINTER, ("GVSmartPointer<T>::deepCopy", "before", "T* const copy", LOCKED)),
+    patch("the pool lets go of its lock before it has done anything", POOL_HEADER,
+          ("decltype(auto) GVMemoryPool::withLock", "instead", "guard.setHandle(theMutexHandle);",
+           "GVMutex brief; brief.setHandle(theMutexHandle);")),
+    patch("deep copy locks", POINTER,
+          ("GVSmartPointer<T>::deepCopy", "before", "T* const copy",
+           "GVMutex added; if (ON) { lockIfShared(added); }")),
     patch("the object is deleted outside the lock", POINTER,
           (RELEASE, "before", "deleteData();", "if (ON && lock != nullptr) { lock->unlock(); }"),
-          (RELEASE, "before", "releaseRawBlock(refCount)", "if (ON && lock != nullptr) { lock->lock(); }")),
+          (RELEASE, "before", "detail::releaseRawBlock(refCount)", "if (ON && lock != nullptr) { lock->lock(); }")),
     patch("the cells are released outside the lock", POINTER,
-          (RELEASE, "before", "releaseRawBlock(refCount)", "if (ON && lock != nullptr) { lock->unlock(); }"),
+          (RELEASE, "before", "detail::releaseRawBlock(refCount)", "if (ON && lock != nullptr) { lock->unlock(); }"),
           (RELEASE, "before", "if (lock != nullptr) {\n        lock->unlock();\n        delete",
            "if (ON && lock != nullptr) { lock->lock(); }")),
     patch("an override of deleteData is passed over", POINTER,
@@ -98,6 +108,17 @@ PATCHES = [
           ("void GVSmartPointer<T>::deleteData", "instead", "delete object;", "delete object; object = nullptr;")),
     patch("a share given up empties the pointer", POINTER,
           (RELEASE, "before", "return;", "if (ON) { forget(); }")),
+    patch("an assignment gives its share up before it holds the other's", POINTER,
+          ("operator=(const GVSmartPointer& other) {", "before", "GVSmartPointer next(other);",
+           "if (ON && this != &other) { decrementRefCount(); forget(); }")),
+    patch("a move assignment gives its share up before it holds the other's", POINTER,
+          ("operator=(GVSmartPointer&& other) noexcept {", "before", "GVSmartPointer next(std::move(other));",
+           "if (ON) { decrementRefCount(); forget(); }")),
+    patch("an assignment in a derived class takes over first", POINTER,
+          ("GVSmartPointer<T>::replaceWith", "before", "decrementRefCount();",
+           "if (ON) { GVSmartPointer former; former.takeFrom(*this); takeFrom(next); return; }")),
+    patch("a class that is not copied has an empty copy", POINTER,
+          ("GVSmartPointer<T>::deepCopy", "before", "throw GVException", "if (ON) { return GVSmartPointer(); }")),
 
     # Losses that are required
     patch("a failing constructor deletes its blocks", POOL,
@@ -120,17 +141,17 @@ PATCHES = [
            "memoryPool.remove(block->getToken()); delete block; throw; }")),
     patch("the count cell is released when the flag cell cannot be had", POINTER,
           ("GVSmartPointer<T>::GVSmartPointer(T*", "instead", "ownObject = makeCell(ownsObject);",
-           "try { ownObject = makeCell(ownsObject); } catch (...) { releaseRawBlock(refCount); throw; }")),
+           "try { ownObject = makeCell(ownsObject); } catch (...) { detail::releaseRawBlock(refCount); throw; }")),
     patch("the count cell is released when the handle cannot be had", POINTER,
           ("GVSmartPointer<T>::GVSmartPointer(T*", "instead",
            "lock = CreateUnnamedMutexHandle(gvexclusivemutex, false);",
            "try { lock = CreateUnnamedMutexHandle(gvexclusivemutex, false); } catch (...) { "
-           "releaseRawBlock(refCount); throw; }")),
+           "detail::releaseRawBlock(refCount); throw; }")),
     patch("the flag cell is released when the handle cannot be had", POINTER,
           ("GVSmartPointer<T>::GVSmartPointer(T*", "instead",
            "lock = CreateUnnamedMutexHandle(gvexclusivemutex, false);",
            "try { lock = CreateUnnamedMutexHandle(gvexclusivemutex, false); } catch (...) { "
-           "releaseRawBlock(ownObject); throw; }")),
+           "detail::releaseRawBlock(ownObject); throw; }")),
     patch("a deep copy's pool is given back when its pointer cannot be made", POINTER,
           ("GVSmartPointer<T>::deepCopy", "instead", "return GVSmartPointer(copy, true, true);",
            "try { return GVSmartPointer(copy, true, true); } catch (...) { T::operator delete(copy); throw; }")),
@@ -157,8 +178,8 @@ PATCHES = [
 
     # Checks that are not wanted
     patch("a block's null header word is left alone", POOL,
-          ("GVMemoryPoolObject::~", "instead", "releaseRawBlock(theBytes);",
-           "if (rawBlockDeallocator(theBytes) != nullptr) { releaseRawBlock(theBytes); }")),
+          ("GVMemoryPoolObject::~", "instead", "detail::releaseRawBlock(theBytes);",
+           "if (detail::rawBlockDeallocator(theBytes) != nullptr) { detail::releaseRawBlock(theBytes); }")),
     patch("raw blocks go back through the current function", RAW,
           ("inline void releaseRawBlock", "value", "rawBlockDeallocator(userBytes)", "GVObject::GetDeallocator()")),
     patch("the function is asked for before the allocation", RAW,
@@ -167,7 +188,7 @@ PATCHES = [
           ("inline void* allocateRawBlock", "value", "GVObject::GetDeallocator()", "early")),
     patch("a block's length that wraps is refused", POOL,
           ("GVMemoryPoolObject::GVMemoryPoolObject(unsigned int", "before", "void* const bytes",
-           "if (ON && !fitsInRawBlock(length)) { throw std::bad_alloc(); }")),
+           "if (ON && !detail::fitsInRawBlock(length)) { throw std::bad_alloc(); }")),
     patch("a block that cannot be built uses a token up", POOL,
           ("GVMemoryPoolObject::GVMemoryPoolObject(unsigned int", "before", "void* const bytes",
            "if (ON) { takeNextToken(); --theNextToken; ++theNextToken; }"),
@@ -186,15 +207,15 @@ PATCHES = [
            "if (ON && bytesInEachObject != 0 && memoryPool.get(token) != nullptr) { "
            "*static_cast<char*>(memoryPool.get(token)->theValue->getBytes()) = 0; }")),
     patch("an unknown token has no memory", POOL_HEADER,
-          ("void* GVMemoryPool::getMemoryForToken", "before", "return memoryPool",
+          ("void* GVMemoryPool::addressOf", "before", "return memoryPool",
            "if (ON && memoryPool.get(token) == nullptr) { return nullptr; }")),
     patch("a free token has no memory", POOL_HEADER,
-          ("void* GVMemoryPool::getMemoryForToken", "before", "return memoryPool",
+          ("void* GVMemoryPool::addressOf", "before", "return memoryPool",
            "if (ON && std::find(availableTokens.begin(), availableTokens.end(), token) != availableTokens.end()) "
            "{ return nullptr; }")),
     patch("the number in use does not wrap", POOL,
           ("GVMemoryPool::numberOfObjectsInPoolInUse", "before", "return count == 0",
-           "if (ON && availableTokens.size() > count) { return 0; }")),
+           "if (ON && availableTokens.size() > count) { return 0U; }")),
     patch("the number in use of a pool without blocks wraps", POOL,
           ("GVMemoryPool::numberOfObjectsInPoolInUse", "value", "count == 0", "availableTokens.empty()")),
     patch("a size that stays the same rebuilds nothing", POOL,
@@ -258,15 +279,15 @@ PATCHES = [
 
     # The table
     patch("stored hashes are compared at every slot", TABLE,
-          ("for (unsigned int perturb = hash", "value", "entry->theKey == key",
+          (PAST_HOME, "value", "entry->theKey == key",
            "entry->theHash == hash && entry->theKey == key")),
     patch("a deleted slot past the home slot is passed over", TABLE,
-          ("for (unsigned int perturb = hash", "before", "if (entry->theState != gvoccupiedentry)",
+          (PAST_HOME, "before", "if (entry->theState != gvoccupiedentry)",
            "if (ON && entry->theState == gvdeletedentry) { continue; }")),
     patch("a deleted home slot ends the search", TABLE, (LOOKUP, "value", "home->theState == gvemptyentry",
                                                          "home->theState != gvoccupiedentry")),
     patch("the first step adds a shifted hash", TABLE,
-          ("for (unsigned int perturb = ", "value", "hash", "hash >> 5")),
+          ("thePerturbation(", "value", "hash", "hash >> 5")),
     patch("a replacement stores the hash", TABLE,
           (HELPER, "before", "entry->theValue = value;", "if (ON) { entry->theHash = hash; }")),
     patch("a replacement keeps the old key", TABLE,
@@ -315,17 +336,20 @@ PATCHES = [
     patch("tables of different fill differ", TABLE,
           ("bool GVHashTable<K, V, H>::operator==", "before", "for (Iterator",
            "if (ON && theFillCount != other.theFillCount) { return false; }")),
+    patch("a second entry for a key counts as found", TABLE,
+          ("GVHashTable<K, V, H>::countProbes", "value", "lookup(entry.theKey, hash) != &entry",
+           "!isOccupied(lookup(entry.theKey, hash))")),
     patch("the list of keys is turned round", TABLE,
           ("GVHashTable<K, V, H>::get_keys", "before", "return keys;", "if (ON) { keys.reverse(); }")),
     patch("dereferencing looks at the slot's state", TABLE,
           ("GVHashTableEntry_Iterator<K, V>::operator*()", "value", "currentEntry()", "occupiedEntry()")),
     patch("GetValue looks for the end", TABLE,
           ("GVHashTableEntry_Iterator<K, V>::GetValue()", "before", "Entry* const entry",
-           'if (ON && isAtEnd()) { throw GVException("Iterator at end.", theHashTableFile, __LINE__, '
+           'if (ON && isAtEnd()) { throw GVException("Iterator at end.", detail::hashTableFile, __LINE__, '
            "gviteratormisuse, 0); }")),
     patch("GetKey looks for the end", TABLE,
           ("GVHashTableEntry_Iterator<K, V>::GetKey()", "before", "const Entry* const entry",
-           'if (ON && isAtEnd()) { throw GVException("Iterator at end.", theHashTableFile, __LINE__, '
+           'if (ON && isAtEnd()) { throw GVException("Iterator at end.", detail::hashTableFile, __LINE__, '
            "gviteratormisuse, 0); }")),
     patch("the end is one slot short", TABLE,
           ("bool isAtEnd() const", "value", "theIndex == theCapacity - 1", "theIndex + 2 >= theCapacity")),
@@ -344,12 +368,21 @@ PATCHES = [
           ("void writeDumpValue", "before", "stream << static_cast<unsigned long>",
            "if (ON) { stream.setf(std::ios_base::dec, std::ios_base::basefield); }")),
     patch("flags are made words", POOL,
-          ("GVMemoryPool::print", "before", "writeDumpValue(stream, useMutexHandle)",
+          ("GVMemoryPool::print", "before", "detail::writeDumpValue(stream, useMutexHandle)",
            "if (ON) { stream.setf(std::ios_base::boolalpha); }")),
     patch("flags are made numbers", POOL,
-          ("GVMemoryPool::print", "before", "writeDumpValue(stream, useMutexHandle)",
+          ("GVMemoryPool::print", "before", "detail::writeDumpValue(stream, useMutexHandle)",
            "if (ON) { stream.unsetf(std::ios_base::boolalpha); }")),
     patch("the pool's dump shows the initial number", POOL,
           ("GVMemoryPool::print", "before", 'stream << "<theMutexHandle>"',
-           "if (ON) { writeDumpValue(stream, initialNumberOfObjects); }")),
+           "if (ON) { detail::writeDumpValue(stream, initialNumberOfObjects); }")),
+
+    # The hardened build's checks
+    patch("the line begins otherwise", HARDENED, ("reportMisuse(", "before", "std::va_list", "if (ON) { line[0] = 'G'; }")),
+    patch("a block that a shrink hid is looked up all the same", CHECKS,
+          ("::checkBeforeAddress", "value", "blockOf(token) == nullptr", "findBlock(token) == nullptr")),
+    patch("a block that a shrink hid is not taken back", CHECKS,
+          ("::checkAfterReturn", "value", "findBlock(token)", "blockOf(token)")),
+    patch("a block that a shrink hid stays marked when it is lent", CHECKS,
+          ("::checkAfterLoan", "value", "findBlock(token)", "blockOf(token)")),
 ]

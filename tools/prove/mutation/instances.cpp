@@ -44,6 +44,8 @@ void useFunctionTemplates(std::ostream& stream, GVStdAllocator<char>& characters
     detail::writeDumpValue(stream, 'a');
     static_cast<void>(characters == texts || characters != texts);
     static_cast<void>(GVStdAllocator<short>(characters));
+    static_cast<void>(GVStdAllocator<void>(characters));
+    static_cast<void>(GVStdAllocator<void>(texts));
     char* const character = characters.allocate(1);
     characters.construct(character, 'a');
     characters.destroy(character);

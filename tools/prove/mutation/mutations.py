@@ -7,7 +7,10 @@ negated, each side of && and || alone), numbers, flags and pointers that are rea
 what is returned, statements (dropped, swapped with the next), and what handwritten.py lists. Left out, because no
 program of one build can hold them: constant expressions with `if constexpr`, the values of constants themselves (their
 uses are changed instead), declarations and their order. Two assignments of plain values that do not read each other's
-are not swapped, since that changes nothing.
+are not swapped, since that changes nothing. The code of a macro is left alone.
+
+Each mutant says whether the hardened build alone runs it: it is then behind `if constexpr (isHardened)`, in one of the
+files that hold the checks, or in what a check is given.
 """
 
 import re
@@ -25,6 +28,9 @@ OTHER_OPERATORS = {"+": ["-"], "-": ["+"], "*": ["+", "/"], "/": ["*"], "%": ["*
 COMPARISONS = {"==", "!=", "<", ">", "<=", ">="}
 # Variables that the switch would set too late; handwritten.py has what stands for their mutations.
 NEEDED_BEFORE_MAIN = {"theNextToken"}
+# What the hardened build alone runs: the files of the checks, and the function that does nothing elsewhere.
+FILES_OF_CHECKS = {"libsrc/base/gvhardened.cpp", "libsrc/utilities/gvmemorypoolchecks.cpp"}
+CHECK = "requireOrReport"
 WRAPPERS = {"ImplicitCastExpr", "ParenExpr", "ExprWithCleanups", "MaterializeTemporaryExpr", "CXXBindTemporaryExpr"}
 LEAVING = {"ReturnStmt", "ContinueStmt", "BreakStmt", "CXXThrowExpr"}
 
@@ -35,6 +41,7 @@ class Mutant:
     def __init__(self, file, line, text, function, label):
         self.file, self.line, self.text, self.function, self.label = file, line, text, function, label
         self.number = self.key = None
+        self.isHardened = False  # whether the hardened build alone runs it
 
     def __str__(self):
         return f"{self.file}:{self.line} ({self.function}): {self.label}"
@@ -76,6 +83,10 @@ class Source:
         self.bytes = (root / name).read_bytes()
         self.sites = {}
         self.blanked = set()  # begins of the word constexpr, which the switch does not go with
+        self.checks = set()  # (begin, end) of what the hardened build alone runs
+
+    def isHardened(self, offset):
+        return self.name in FILES_OF_CHECKS or any(begin <= offset < end for begin, end in self.checks)
 
     def line(self, offset):
         return self.bytes.count(b"\n", 0, offset) + 1
@@ -138,13 +149,13 @@ class Collector:
                 self.block(child, None, isVoid)
 
     def block(self, node, parent, isVoid):
-        # Empty statements are what GILVANE_IF_HARDENED leaves in a build that is not hardened.
-        statements = [child for child in node.children if child is not None and child.kind != "NullStmt"]
+        statements = [child for child in node.children if child is not None and not child.isOfMacro]
         for position, statement in enumerate(statements):
             self.statement(statement, isVoid)
             core = stripped(statement)
             extent = (statement.begin, self.source.statementEnd(statement.end))
-            alone = len(statements) == 1 and parent is not None and parent.kind == "IfStmt"
+            alone = len(statements) == 1 and parent is not None and parent.kind == "IfStmt" and \
+                not isConstexprIf(parent)
             if core.kind in ("DeclStmt", "NullStmt", "CompoundStmt") or isConstexprIf(core):
                 continue
             droppable = core.kind not in ("IfStmt", "ForStmt", "WhileStmt") and not alone
@@ -178,9 +189,16 @@ class Collector:
         if node.kind == "CompoundStmt":
             self.block(node, None, isVoid)
         elif node.kind == "IfStmt":
-            if not isConstexprIf(node):
-                self.expression(children[0], "condition")
-            for branch in children[1:]:
+            if node.tree.get("hasVar"):
+                variable, _, *branches = children
+                self.statement(variable, isVoid)
+            else:
+                condition, *branches = children
+                if not isConstexprIf(node):
+                    self.expression(condition, "condition")
+                elif self.text(condition).removeprefix("detail::") == "isHardened":
+                    self.source.checks.add((branches[0].begin, branches[0].end))
+            for branch in branches:
                 self.branch(branch, node, isVoid)
         elif node.kind == "WhileStmt":
             self.expression(children[0], "condition")
@@ -197,7 +215,8 @@ class Collector:
             self.branch(children[-1], node, isVoid)
         elif node.kind == "DeclStmt":
             for variable in children:
-                if variable.kind == "VarDecl" and not variable.tree.get("constexpr"):
+                # An array takes its text from a literal alone.
+                if variable.kind == "VarDecl" and not variable.tree.get("constexpr") and "[" not in variable.type:
                     for part in variable.children:
                         self.expression(part, "assigned")
         elif node.kind == "ReturnStmt":
@@ -223,6 +242,8 @@ class Collector:
             isRvalue = isRvalue or node.tree.get("castKind") == "LValueToRValue"
             for child in node.children:
                 self.expression(child, role, isRvalue)
+            return
+        if node.isOfMacro and node.kind != "IntegerLiteral":
             return
         if node.kind in ("ConstantExpr", "CXXDefaultArgExpr", "CXXDefaultInitExpr", "CXXThisExpr"):
             return
@@ -284,6 +305,8 @@ class Collector:
         callee, *arguments = node.children
         while callee.kind in WRAPPERS:
             callee = callee.children[0]
+        if callee.tree.get("referencedDecl", {}).get("name") == CHECK:
+            self.source.checks.add((node.begin, node.end))
         if callee.kind != "DeclRefExpr":
             for child in callee.children if callee.kind == "MemberExpr" else [callee]:
                 self.expression(child, "base")
@@ -385,7 +408,9 @@ class Collector:
         pass
 
     def onLambdaExpr(self, node, role, isRvalue):
-        raise SystemExit(f"mutants: lambdas, as in {self.source.name}, are not known to the generator")
+        closure, *_, body = node.children
+        call = next(child for child in closure.children if child and child.tree.get("name") == "operator()")
+        self.block(body, None, call.tree["type"]["qualType"].startswith("void "))
 
 
 def stripped(node):
@@ -437,7 +462,8 @@ class Catalogue:
                 known = merged.setdefault((source.name, begin, end), [name, texts])
                 known[1] = {text: None for text in known[1] if text in texts}
             for extent, droppable in collector.statements.items():
-                statements[(source.name, *extent)] = (name, droppable)
+                _, before = statements.get((source.name, *extent), (name, True))
+                statements[(source.name, *extent)] = (name, droppable and before)
             for extents in collector.swaps:
                 swaps[(source.name, *extents)] = name
         for (file, begin, end), (name, texts) in sorted(merged.items()):
@@ -454,11 +480,13 @@ class Catalogue:
             source = self.sources[file]
             first, second = source.shown(begin, end), source.shown(nextBegin, nextEnd)
             mutant = self.add(source, begin, name, f"swapped: {first} <-> {second}")
+            mutant.isHardened = mutant.isHardened or source.isHardened(nextBegin)
             source.site(begin, end).early.append((mutant, source.raw(nextBegin, nextEnd)))
             source.site(nextBegin, nextEnd).dropped.append(mutant)
 
     def add(self, source, offset, function, label):
         mutant = Mutant(source.name, source.line(offset), source.lineText(offset), function, label)
+        mutant.isHardened = source.isHardened(offset)
         self.mutants.append(mutant)
         return mutant
 
@@ -474,6 +502,7 @@ class Catalogue:
             end = begin + len(anchor.encode())
             if mutant is None:
                 mutant = Mutant(source.name, source.line(begin), source.lineText(begin), within, prefix + patch.name)
+                mutant.isHardened = source.isHardened(begin)
             if kind == "before":
                 source.site(begin, begin).inserted.append((mutant, text))
             else:

@@ -15,6 +15,7 @@ class Node:
         self.tree = tree
         self.children = children
         self.file, self.begin, self.end = place(tree)
+        self.isOfMacro = "expansionLoc" in tree.get("range", {}).get("begin", {})
         type_ = tree.get("type", {})
         self.type = type_.get("desugaredQualType", type_.get("qualType", ""))
         self.isLvalue = tree.get("valueCategory") == "lvalue"
