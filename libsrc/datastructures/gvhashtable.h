@@ -517,7 +517,8 @@ template <typename K, typename V, typename H>
 GILVANE_OUT_OF_LINE GVHashTableEntry<K, V>* GVHashTable<K, V, H>::lookupPastHome(KeyArgument key,
                                                                                  unsigned int hash) const {
     detail::ProbeSequence probe(hash, theMask);
-    Entry* const reusable = homeOf(hash)->theState == gvdeletedentry ? homeOf(hash) : nullptr;
+    Entry* const home = homeOf(hash);
+    Entry* const reusable = home->theState == gvdeletedentry ? home : nullptr;
     for (;;) {
         probe.step();
         Entry* const entry = &theTable[probe.slot()];

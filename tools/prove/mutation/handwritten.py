@@ -380,9 +380,9 @@ PATCHES = [
     # The hardened build's checks
     patch("the line begins otherwise", HARDENED, ("reportMisuse(", "before", "std::va_list", "if (ON) { line[0] = 'G'; }")),
     patch("a block that a shrink hid is looked up all the same", CHECKS,
-          ("::checkBeforeAddress", "value", "blockOf(token) == nullptr", "findBlock(token) == nullptr")),
+          ("::checkBeforeAddress", "value", "blockOf(token) == nullptr", "blockInAnySlot(token) == nullptr")),
     patch("a block that a shrink hid is not taken back", CHECKS,
-          ("::checkAfterReturn", "value", "findBlock(token)", "blockOf(token)")),
+          ("::checkAfterReturn", "value", "blockInAnySlot(token)", "blockOf(token)")),
     patch("a block that a shrink hid stays marked when it is lent", CHECKS,
-          ("::checkAfterLoan", "value", "findBlock(token)", "blockOf(token)")),
+          ("::markLent", "value", "blockInAnySlot(token)", "blockOf(token)")),
 ]
