@@ -12,7 +12,7 @@ sitePicturePackages=("${sitePackages[@]}" chromium fonts-dejavu-core)
 # To run the tests as well.
 testPackages=(
     "${buildPackages[@]}" "${sitePackages[@]}"
-    clang libclang-rt-dev llvm clang-format clang-tidy libgtest-dev
+    clang libclang-rt-dev libc++-dev libc++abi-dev llvm clang-format clang-tidy libgtest-dev
     g++-arm-linux-gnueabihf qemu-user googletest abigail-tools python3
     pkg-config dpkg-dev file libmimalloc-dev valgrind
     gdb gdb-multiarch binutils
