@@ -27,6 +27,7 @@ void reportMisuse(const char* format, ...) noexcept {
     constexpr std::size_t begun = sizeof("gilvane: ") - 1;
     std::va_list arguments;
     va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): clang-tidy 14 does not see va_start
     const int formatted = std::vsnprintf(line + begun, sizeof(line) - begun, format, arguments);
     va_end(arguments);
     const std::size_t length = std::min(begun + static_cast<std::size_t>(std::max(formatted, 0)), sizeof(line) - 1);

@@ -40,13 +40,11 @@ inline constexpr bool isHardened = false;
 [[noreturn, gnu::__format__(__printf__, 1, 2)]] GILVANE_HARDENED_ONLY void reportMisuse(const char* format,
                                                                                         ...) noexcept;
 
-/// Reports misuse unless `condition` holds; does nothing in the default build.
+/// Reports misuse unless `condition` holds.
 /// @param text  the operation, and what is wrong
 inline void requireOrReport(bool condition, const char* text) noexcept {
-    if constexpr (isHardened) {
-        if (!condition) {
-            reportMisuse("%s", text);
-        }
+    if (!condition) {
+        reportMisuse("%s", text);
     }
 }
 

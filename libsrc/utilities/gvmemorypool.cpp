@@ -121,8 +121,10 @@ GVMemoryPoolObject::GVMemoryPoolObject() : theBytes(nullptr), theLength(0), theT
 GVMemoryPoolObject::GVMemoryPoolObject(unsigned int length) {
     // Deliberate: length and header word may wrap (docs/deliberate.md, Allocation).
     // Watched by PoolObject.asksForItsLengthAndAHeaderWordModulo32Bits.
-    detail::requireOrReport(detail::fitsInRawBlock(length),
-                            "GVMemoryPoolObject: a length that wraps with the header word");
+    if constexpr (detail::isHardened) {
+        detail::requireOrReport(detail::fitsInRawBlock(length),
+                                "GVMemoryPoolObject: a length that wraps with the header word");
+    }
     void* const bytes = detail::allocateRawBlock(length);
     if (bytes == nullptr) {
         throw std::bad_alloc();

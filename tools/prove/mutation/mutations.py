@@ -9,8 +9,8 @@ program of one build can hold them: constant expressions with `if constexpr`, th
 uses are changed instead), declarations and their order. Two assignments of plain values that do not read each other's
 are not swapped, since that changes nothing. The code of a macro is left alone.
 
-Each mutant says whether the hardened build alone runs it: it is then behind `if constexpr (isHardened)`, in one of the
-files that hold the checks, or in what a check is given.
+Each mutant says whether the hardened build alone runs it: it is then behind `if constexpr (isHardened)`, or in one of
+the files that hold the checks.
 """
 
 import re
@@ -28,9 +28,8 @@ OTHER_OPERATORS = {"+": ["-"], "-": ["+"], "*": ["+", "/"], "/": ["*"], "%": ["*
 COMPARISONS = {"==", "!=", "<", ">", "<=", ">="}
 # Variables that the switch would set too late; handwritten.py has what stands for their mutations.
 NEEDED_BEFORE_MAIN = {"theNextToken"}
-# What the hardened build alone runs: the files of the checks, and the function that does nothing elsewhere.
-FILES_OF_CHECKS = {"libsrc/base/gvhardened.cpp", "libsrc/utilities/gvmemorypoolchecks.cpp"}
-CHECK = "requireOrReport"
+# The files that the hardened build alone runs.
+FILES_OF_CHECKS = {"libsrc/base/gvhardened.h", "libsrc/base/gvhardened.cpp", "libsrc/utilities/gvmemorypoolchecks.cpp"}
 WRAPPERS = {"ImplicitCastExpr", "ParenExpr", "ExprWithCleanups", "MaterializeTemporaryExpr", "CXXBindTemporaryExpr"}
 LEAVING = {"ReturnStmt", "ContinueStmt", "BreakStmt", "CXXThrowExpr"}
 
@@ -305,8 +304,6 @@ class Collector:
         callee, *arguments = node.children
         while callee.kind in WRAPPERS:
             callee = callee.children[0]
-        if callee.tree.get("referencedDecl", {}).get("name") == CHECK:
-            self.source.checks.add((node.begin, node.end))
         if callee.kind != "DeclRefExpr":
             for child in callee.children if callee.kind == "MemberExpr" else [callee]:
                 self.expression(child, "base")
