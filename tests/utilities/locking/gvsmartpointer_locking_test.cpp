@@ -320,7 +320,7 @@ TEST_F(SmartPointerLocking, releasesTheFormerObjectUnderItsHandleWhenMovedTo) {
 }
 
 TEST_F(SmartPointerLocking, locksNoHandleTwiceWhenTheObjectThatGoesRefillsThePointer) {
-    using Pointer = GVSmartPointer<EndingObject>;
+    using EndingPointer = GVSmartPointer<EndingObject>;
     const Log ofCopies = {"lock 2", "unlock 2", "lock 1",   "lock 3",  "unlock 3",
                           "lock 2", "unlock 2", "unlock 1", "delete 1"};
     const Log ofMoves = {"lock 1", "lock 2", "unlock 2", "delete 2", "unlock 1", "delete 1"};
@@ -328,10 +328,10 @@ TEST_F(SmartPointerLocking, locksNoHandleTwiceWhenTheObjectThatGoesRefillsThePoi
         SCOPED_TRACE(byMove ? "by move" : "by copy");
         ThreadsLog::clear();
         Ends ends;
-        Pointer slot(new EndingObject("former", ends), true, true);
-        Pointer next(new EndingObject("next", ends), true, true);
-        Pointer last(new EndingObject("last", ends), true, true);
-        const auto assign = [byMove](Pointer& target, Pointer& source) {
+        EndingPointer slot(new EndingObject("former", ends), true, true);
+        EndingPointer next(new EndingObject("next", ends), true, true);
+        EndingPointer last(new EndingObject("last", ends), true, true);
+        const auto assign = [byMove](EndingPointer& target, EndingPointer& source) {
             if (byMove) {
                 target = std::move(source);
             } else {
