@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <ostream>
 #include <utility>
 
 namespace Gilvane {
@@ -21,9 +22,12 @@ struct LastWords : GVObject {
     std::function<void()> theWords;
 };
 
-void saysNothing() {}
+const std::function<void()> nothing = [] {};
 
 enum class Way { copy, move };
+
+// For the names of tests.
+[[maybe_unused]] void PrintTo(Way way, std::ostream* stream) { *stream << (way == Way::copy ? "byCopy" : "byMove"); }
 
 // Assigns, and leaves `source` as the way leaves it.
 template <typename P>
@@ -47,7 +51,7 @@ TEST_P(SmartPointerReplacement, letsTheFormerObjectSeeThePointerWithTheNewOne) {
                                             sharers = pointer.getRefCount();
                                         }),
                                         true, true);
-    GVSmartPointer<LastWords> next(new LastWords(saysNothing), true, true);
+    GVSmartPointer<LastWords> next(new LastWords(nothing), true, true);
     const LastWords* const object = next.get();
     assign(GetParam(), pointer, next);
     EXPECT_EQ(seen, object);
@@ -57,7 +61,7 @@ TEST_P(SmartPointerReplacement, letsTheFormerObjectSeeThePointerWithTheNewOne) {
 
 TEST_P(SmartPointerReplacement, letsTheFormerObjectAssignToThePointerAgain) {
     GVSmartPointer<LastWords> pointer;
-    const GVSmartPointer<LastWords> last(new LastWords(saysNothing), true, false);
+    const GVSmartPointer<LastWords> last(new LastWords(nothing), true, false);
     pointer = GVSmartPointer<LastWords>(new LastWords([&] { pointer = last; }), true, false);
     int deletions = 0;
     GVSmartPointer<LastWords> next(new LastWords([&] { ++deletions; }), true, false);
