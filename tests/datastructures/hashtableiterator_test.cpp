@@ -342,6 +342,7 @@ TEST(HashTableIterator, servesTheStandardAlgorithms) {
     EXPECT_EQ(std::count_if(table.begin(), table.end(), [](int value) { return value > 3; }), 2);
     std::for_each(table.begin(), table.end(), [](int& value) { value = 10 - value; });
     EXPECT_EQ(std::max_element(table.begin(), table.end()).GetKey(), 1U);
+    EXPECT_EQ(std::min_element(table.begin(), table.end()).GetKey(), 5U);
     EXPECT_EQ(std::vector<int>(table.begin(), table.end()), std::vector<int>({9, 7, 6, 5}));
 }
 
