@@ -95,8 +95,8 @@ class GILVANE_EXPORT GVSmartPointer : public GVObject {
     ///
     /// The destructor of the former object may use this pointer, and assign to it again: the pointer holds the new
     /// object by then. In a class derived from this one it may not: there the former share is given up first, so that
-    /// an override of deleteData still finds the former object in this pointer. The same goes for a pointer that was made
-    /// in another library, where that has a virtual table of its own for the class.
+    /// an override of deleteData still finds the former object in this pointer. The same goes for a pointer that was
+    /// made in another library, where that has a virtual table of its own for the class.
     GVSmartPointer& operator=(const GVSmartPointer& other);
 
     /// Takes over the other's share, and leaves the other empty; otherwise as above.

@@ -1,5 +1,5 @@
-// Refills smart pointers from the destructor of what they hold. Compiled with run-time type information and without, and
-// linked into one program as both; it is the main program in one of the two.
+// Refills smart pointers from the destructor of what they hold. Compiled with run-time type information and without,
+// and linked into one program as both; it is the main program in one of the two.
 #include <gilvane/utilities/gvmemorypool.h>
 #include <gilvane/utilities/gvsmartpointer.h>
 

@@ -1,4 +1,5 @@
-// When an assignment gives the former share up, and on which pointer: GVSmartPointer itself, and classes derived from it.
+// When an assignment gives the former share up, and on which pointer: GVSmartPointer itself, and classes derived from
+// it.
 #include "sharedobject.h"
 
 #include <gtest/gtest.h>
