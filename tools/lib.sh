@@ -12,11 +12,23 @@ fail() {
     exit 1
 }
 
+# testsIn PRESET LOG: how many tests ctest has run by its log; where a program is one of ctest's tests, the program's own.
+testsIn() {
+    local preset=$1 log=$2 sum program tests
+    sum=$(sed -nE 's/.* tests failed out of ([0-9]+)$/\1/p' "$log")
+    while read -r program; do
+        [[ -f build/$preset/gtest/$program.xml ]] || continue
+        tests=$(sed -nE 's/^<testsuites tests="([0-9]+)".*/\1/p' "build/$preset/gtest/$program.xml")
+        sum=$((sum - 1 + tests))
+    done < <(sed -nE 's/^ *[0-9]+\/[0-9]+ +Test +#[0-9]+: ([^ ]+) .*/\1/p' "$log")
+    echo "$sum"
+}
+
 # showSuites: ctest's closing line of each suite that ./test has run.
 showSuites() {
     local preset
     for preset in dev asan arm arm-ubsan; do
-        say "the suite in preset $preset"
+        say "the suite in preset $preset, $(testsIn "$preset" "build/log/ctest-$preset") tests"
         grep 'tests passed' "build/log/ctest-$preset"
     done
 }

@@ -30,15 +30,6 @@ expectHolds "the list of symbols" "$symbols" '^Gilvane::GVMemoryPool::releaseObj
 ! grep -vE '^(typeinfo for |typeinfo name for |vtable for )?Gilvane::' <<<"$symbols" ||
     fail "the shared library offers the symbols above"
 
-# alone HEADER: compiles a program that includes this header and nothing else.
-alone() {
-    g++ -std=c++17 -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -I "$prefix/include" -fsyntax-only -x c++ - \
-        <<<"#include <$1>" || fail "installed, $1 does not stand alone"
-}
-export -f alone fail
-export prefix
-(cd "$prefix/include" && find gilvane -name '*.h' -print0) | xargs -0 -I HEADER -P 2 bash -c 'alone "$1"' alone HEADER
-
 # --- find_package -----------------------------------------------------------------------------------------------------
 
 expectConsumerServed by_find_package static -DCMAKE_PREFIX_PATH="$prefix"
