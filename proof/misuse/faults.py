@@ -1,4 +1,4 @@
-"""Faults in what a wrong use comes to; tests/proof/plant_faults.py plants them."""
+"""Faults in what a wrong use comes to; proof/faults/plant_faults.py plants them."""
 
 # name, file, text that stands there once, what stands there instead
 FAULTS = [

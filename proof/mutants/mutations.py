@@ -428,7 +428,7 @@ class Catalogue:
         functions = syntax.readFunctions(root)
         missing = functions.withoutInstance()
         if missing:
-            raise SystemExit(f"mutants: tools/prove/mutation/instances.cpp uses no {', '.join(sorted(set(missing)))}")
+            raise SystemExit(f"mutants: proof/mutants/instances.cpp uses no {', '.join(sorted(set(missing)))}")
         self.sources = {str(path.relative_to(root)): Source(root, str(path.relative_to(root)))
                         for path in sorted((root / "libsrc").rglob("*")) if path.suffix in (".h", ".cpp")}
         self.mutants = []

@@ -126,6 +126,6 @@ class Functions:
 def readFunctions(root):
     root = pathlib.Path(root).resolve()
     functions = Functions()
-    for source in sorted((root / "libsrc").rglob("*.cpp")) + [root / "tools/prove/mutation/instances.cpp"]:
+    for source in sorted((root / "libsrc").rglob("*.cpp")) + [root / "proof/mutants/instances.cpp"]:
         functions.addUnit(readUnit(root, source, root / "include"))
     return functions
