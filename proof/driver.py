@@ -8,7 +8,6 @@ planted to see whether it finds them, it gets from here, too.
 
 import argparse
 import datetime
-import hashlib
 import importlib.util
 import os
 import pathlib
@@ -21,9 +20,10 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 BUILD = ROOT / "build/proof"
-sys.path.insert(0, str(ROOT / "proof/faults"))
+sys.path[:0] = [str(ROOT / "proof/faults"), str(ROOT / "tools/renewal")]
 
 import faults  # noqa: E402
+import stamps  # noqa: E402
 
 # In the order of a reader's questions: what may go wrong, is it noticed, is everything reached, would a fault be seen.
 PARTS = ["failures", "misuse", "model", "interleavings", "threads", "valgrind", "coverage", "mutants"]
@@ -158,13 +158,6 @@ class Proof:
 # --- the parts and their scoreboard -----------------------------------------------------------------------------------
 
 
-def hashOfLibrary():
-    """What is proved: the library as it stands, changes that are not committed included."""
-    sums = "".join(f"{hashlib.sha256(path.read_bytes()).hexdigest()}  {path.relative_to(ROOT)}\n"
-                   for path in sorted(ROOT.glob("libsrc/**/*")) if path.is_file())
-    return hashlib.sha256(sums.encode()).hexdigest()[:12]
-
-
 def load(part):
     where = importlib.util.spec_from_file_location(f"part_{part}", ROOT / "proof" / part / "part.py")
     module = importlib.util.module_from_spec(where)
@@ -230,8 +223,8 @@ made a mistake of which nothing is promised, and the schedule ends there.
         what, schedules, where = line.split("|")
         where = where.removeprefix("docs/")
         lines.append(f"| {what} | {schedules} | [{where}]({where.split(', ')[0]}) |\n")
-    (ROOT / "docs/proof.md").write_text("".join(lines))
-    subprocess.run([ROOT / "tools/update-facts"], check=True)
+    (ROOT / "docs/proof.md").write_text(stamps.stamped("".join(lines)))
+    subprocess.run([ROOT / "tools/renew", "facts"], check=True)
     say("wrote docs/proof.md, and the README's facts")
 
 
@@ -245,7 +238,7 @@ def main():
             sys.exit(f"prove: no part is called {part}; there are: {' '.join(PARTS)}")
     chosen = options.parts or PARTS
     BUILD.mkdir(parents=True, exist_ok=True)
-    library = hashOfLibrary()
+    library = stamps.library()
     failed = [part for part in chosen if not attempt(part, options.short, library)]
     say("scoreboard")
     for part, what, figure in scoreboard(chosen):

@@ -1,15 +1,13 @@
-#!/usr/bin/env python3
-"""Writes the README's table of measured facts, from the documents that programs wrote.
+"""The README's table of measured facts, from the pages that programs wrote."""
 
-    tools/update-facts            writes it
-    tools/update-facts --check    fails if it is not what the documents say
-"""
 import pathlib
 import re
 import sys
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
-BEGIN = "<!-- facts, written by tools/update-facts -->\n"
+import stamps
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BEGIN = "<!-- facts, written by tools/renew -->\n"
 END = "<!-- end of facts -->\n"
 
 
@@ -23,7 +21,7 @@ def rows(name):
 def one(found, what):
     found = list(found)
     if len(found) != 1:
-        sys.exit(f"update-facts: {len(found)} rows instead of one tell of {what}")
+        sys.exit(f"renew: {len(found)} rows instead of one tell of {what}")
     return found[0]
 
 
@@ -44,7 +42,7 @@ def proven(part, what):
         here = row[0] or here
         if (here, row[1]) == (part, what):
             return f"{int(row[2]):,}".replace(",", " ") if row[2].isdigit() else row[2]
-    sys.exit(f"update-facts: {part} says nothing of {what}")
+    sys.exit(f"renew: {part} says nothing of {what}")
 
 
 def tests(preset):
@@ -84,19 +82,34 @@ def facts():
         yield f"| {what} | {figure} |\n"
 
 
-def main():
-    if sys.argv[1:] not in ([], ["--check"]):
-        sys.exit(__doc__)
-    readme = ROOT / "README.md"
-    text = readme.read_text()
+def sources():
+    """Of which library the pages are that the facts come from."""
+    for page in ("performance", "platforms", "proof"):
+        stamp = stamps.stampOf((ROOT / "docs" / f"{page}.md").read_text())
+        yield page, f"version {stamp[0]}, libsrc {stamp[1]}" if stamp else "an earlier library"
+
+
+def provenance():
+    """A sentence for each library that facts are of."""
+    pages = {}
+    for page, about in sources():
+        pages.setdefault(about, []).append(page)
+    return " ".join(f"The figures of {' and '.join(names)} are of {about}." for about, names in pages.items())
+
+
+def renewed():
+    """The README, with the facts as the pages have them."""
+    text = (ROOT / "README.md").read_text()
     before, begin, rest = text.partition(BEGIN)
     _, end, after = rest.partition(END)
     if not begin or not end:
-        sys.exit("update-facts: README.md has no place for the facts")
-    written = before + BEGIN + "\n" + "".join(facts()) + "\n" + END + after
-    if sys.argv[1:] and written != text:
-        sys.exit("update-facts: README.md does not show what the documents say; run tools/update-facts")
-    readme.write_text(written)
+        sys.exit("renew: README.md has no place for the facts")
+    return before + BEGIN + "\n" + "".join(facts()) + "\n" + provenance() + "\n\n" + END + after
 
 
-main()
+def areShown():
+    return renewed() == (ROOT / "README.md").read_text()
+
+
+def write():
+    (ROOT / "README.md").write_text(renewed())
