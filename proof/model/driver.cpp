@@ -1,13 +1,11 @@
 #include "driver.h"
 
-#include "arena.h"
 #include "pooldriver.h"
 #include "tabledriver.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <memory>
 
 namespace Gilvane::driver {
 
@@ -22,34 +20,42 @@ namespace {
 
 std::unique_ptr<Driver> makeDriver(const Bytes& program) {
     const auto subject = static_cast<Subject>(program[0] % 4);
-    if (subject == pools) {
-        return std::make_unique<PoolDriver>(program[1]);
-    }
-    return makeTableDriver(subject);
+    return subject == pools ? makePoolDriver(program[1]) : makeTableDriver(subject);
 }
 
 } // namespace
 
-Run run(const Bytes& program, Views views) {
+Run run(const Bytes& program, Comparison comparison) {
     Run result;
     if (program.size() < 2) {
         return result;
     }
     arena::begin();
     const std::unique_ptr<Driver> driver = makeDriver(program);
-    try {
-        for (std::size_t position = 2; position + 3 <= program.size(); position += 3) {
-            result.lastMade = driver->make({program[position], program[position + 1], program[position + 2]});
-            result.made += result.lastMade ? 1 : 0;
-            result.passedOver += result.lastMade ? 0 : 1;
-            if (views == Views::afterEach && result.lastMade) {
-                driver->compareViews();
-            }
+    const bool whereChosen = comparison == Comparison::whereChosen;
+    const bool viewsWhereChosen = whereChosen && program[1] >= 0x80;
+    const auto compare = [&driver](bool fields, bool views) {
+        if (fields) {
+            driver->compareFields();
         }
-        if (views == Views::afterLast && result.lastMade) {
+        if (views) {
+            const arena::Aside aside;
             driver->compareViews();
         }
-        driver->finish();
+    };
+    try {
+        for (std::size_t position = 2; position + 3 <= program.size(); position += 3) {
+            const unsigned char a = program[position + 1];
+            result.lastMade = driver->make({program[position], a, program[position + 2]});
+            result.made += result.lastMade ? 1 : 0;
+            result.passedOver += result.lastMade ? 0 : 1;
+            const bool here = result.lastMade && (a & chosen) == chosen;
+            compare(whereChosen ? here : result.lastMade,
+                    whereChosen ? here && viewsWhereChosen : result.lastMade && comparison == Comparison::afterEach);
+        }
+        compare(whereChosen,
+                whereChosen ? viewsWhereChosen : result.lastMade && comparison == Comparison::viewsAfterLast);
+        driver->finish(comparison);
     } catch (const Difference& difference) {
         report(difference.text, *driver);
     } catch (const std::exception& exception) {

@@ -147,6 +147,7 @@ inline void begin(Meter& newMeter, unsigned int firstToken) {
     flags.clear();
     lastHandleNumber = 0;
     nextToken = firstToken;
+    Pool::defaultNumberOfObjects = 4;
     meter = &newMeter;
 }
 
