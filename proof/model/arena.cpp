@@ -76,12 +76,14 @@ void* allocate(unsigned int bytes) {
         return nullptr;
     }
     usedBytes = endOf(from, bytes);
-    unpoison(memory + from, usedBytes - from);
-    std::memset(memory + from, marginFill, usedBytes - from);
     unsigned char* const start = memory + from + margin + alignment - sizeof(void*);
+    if (poisons) {
+        poison(memory + from, usedBytes - from);
+        unpoison(start, bytes);
+    } else {
+        std::memset(memory + from, marginFill, usedBytes - from);
+    }
     std::memset(start, newFill, bytes);
-    poison(memory + from, usedBytes - from);
-    unpoison(start, bytes);
     records.push_back({start, bytes, true});
     if (!isAside) {
         numbered.push_back(start + detail::rawBlockHeaderBytes);
@@ -104,8 +106,11 @@ void release(void* block) {
     }
     record->live = false;
     --live;
-    std::memset(block, releasedFill, record->bytes);
-    poison(block, record->bytes);
+    if (poisons) {
+        poison(block, record->bytes);
+    } else {
+        std::memset(block, releasedFill, record->bytes);
+    }
 }
 
 bool holds(const unsigned char* from, const unsigned char* to, unsigned char fill) {

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <numeric>
 
 namespace Gilvane::driver {
 
@@ -18,12 +19,18 @@ namespace {
     std::abort();
 }
 
+unsigned int sumOf(const Bytes& program) { return std::accumulate(program.begin(), program.end(), 0U); }
+
 std::unique_ptr<Driver> makeDriver(const Bytes& program) {
     const auto subject = static_cast<Subject>(program[0] % 4);
     return subject == pools ? makePoolDriver(program[1]) : makeTableDriver(subject);
 }
 
 } // namespace
+
+void throwDifference(const char* what, const std::string& library, const std::string& model) {
+    throw Difference{std::string(what) + ": " + library + " in the library, " + model + " in the model"};
+}
 
 Run run(const Bytes& program, Comparison comparison) {
     Run result;
@@ -33,7 +40,6 @@ Run run(const Bytes& program, Comparison comparison) {
     arena::begin();
     const std::unique_ptr<Driver> driver = makeDriver(program);
     const bool whereChosen = comparison == Comparison::whereChosen;
-    const bool viewsWhereChosen = whereChosen && program[1] >= 0x80;
     const auto compare = [&driver](bool fields, bool views) {
         if (fields) {
             driver->compareFields();
@@ -49,12 +55,11 @@ Run run(const Bytes& program, Comparison comparison) {
             result.lastMade = driver->make({program[position], a, program[position + 2]});
             result.made += result.lastMade ? 1 : 0;
             result.passedOver += result.lastMade ? 0 : 1;
-            const bool here = result.lastMade && (a & chosen) == chosen;
-            compare(whereChosen ? here : result.lastMade,
-                    whereChosen ? here && viewsWhereChosen : result.lastMade && comparison == Comparison::afterEach);
+            compare(result.lastMade && (!whereChosen || (a & chosen) == chosen),
+                    result.lastMade && comparison == Comparison::afterEach);
         }
-        compare(whereChosen,
-                whereChosen ? viewsWhereChosen : result.lastMade && comparison == Comparison::viewsAfterLast);
+        compare(whereChosen, whereChosen ? sumOf(program) % programsPerView == 0
+                                         : result.lastMade && comparison == Comparison::viewsAfterLast);
         driver->finish(comparison);
     } catch (const Difference& difference) {
         report(difference.text, *driver);

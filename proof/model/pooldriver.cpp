@@ -392,7 +392,7 @@ void PoolDriver::finish(Comparison comparison) {
         if (!commit({PoolCall::reset, number})) {
             commit({PoolCall::forget, number});
         }
-        if (comparison != Comparison::whereChosen || number == numberOfPointers - 1) {
+        if (comparison != Comparison::whereChosen) {
             compareFields();
         }
     }

@@ -162,8 +162,7 @@ class TableDriver : public TableDriverBase<function> {
         Call call{static_cast<TableCall>(operation.code % static_cast<unsigned int>(TableCall::numberOfCalls)),
                   operation.a / 128U, tableKeys[operation.a & 15], operation.b};
         const unsigned int many = operation.a * 256U + operation.b;
-        // Searches that pass many keys one by one would take too long.
-        const unsigned int most = function == identity ? reference::limits.slots : 200;
+        const unsigned int most = function == identity ? reference::limits.slots : reference::limits.crowdedKeys;
         switch (call.what) {
         case TableCall::resize:
             call.number = operation.b == 255 ? 0x80000000U : operation.b;

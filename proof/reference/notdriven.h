@@ -14,6 +14,7 @@ struct NotDriven {
 /// Tables and pools that would get larger than this are not driven.
 struct Limits {
     unsigned int slots = 1U << 12;
+    unsigned int crowdedKeys = 200; // in a table whose searches pass many keys one by one
     unsigned int blocks = 200;
 };
 inline Limits limits;
