@@ -546,7 +546,7 @@ class Point {
         } catch (const reference::BadAlloc&) {
             return "bad_alloc";
         } catch (const reference::Exception& exception) {
-            return "GVException " + std::to_string(exception.kind) + " 0 " + exception.file + ": " + exception.message;
+            return exception.text;
         } catch (const reference::NotDriven& notDriven) {
             Model::ledger().errors.emplace_back(notDriven.reason);
         }
@@ -655,9 +655,11 @@ int prove() {
         return 1;
     }
     std::printf("accepted losses, in bytes with the header word of %u bytes:\n", Gilvane::detail::rawBlockHeaderBytes);
-    for (const AcceptedLoss& row : acceptedLosses()) {
-        std::printf("    %7zu blocks of %3u%s: %s\n", totals.losses[row.loss], row.fixedBytes,
-                    row.unitBytes == 0 ? "" : (" + n * " + std::to_string(row.unitBytes)).c_str(), row.when);
+    for (const AcceptedLoss& row : acceptedLosses) {
+        const Size size = sizeOf(row.what);
+        std::printf("    %7zu blocks of %3zu%s: %s\n", totals.losses[row.loss],
+                    size.fixedBytes + Gilvane::detail::rawBlockHeaderBytes,
+                    size.unitBytes == 0 ? "" : (" + n * " + std::to_string(size.unitBytes)).c_str(), row.when);
         if (totals.losses[row.loss] == 0) {
             std::printf("difference: this accepted loss was never seen\n");
             return 1;

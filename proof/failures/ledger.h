@@ -26,22 +26,40 @@ struct PlainObject : Gilvane::GVObject {
     void* anything = nullptr;
 };
 
-/// Bytes of an array of `numberOfEntries` objects that have a destructor, as a new-expression asks for them.
-unsigned int arrayBytes(std::size_t entryBytes, std::size_t numberOfEntries);
+/// Bytes that a new-expression asks for in front of an array of objects that have a destructor.
+std::size_t bytesBeforeAnArray();
 
-/// Bytes that the library asks for, header word not included.
-std::size_t bytesOf(What what, std::size_t units);
+/// What the library asks for, in bytes; the header word comes on top.
+struct Size {
+    std::size_t fixedBytes;
+    std::size_t unitBytes; // for each unit
+
+    std::size_t of(std::size_t units) const { return fixedBytes + units * unitBytes; }
+};
+Size sizeOf(What what);
 
 /// A loss that is accepted.
 struct AcceptedLoss {
     Loss loss;
+    What what;
     const char* when;
-    unsigned int fixedBytes; // header word included
-    unsigned int unitBytes;  // what comes on top for each unit
 };
 
 /// One row for each Loss, in its order.
-const std::vector<AcceptedLoss>& acceptedLosses();
+inline constexpr AcceptedLoss acceptedLosses[] = {
+    {Loss::countCell, What::countCell, "a smart pointer's flag cell or handle is refused: its count cell"},
+    {Loss::flagCell, What::flagCell, "a smart pointer's handle is refused: its flag cell"},
+    {Loss::handleOfFailedPool, What::handle, "a pool cannot build its blocks at construction: its handle"},
+    {Loss::blockOfFailedPool, What::block, "a pool cannot build its blocks at construction: each block built"},
+    {Loss::bytesOfFailedPool, What::bytesOfBlock,
+     "a pool cannot build its blocks at construction: bytes of each block built"},
+    {Loss::arrayOfFailedTableCopy, What::arrayOfTable, "a table's copy cannot grow: the array it had grown to"},
+    {Loss::arrayOfFailedPoolCopy, What::arrayOfPool, "a pool's copy cannot grow its table: the array it had grown to"},
+    {Loss::poolOfFailedDeepCopy, What::pool, "a deep copy cannot make its pointer: the pool copied"},
+    {Loss::arrayOfFailedDeepCopy, What::arrayOfPool,
+     "a deep copy cannot make its pointer: the array of the pool's table"},
+    {Loss::freeListOfFailedDeepCopy, What::tokens, "a deep copy cannot make its pointer: the pool's free list"},
+};
 
 class Ledger : public reference::Meter {
   public:
@@ -50,13 +68,13 @@ class Ledger : public reference::Meter {
     std::vector<std::string> errors; // losses that no row accepts
 
     void happened(reference::Event event, int handle) override;
-    /// A loss must have the size that its row gives, to the byte.
+    /// What is lost must be what the loss's row says.
     void lost(Loss loss, Id id) override;
 
   protected:
     bool grants(What what, std::size_t units) override {
-        theUnits.push_back(units);
-        return books.request(static_cast<unsigned int>(bytesOf(what, units)) + Gilvane::detail::rawBlockHeaderBytes);
+        theRequests.push_back(what);
+        return books.request(static_cast<unsigned int>(sizeOf(what).of(units)) + Gilvane::detail::rawBlockHeaderBytes);
     }
     void released(Id id) override {
         books.blocks[static_cast<std::size_t>(id) - 1].live = false;
@@ -64,7 +82,7 @@ class Ledger : public reference::Meter {
     }
 
   private:
-    std::vector<std::size_t> theUnits; // by Id - 1
+    std::vector<What> theRequests; // by Id - 1
 };
 
 } // namespace Proof

@@ -83,18 +83,14 @@ struct ArrayProbe {
     }
 };
 
+} // namespace
+
 std::size_t bytesBeforeAnArray() {
     static const std::size_t bytes = [] {
         delete[] new ArrayProbe[1];
         return ArrayProbe::asked() - sizeof(ArrayProbe);
     }();
     return bytes;
-}
-
-} // namespace
-
-unsigned int arrayBytes(std::size_t entryBytes, std::size_t numberOfEntries) {
-    return static_cast<unsigned int>(bytesBeforeAnArray() + entryBytes * numberOfEntries);
 }
 
 Books& RealMemory::books() {
@@ -239,6 +235,14 @@ void Real::misuse(Table& table, Misuse misuse) {
     }
 }
 
+std::size_t Model::keys(Table& table) {
+    std::vector<reference::RawBlock> nodes;
+    for (unsigned int listed = 0; listed < table.used; ++listed) {
+        nodes.emplace_back(What::keyNode);
+    }
+    return nodes.size();
+}
+
 void Model::misuse(Table&, Misuse misuse) { reference::throwException(12, messageOf(misuse), Table::file); }
 
 void Model::refuseOneHook() { reference::throwException(1, hookMessage, "libsrc/base/gvobject"); }
@@ -361,7 +365,8 @@ void addTable(Lines& lines, const std::string& name, RealTable& table, const ref
     const auto* const slots = GVTestPeer::slots(table);
     if (slots != GVTestPeer::smallSlots(table)) {
         array = RealMemory::idOf(slots, bytesBeforeAnArray());
-        if (array > 0 && blockOf(array).bytes == rawBlockHeaderBytes + arrayBytes(sizeof *slots, size + 1)) {
+        if (array > 0 &&
+            blockOf(array).bytes == rawBlockHeaderBytes + bytesBeforeAnArray() + (size + 1) * sizeof *slots) {
             large = slotsSeen(slots, size + 1, knownTable.large);
         } else {
             lines.push_back(name + " has an array that is not its own");

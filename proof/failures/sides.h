@@ -148,7 +148,7 @@ struct Model {
     }
     static void print(const Pool&) {}
     static void print(const PoolPointer& pointer) { const reference::Scope scope(pointer.fields.handle); }
-    static std::size_t keys(Table& table) { return table.get_keys().nodes.size(); }
+    static std::size_t keys(Table& table);
     static bool has(Table& table, unsigned int key) { return table.find(key).has_value(); }
     static void append(Tokens& tokens, unsigned int token) { tokens.append(token); }
     static bool hasMemory(Pool& pool, unsigned int token) { return pool.blockOf(token).bytes != 0; }

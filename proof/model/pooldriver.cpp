@@ -71,8 +71,8 @@ struct LibrarySide {
         try {
             function();
         } catch (const GVException& exception) {
-            return std::to_string(exception.getKind()) + " " + std::to_string(exception.getCode()) + " " +
-                   exception.getFile() + ": " + exception.getMessage();
+            return "GVException " + std::to_string(exception.getKind()) + " " + std::to_string(exception.getCode()) +
+                   " " + exception.getFile() + ": " + exception.getMessage();
         }
         return {};
     }
@@ -118,7 +118,7 @@ struct ReferenceSide {
         try {
             function();
         } catch (const reference::Exception& exception) {
-            return std::to_string(exception.kind) + " 0 " + exception.file + ": " + exception.message;
+            return exception.text;
         }
         return {};
     }

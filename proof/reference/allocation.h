@@ -22,7 +22,7 @@ enum class What {
     arrayOfPool,   // the slots of a pool's table; units: entries
     arrayOfTable,  // of any other table; units: entries
     tokens,        // units: tokens
-    marksOfTokens, // units: tokens
+    marksOfTokens, // a bit for each token; units: words
     keyNode,
     countCell,
     flagCell,
@@ -134,17 +134,16 @@ inline RawBlock memoryOfText(const std::string& text) {
     return text.size() <= std::string().capacity() ? RawBlock() : RawBlock(What::text, text.size() + 1);
 }
 
-/// A GVException of code 0.
+/// A GVException.
 struct Exception {
-    int kind;
-    std::string message;
-    std::string file;
+    std::string text; // kind, code, file and message
     RawBlock messageMemory;
     RawBlock fileMemory;
 };
 
 [[noreturn]] inline void throwException(int kind, const std::string& message, const std::string& file) {
-    throw Exception{kind, message, file, memoryOfText(message), memoryOfText(file)};
+    throw Exception{"GVException " + std::to_string(kind) + " 0 " + file + ": " + message, memoryOfText(message),
+                    memoryOfText(file)};
 }
 
 } // namespace Gilvane::reference

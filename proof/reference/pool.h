@@ -97,7 +97,8 @@ class Pool {
             build(numberOfObjects - count);
             return;
         }
-        const RawBlock marks(What::marksOfTokens, count - numberOfObjects);
+        constexpr std::size_t bitsOfWord = 8 * sizeof(unsigned long);
+        const RawBlock marks(What::marksOfTokens, (count - numberOfObjects + bitsOfWord - 1) / bitsOfWord);
         const RawBlock list(What::tokens, count);
         std::vector<unsigned int> tokens = table.keys();
         std::sort(tokens.begin(), tokens.end());

@@ -196,19 +196,6 @@ class Table {
         return result;
     }
 
-    /// The keys in a list, whose nodes need memory.
-    struct KeyList {
-        std::vector<unsigned int> keys;
-        std::vector<RawBlock> nodes;
-    };
-    KeyList get_keys() const {
-        KeyList list{keys(), {}};
-        for (std::size_t made = 0; made < list.keys.size(); ++made) {
-            list.nodes.emplace_back(What::keyNode);
-        }
-        return list;
-    }
-
     bool operator==(const Table& other) const {
         return used == other.used && std::all_of(slots().begin(), slots().end(), [&other](const Slot& slot) {
                    const auto found = slot.state == occupied ? other.find(*slot.key) : std::nullopt;
