@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <new>
+#include <optional>
 #include <unordered_map>
 
 namespace Proof {
@@ -144,10 +146,7 @@ Lines RealMemory::forget() {
 
 namespace {
 
-std::unique_ptr<Ledger>& theLedger() {
-    static std::unique_ptr<Ledger> ledger;
-    return ledger;
-}
+std::optional<Ledger> theLedger;
 
 std::map<Id, PlainModel>& plainObjects() {
     static std::map<Id, PlainModel> objects;
@@ -156,12 +155,9 @@ std::map<Id, PlainModel>& plainObjects() {
 
 } // namespace
 
-Ledger& Model::ledger() { return *theLedger(); }
+Ledger& Model::ledger() { return *theLedger; }
 
-void Model::forget() {
-    theLedger() = std::make_unique<Ledger>();
-    reference::begin(*theLedger(), 0);
-}
+void Model::forget() { reference::begin(theLedger.emplace(), 0); }
 
 PlainModel* PlainModel::make() {
     const Id id = reference::requestOrThrow(What::otherObject);
@@ -328,7 +324,7 @@ void addTable(Lines& lines, const std::string& name, const TableSeen& table) {
     addSlots(lines, name + ".large", table.large);
 }
 
-void addTable(Lines& lines, const std::string& name, const reference::Table& table) {
+void addTable(Lines& lines, const std::string& name, const reference::Table& table, const reference::Table&) {
     addTable(lines, name, {table.used, table.fill, table.size, table.array.id(), table.small, table.large});
 }
 
@@ -356,8 +352,9 @@ std::vector<reference::Slot> slotsSeen(const Entry* entries, std::size_t count,
     return slots;
 }
 
-template <typename RealTable>
-void addTable(Lines& lines, const std::string& name, RealTable& table, const reference::Table& knownTable) {
+template <typename V>
+void addTable(Lines& lines, const std::string& name, Gilvane::GVHashTable<unsigned int, V>& table,
+              const reference::Table& knownTable) {
     const unsigned int size = GVTestPeer::mask(table) + 1;
     const auto small = slotsSeen(GVTestPeer::smallSlots(table), reference::Table::smallSize + 1, knownTable.small);
     std::vector<reference::Slot> large;
@@ -391,13 +388,13 @@ void addFreeList(Lines& lines, const std::string& name, const Real::Tokens& list
     addFreeList(lines, name, {list.begin(), list.end()}, list.capacity(), RealMemory::idOf(list.data()));
 }
 
-void addPool(Lines& lines, const std::string& name, const reference::Pool* pool) {
+void addPool(Lines& lines, const std::string& name, const reference::Pool* pool, const reference::Pool*) {
     if (pool == nullptr) {
         return;
     }
     lines.push_back(name + request(pool->self) + number(pool->initial) + number(pool->bytes) + request(pool->handle) +
                     number(pool->useMutex));
-    addTable(lines, name + ".memoryPool", pool->table);
+    addTable(lines, name + ".memoryPool", pool->table, pool->table);
     addFreeList(lines, name + ".availableTokens", pool->freeList);
 }
 void addPool(Lines& lines, const std::string& name, Gilvane::GVMemoryPool* pool, const reference::Pool* knownPool) {
@@ -453,45 +450,25 @@ void addLedger(Lines& lines, const Books& books, bool readHeaders) {
     }
 }
 
-void addActors(Lines& lines, Actors<Model>& actors) {
-    addPool(lines, "pool", actors.pool);
-    addPool(lines, "other", actors.other);
-    addPool(lines, "copy", actors.copy);
+/// @param known  the reference's actors, for either side
+template <typename Side>
+void addActors(Lines& lines, Actors<Side>& actors, Actors<Model>& known) {
+    const auto poolOf = [](auto& pointer) { return pointer ? pointer->get() : nullptr; };
+    addPool(lines, "pool", actors.pool, known.pool);
+    addPool(lines, "other", actors.other, known.other);
+    addPool(lines, "copy", actors.copy, known.copy);
     addPointer(lines, "pointer", actors.pointer);
     addPointer(lines, "sharer", actors.sharer);
     addPointer(lines, "deep", actors.deep);
-    addPool(lines, "pointer's pool", actors.pointer ? actors.pointer->get() : nullptr);
-    addPool(lines, "deep's pool", actors.deep ? actors.deep->get() : nullptr);
+    addPool(lines, "pointer's pool", poolOf(actors.pointer), poolOf(known.pointer));
+    addPool(lines, "deep's pool", poolOf(actors.deep), poolOf(known.deep));
     addPointer(lines, "plain", actors.plainPointer);
     addPointer(lines, "plain copy", actors.plainCopy);
-    if (actors.table) {
-        addTable(lines, "table", *actors.table);
+    if (actors.table && known.table) {
+        addTable(lines, "table", *actors.table, *known.table);
     }
-    if (actors.secondTable) {
-        addTable(lines, "second table", *actors.secondTable);
-    }
-    if (actors.tokens) {
-        addFreeList(lines, "tokens", *actors.tokens);
-    }
-}
-
-void addActors(Lines& lines, Actors<Real>& actors, Actors<Model>& model) {
-    addPool(lines, "pool", actors.pool, model.pool);
-    addPool(lines, "other", actors.other, model.other);
-    addPool(lines, "copy", actors.copy, model.copy);
-    addPointer(lines, "pointer", actors.pointer);
-    addPointer(lines, "sharer", actors.sharer);
-    addPointer(lines, "deep", actors.deep);
-    addPool(lines, "pointer's pool", actors.pointer ? actors.pointer->get() : nullptr,
-            model.pointer ? model.pointer->get() : nullptr);
-    addPool(lines, "deep's pool", actors.deep ? actors.deep->get() : nullptr, model.deep ? model.deep->get() : nullptr);
-    addPointer(lines, "plain", actors.plainPointer);
-    addPointer(lines, "plain copy", actors.plainCopy);
-    if (actors.table && model.table) {
-        addTable(lines, "table", *actors.table, *model.table);
-    }
-    if (actors.secondTable && model.secondTable) {
-        addTable(lines, "second table", *actors.secondTable, *model.secondTable);
+    if (actors.secondTable && known.secondTable) {
+        addTable(lines, "second table", *actors.secondTable, *known.secondTable);
     }
     if (actors.tokens) {
         addFreeList(lines, "tokens", *actors.tokens);
@@ -515,7 +492,7 @@ Lines stateOf(Actors<Model>& actors) {
     for (const auto& [id, flag] : reference::flags) {
         lines.push_back("flag" + request(id) + number(flag));
     }
-    addActors(lines, actors);
+    addActors(lines, actors, actors);
     addLedger(lines, Model::ledger().books, false);
     return lines;
 }
