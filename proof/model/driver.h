@@ -152,7 +152,7 @@ class Driver {
     virtual bool make(Operation operation) = 0;
     virtual void compareFields() = 0;
     virtual void compareViews() = 0;
-    /// Takes everything down that may be. Afterwards only fields may be compared.
+    /// Takes everything down that may be, and compares fields after each step unless they are compared where chosen.
     virtual void finish(Comparison comparison) = 0;
     /// The calls made so far, as text.
     virtual std::string calls() const = 0;
