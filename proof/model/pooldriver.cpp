@@ -55,7 +55,6 @@ struct LibrarySide {
         return Pool::initWithNumberOfObjectsAndSize(blocks, bytes, locked);
     }
     static Pointer deepCopy(Pointer& pointer) { return pointer.deepCopy(); }
-    static Pool* poolOf(Pointer& pointer) { return pointer.get(); }
 
     /// @returns the request that the bytes came from
     static unsigned int write(Pool& pool, unsigned int token, unsigned char content) {
@@ -105,7 +104,6 @@ struct ReferenceSide {
         return reference::share(Pool::make(arguments...));
     }
     static Pointer deepCopy(const Pointer& pointer) { return reference::deepCopy(pointer); }
-    static Pool* poolOf(const Pointer& pointer) { return pointer.get(); }
 
     static unsigned int write(Pool& pool, unsigned int token, unsigned char content) {
         reference::Block& block = pool.blockOf(token);
@@ -151,7 +149,7 @@ Outcome Call::make(Side& side) const {
     using Pointer = typename Side::Pointer;
     Pointer& target = side.pointer(pointer);
     Pointer& second = side.pointer(other);
-    const auto pool = [&target]() -> typename Side::Pool& { return *Side::poolOf(target); };
+    const auto pool = [&target]() -> typename Side::Pool& { return *target.get(); };
     switch (what) {
     case PoolCall::init:
         target = Side::init(flag);
@@ -210,7 +208,7 @@ Outcome Call::make(Side& side) const {
         second = Side::deepCopy(target);
         break;
     case PoolCall::alias:
-        second = Pointer(Side::poolOf(target), owning, flag);
+        second = Pointer(target.get(), owning, flag);
         break;
     case PoolCall::forget:
         side.forget(pointer);
