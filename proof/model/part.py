@@ -9,7 +9,9 @@ import subprocess
 from driver import ARM_RUNNER, ROOT, SANITIZED, text
 
 CORPUS = ROOT / "proof/model/corpus"
-FUZZING = SANITIZED.replace("=address", "=fuzzer-no-link,address")
+LISTS = ROOT / "proof/model/fuzz.lists"
+FUZZING = (SANITIZED.replace("-O1", "-O2").replace("=address", "=fuzzer-no-link,address") +
+           f" -fno-sanitize-coverage=trace-cmp -fsanitize-coverage-allowlist={LISTS} -fsanitize-ignorelist={LISTS}")
 DIFFERENCE = r"the library differs from the model|ERROR: AddressSanitizer|: runtime error: "
 # The driver's own memory needs no watching after its release; the library's is watched by the driver.
 OPTIONS = {"ASAN_OPTIONS": "quarantine_size_mb=1:abort_on_error=1"}
@@ -54,8 +56,8 @@ def run(proof):
     log, enumerated = proof.folder / "fuzz.log", proof.folder / "enumerated"
     with open(log, "w") as output:
         fuzzer = subprocess.Popen(
-            [fuzzing / "fuzz", f"-max_total_time={seconds}", "-max_len=152", "-entropic=0", "-print_final_stats=1",
-             f"-artifact_prefix={proof.folder}/", found, CORPUS], stdin=subprocess.DEVNULL, stdout=output,
+            [fuzzing / "fuzz", f"-max_total_time={seconds}", "-max_len=152", "-entropic=0", "-detect_leaks=0",
+             "-print_final_stats=1", f"-artifact_prefix={proof.folder}/", found, CORPUS], stdin=subprocess.DEVNULL, stdout=output,
             stderr=subprocess.STDOUT, env={**os.environ, **OPTIONS})
     try:
         proof.mustSucceed("the library differs from the model", [native / "enumerate", "short" if proof.isShort else "long"],
@@ -73,6 +75,8 @@ def run(proof):
         proof.fail("the fuzzer did nothing")
     proof.figure("sequences enumerated", re.search(r"^sequences: (\d+)", text(enumerated), re.MULTILINE)[1])
     proof.figure("fuzzer executions", executions)
+    for figure in ("operations", "median program", "deepest program"):
+        proof.figure(f"fuzzer, {figure}", re.search(rf"^{figure}: (\d+)", text(log), re.MULTILINE)[1])
     proof.figure("corpus programs, here and on ARM", len(corpus))
     proof.figure("operations in the corpus", re.search(r" (\d+) operations made", text(here))[1])
     proof.countFaults()
