@@ -123,6 +123,9 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVTokenCache : public GVObject {
     /// @par Threads  takes the pool's lock
     void flush() noexcept;
 
+    /// The pool behind the cache.
+    GVSharedPool& getPool() const noexcept { return thePool; }
+
   private:
     friend struct GVTestPeer;
 
