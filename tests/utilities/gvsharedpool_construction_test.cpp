@@ -195,7 +195,7 @@ TEST(SharedPoolConstruction, givesEverythingBackWhenTheGapsMakeTheDirectoryTooLa
 }
 
 TEST(SharedPoolConstruction, byThreadsAtOnceGivesEachPoolTokensInARow) {
-    constexpr unsigned int blocks = 200;
+    static constexpr unsigned int blocks = 200;
     std::array<std::vector<unsigned int>, 3> firsts;
     std::vector<std::thread> threads;
     for (std::vector<unsigned int>& first : firsts) {
