@@ -13,7 +13,9 @@
 #include <cstdint>
 #include <ctime>
 
-namespace Gilvane::detail {
+namespace Gilvane {
+
+namespace detail {
 
 /// A number that threads read and write without a lock. It has 32 bits on every target, so that access needs no lock of
 /// the standard library's.
@@ -140,6 +142,8 @@ std::chrono::steady_clock::time_point deadlineAfter(const std::chrono::duration<
     return seconds > 0 ? now + std::chrono::duration_cast<steady_clock::duration>(time) : now;
 }
 
-} // namespace Gilvane::detail
+} // namespace detail
+
+} // namespace Gilvane
 
 #endif

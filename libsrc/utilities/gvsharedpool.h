@@ -327,7 +327,7 @@ struct GVRegisteredCache {
 
 /// A stretch of code that holds the lock of a shared pool: all that is done to a pool is done through one, by the pool
 /// itself, its caches and its leases. When it ends, it sees to the pool's invariants and releases the lock.
-class GVSharedPoolAccess {
+class GILVANE_EXPORT GVSharedPoolAccess {
   public:
     /// @name Without the lock
     /// @{

@@ -35,14 +35,14 @@ void deallocateTokens(unsigned int* tokens) { GVStdAllocator<unsigned int>().dea
 GVTokenCache::GVTokenCache(GVSharedPool& pool, unsigned int capacity)
     : theCount(0), theCapacity(capacity), theTokens(allocateTokens(capacity)),
       theDirectory(detail::GVSharedPoolAccess::directory(pool)),
-      theAttention(detail::GVSharedPoolAccess::attention(pool)),
-      thePool(pool), theRegistration{&theCount, nullptr, nullptr} {
-    detail::GVSharedPoolAccess(thePool).join(theRegistration);
+      theAttention(&detail::GVSharedPoolAccess::attention(pool)),
+      thePool(&pool), theRegistration{&theCount, nullptr, nullptr} {
+    detail::GVSharedPoolAccess(pool).join(theRegistration);
 }
 
 GVTokenCache::~GVTokenCache() {
     {
-        detail::GVSharedPoolAccess access(thePool);
+        detail::GVSharedPoolAccess access(*thePool);
         sendBackAll(access);
         access.leave(theRegistration);
     }
@@ -50,12 +50,12 @@ GVTokenCache::~GVTokenCache() {
 }
 
 std::optional<unsigned int> GVTokenCache::tryBorrowWithLock() {
-    detail::GVSharedPoolAccess access(thePool);
+    detail::GVSharedPoolAccess access(*thePool);
     return prepareLoan(access) ? lendLast(theCount.load(std::memory_order_relaxed)) : access.lend();
 }
 
 std::optional<unsigned int> GVTokenCache::borrowWithLock(const detail::GVPatience& patience) {
-    detail::GVSharedPoolAccess access(thePool);
+    detail::GVSharedPoolAccess access(*thePool);
     return prepareLoan(access) ? lendLast(theCount.load(std::memory_order_relaxed)) : access.lendOrWait(patience);
 }
 
@@ -67,7 +67,7 @@ unsigned int GVTokenCache::tryBorrowMany(unsigned int* tokens, unsigned int coun
         }
     }
     if (lent < count) {
-        detail::GVSharedPoolAccess access(thePool);
+        detail::GVSharedPoolAccess access(*thePool);
         access.beginCacheWork();
         sendBackAll(access); // nothing, unless the pool asks for attention
         lent += access.lendMany(tokens + lent, count - lent);
@@ -81,7 +81,7 @@ void GVTokenCache::releaseMany(const unsigned int* tokens, unsigned int count) {
 
 // The token is lent, and stays so until there is a place for it.
 void GVTokenCache::releaseWithLock(unsigned int token) {
-    detail::GVSharedPoolAccess access(thePool);
+    detail::GVSharedPoolAccess access(*thePool);
     access.beginCacheWork();
     if (sendBackIfWanted(access)) {
         access.takeBack(token);
@@ -98,7 +98,7 @@ void GVTokenCache::releaseWithLock(unsigned int token) {
 }
 
 void GVTokenCache::flush() noexcept {
-    detail::GVSharedPoolAccess access(thePool);
+    detail::GVSharedPoolAccess access(*thePool);
     access.beginCacheWork();
     sendBackAll(access);
 }

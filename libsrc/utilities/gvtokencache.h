@@ -93,7 +93,7 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVTokenCache : public GVObject {
     void* getMemoryForToken(unsigned int token) const {
         const detail::GVSharedBlock* const block = theDirectory.find(token);
         if (detail::expectFalse(block == nullptr)) {
-            detail::GVSharedPoolAccess::refuse(thePool, token);
+            detail::GVSharedPoolAccess::refuse(*thePool, token);
         }
         return block->theBytes;
     }
@@ -101,7 +101,7 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVTokenCache : public GVObject {
     /// As GVSharedPool::releaseObject, into the cache. A token that lies in any cache is free, and refused.
     void releaseObject(unsigned int token) {
         if (detail::expectFalse(!theDirectory.isLent(token))) {
-            detail::GVSharedPoolAccess::refuse(thePool, token);
+            detail::GVSharedPoolAccess::refuse(*thePool, token);
         }
         const unsigned int count = theCount.load(std::memory_order_relaxed); // relaxed: this thread alone writes it
         if (detail::expectFalse(count == theCapacity || isAttentionAsked())) {
@@ -124,14 +124,14 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVTokenCache : public GVObject {
     void flush() noexcept;
 
     /// The pool behind the cache.
-    GVSharedPool& getPool() const noexcept { return thePool; }
+    GVSharedPool& getPool() const noexcept { return *thePool; }
 
   private:
     friend struct GVTestPeer;
 
     bool isAttentionAsked() const noexcept {
         // Relaxed: the word is a hint. What a bit means is looked at under the lock.
-        return theAttention.load(std::memory_order_relaxed) != 0;
+        return theAttention->load(std::memory_order_relaxed) != 0;
     }
     unsigned int lendLast(unsigned int count) noexcept;
     void keep(unsigned int token, unsigned int count) noexcept;
@@ -151,8 +151,8 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVTokenCache : public GVObject {
     unsigned int theCapacity;
     unsigned int* theTokens; // the next to lend at theCount - 1, the oldest at 0
     detail::GVSharedDirectory theDirectory;
-    const detail::GVAtomicWord& theAttention; // the pool's
-    GVSharedPool& thePool;
+    const detail::GVAtomicWord* theAttention; // the pool's
+    GVSharedPool* thePool;
 
     detail::GVCacheLinePadding thePaddingBetween;
 

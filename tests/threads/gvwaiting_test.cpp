@@ -27,7 +27,7 @@ struct StandingClock {
     using rep = duration::rep;
     using period = duration::period;
     using time_point = std::chrono::time_point<StandingClock>;
-    static constexpr bool is_steady = false;
+    [[maybe_unused]] static constexpr bool is_steady = false;
 
     static time_point now() { return theNow; }
     static time_point theNow;

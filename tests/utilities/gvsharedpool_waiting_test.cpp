@@ -57,7 +57,7 @@ struct MovedClock {
     using rep = duration::rep;
     using period = duration::period;
     using time_point = std::chrono::time_point<MovedClock>;
-    static constexpr bool is_steady = false;
+    [[maybe_unused]] static constexpr bool is_steady = false;
 
     static time_point now() {
         if (theCallsBeforeAThrow >= 0 && theCallsBeforeAThrow-- == 0) {
@@ -78,7 +78,7 @@ struct LookingClock {
     using rep = duration::rep;
     using period = duration::period;
     using time_point = std::chrono::time_point<LookingClock>;
-    static constexpr bool is_steady = false;
+    [[maybe_unused]] static constexpr bool is_steady = false;
 
     static time_point now() {
         if (theGift.has_value()) {
