@@ -79,10 +79,7 @@ bool GVSharedPoolAccess::isWanted() const noexcept {
     return (thePool.theAttention.load(std::memory_order_relaxed) & wanted) != 0;
 }
 
-std::optional<unsigned int> GVSharedPoolAccess::lendOrWait(const GVPatience& patience) {
-    if (expectTrue(!freeTokens().empty() || thePool.theClosedFlag)) {
-        return lend();
-    }
+std::optional<unsigned int> GVSharedPoolAccess::waitForBlock(const GVPatience& patience) {
     // Its destructor runs under the lock, after a throw of the clock too.
     struct Wait {
         explicit Wait(GVSharedPoolAccess& access) noexcept : theAccess(access) { theAccess.beginWait(theWaiter); }
@@ -345,20 +342,6 @@ GVSharedPool::~GVSharedPool() {
         ::close(theDescriptor);
     }
     GVStdAllocator<detail::GVSharedBlock>().deallocate(theDirectory.getBlocks(), 0);
-}
-
-std::optional<unsigned int> GVSharedPool::tryBorrow() { return detail::GVSharedPoolAccess(*this).lend(); }
-
-std::optional<unsigned int> GVSharedPool::borrow() { return borrowWith({nullptr, nullptr}); }
-
-std::optional<unsigned int> GVSharedPool::borrowWith(const detail::GVPatience& patience) {
-    return detail::GVSharedPoolAccess(*this).lendOrWait(patience);
-}
-
-void GVSharedPool::releaseObject(unsigned int token) {
-    if (detail::expectFalse(!detail::GVSharedPoolAccess(*this).takeBack(token))) {
-        refuse(token);
-    }
 }
 
 void GVSharedPool::refuse(unsigned int token) const {

@@ -400,6 +400,7 @@ class GILVANE_EXPORT GVSharedPoolAccess {
     static auto& freeTokensOf(GVMemoryPool& pool) noexcept { return pool.availableTokens; }
     static auto& tableOf(GVMemoryPool& pool) noexcept { return pool.memoryPool; }
     auto& freeTokens() noexcept { return freeTokensOf(thePool.thePool); }
+    std::optional<unsigned int> waitForBlock(const GVPatience& patience);
     unsigned int takeFreeToken() noexcept;
     unsigned int numberOfFreeTokens() noexcept { return static_cast<unsigned int>(freeTokens().size()); }
     unsigned int numberOfCachedTokens() noexcept;
@@ -426,6 +427,13 @@ inline std::optional<unsigned int> GVSharedPoolAccess::lend() noexcept {
         return {};
     }
     return takeFreeToken();
+}
+
+inline std::optional<unsigned int> GVSharedPoolAccess::lendOrWait(const GVPatience& patience) {
+    if (expectFalse(freeTokens().empty() && !thePool.theClosedFlag)) {
+        return waitForBlock(patience);
+    }
+    return lend();
 }
 
 inline bool GVSharedPoolAccess::takeBack(unsigned int token) noexcept {
@@ -456,6 +464,26 @@ inline void GVSharedPoolAccess::noteHighestLentCount() noexcept {
 }
 
 } // namespace detail
+
+// The first three are inline so that a token is returned in a register, without a detour through memory.
+
+inline std::optional<unsigned int> GVSharedPool::tryBorrow() {
+    detail::GVSharedPoolAccess access(*this);
+    return access.lend();
+}
+
+inline std::optional<unsigned int> GVSharedPool::borrow() { return borrowWith({nullptr, nullptr}); }
+
+inline std::optional<unsigned int> GVSharedPool::borrowWith(const detail::GVPatience& patience) {
+    detail::GVSharedPoolAccess access(*this);
+    return access.lendOrWait(patience);
+}
+
+inline void GVSharedPool::releaseObject(unsigned int token) {
+    if (detail::expectFalse(!detail::GVSharedPoolAccess(*this).takeBack(token))) {
+        refuse(token);
+    }
+}
 
 /// Writes a pool's text form, as GVSharedPool::print.
 GILVANE_EXPORT std::ostream& operator<<(std::ostream& stream, const GVSharedPool& pool);
