@@ -1,5 +1,5 @@
 /// @file
-/// The lock, the condition and the atomic word on which pools that threads share stand.
+/// The lock, the signal and the atomic word on which pools that threads share stand.
 #ifndef GILVANE_THREADS_GVWAITING_H
 #define GILVANE_THREADS_GVWAITING_H
 
@@ -11,7 +11,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <ctime>
 
 namespace Gilvane {
 
@@ -50,45 +49,37 @@ class GVPlainLock {
     void unlock() noexcept { pthread_mutex_unlock(&theMutex); }
 
   private:
-    friend class GVPlainCondition;
-
     pthread_mutex_t theMutex;
 };
 
-/// Where one thread waits until another signals. Times are those of the steady clock.
-class GVPlainCondition {
+/// What one thread waits for and another raises. A lock guards it; all but `wake` is done under that lock.
+///
+/// It is a word that the kernel looks at before it lets a thread sleep, in place of a POSIX condition: whoever raises it
+/// wakes the thread after it has released the lock, when the signal may be gone already. That way, the thread that wakes
+/// up finds the lock free, and what it was woken for still there.
+class GVSignal {
   public:
-    /// Making a condition cannot fail on Linux.
-    GVPlainCondition() noexcept {
-        pthread_condattr_t attributes;
-        pthread_condattr_init(&attributes);
-        pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC); // what the steady clock reads
-        pthread_cond_init(&theCondition, &attributes);
-        pthread_condattr_destroy(&attributes);
+    GVSignal() noexcept = default;
+    GVSignal(const GVSignal&) = delete;
+    GVSignal& operator=(const GVSignal&) = delete;
+
+    /// Ends the thread's sleep, now or when it begins, as soon as wake is called with the result.
+    const void* raise() noexcept {
+        // Relaxed: the lock orders it among threads. The kernel's look comes before the store, and wake finds the thread
+        // asleep; or the look comes after it, and the thread does not sleep.
+        theWord.store(1, std::memory_order_relaxed);
+        return &theWord;
     }
-    GVPlainCondition(const GVPlainCondition&) = delete;
-    GVPlainCondition& operator=(const GVPlainCondition&) = delete;
-    ~GVPlainCondition() { pthread_cond_destroy(&theCondition); }
 
-    /// Wakes the thread that waits, if one does.
-    void signal() noexcept { pthread_cond_signal(&theCondition); }
+    /// Wakes the thread that sleeps at an address, if one does. With or without the lock: nothing is read there.
+    static void wake(const void* address) noexcept;
 
-    /// Releases `lock` until there was a signal, or without reason, and holds it again then.
-    void wait(GVPlainLock& lock) noexcept { pthread_cond_wait(&theCondition, &lock.theMutex); }
-
-    /// The same, for no longer than `time`.
-    /// @param time  more than 0, and no more than can be added to the steady clock's present time
-    void waitFor(GVPlainLock& lock, std::chrono::nanoseconds time) noexcept {
-        const std::chrono::nanoseconds end = std::chrono::steady_clock::now().time_since_epoch() + time;
-        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(end);
-        timespec deadline = {};
-        deadline.tv_sec = static_cast<decltype(deadline.tv_sec)>(seconds.count());
-        deadline.tv_nsec = static_cast<decltype(deadline.tv_nsec)>((end - seconds).count());
-        pthread_cond_timedwait(&theCondition, &lock.theMutex, &deadline);
-    }
+    /// Releases `lock` until the signal is raised, or without reason, and holds it again then.
+    /// @param time  sleeps no longer than that; noLimit, or more than 0 and less than secondsWithoutLimit
+    void wait(GVPlainLock& lock, std::chrono::nanoseconds time) noexcept;
 
   private:
-    pthread_cond_t theCondition;
+    GVAtomicWord theWord{0}; // 1: raised
 };
 
 /// How long a borrower waits.

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <limits>
 #include <new>
 #include <utility>
@@ -19,7 +20,7 @@ namespace detail {
 
 /// A thread that waits for a block, in its pool's queue. It lives on the thread's own stack; the pool's lock guards it.
 struct GVSharedPoolWaiter {
-    GVPlainCondition theCondition;
+    GVSignal theSignal;
     std::chrono::steady_clock::time_point theBegin = std::chrono::steady_clock::now();
     GVSharedPoolWaiter* thePrevious = nullptr; // waits longer
     GVSharedPoolWaiter* theNext = nullptr;
@@ -101,7 +102,7 @@ std::optional<unsigned int> GVSharedPoolAccess::waitForBlock(const GVPatience& p
         if (!freeTokens().empty() || thePool.theClosedFlag) {
             return lend();
         }
-        settle();
+        tellWatchers(); // nobody is to be served: nothing is free
         if (!isTimeKnown) {
             timeLeft = askUnlocked(patience);
             isTimeKnown = true;
@@ -125,6 +126,9 @@ unsigned int GVSharedPoolAccess::lendMany(unsigned int* tokens, unsigned int cou
 }
 
 unsigned int GVSharedPoolAccess::fillCache(unsigned int* tokens, unsigned int count) noexcept {
+    if (thePool.theClosedFlag) {
+        return 0;
+    }
     const unsigned int moved = (std::min)(count, numberOfFreeTokens());
     const auto first = freeTokens().end() - static_cast<std::ptrdiff_t>(moved);
     for (auto token = first; token != freeTokens().end(); ++token) {
@@ -171,10 +175,37 @@ unsigned int GVSharedPoolAccess::numberOfCachedTokens() noexcept {
         (std::min)(cached, std::uint64_t{thePool.theNumberOfObjects - numberOfFreeTokens()}));
 }
 
-void GVSharedPoolAccess::tellWatchers() noexcept {
-    if (thePool.theFirstWaiter != nullptr) {
-        serveWaiters();
+// Those who are woken need the lock. So they are woken after its release, as far as the list goes.
+class GVWakeList {
+  public:
+    GVWakeList() noexcept = default;
+    GVWakeList(const GVWakeList&) = delete;
+    GVWakeList& operator=(const GVWakeList&) = delete;
+    ~GVWakeList() { std::for_each(theAddresses, theAddresses + theCount, &GVSignal::wake); }
+
+    void add(GVSignal& signal) noexcept {
+        const void* const address = signal.raise();
+        if (theCount == std::size(theAddresses)) {
+            GVSignal::wake(address);
+        } else {
+            theAddresses[theCount++] = address;
+        }
     }
+
+  private:
+    const void* theAddresses[16];
+    unsigned int theCount = 0;
+};
+
+void GVSharedPoolAccess::tellWatchersAndUnlock() noexcept {
+    GVWakeList wakeList;
+    serveWaiters(wakeList);
+    tellWatchers();
+    thePool.theLock.unlock();
+}
+
+// Says what is so to caches and to those who poll.
+void GVSharedPoolAccess::tellWatchers() noexcept {
     const bool hasDescriptor = thePool.theDescriptor >= 0;
     const bool isMissed = thePool.theFirstWaiter != nullptr || (hasDescriptor && freeTokens().empty());
     const std::uint32_t attention = (isMissed || thePool.theClosedFlag ? wanted : 0U) |
@@ -191,20 +222,27 @@ void GVSharedPoolAccess::tellWatchers() noexcept {
     thePool.isWatched = attention != 0 || hasDescriptor;
 }
 
-// Hands free blocks to those who were overtaken for too long, and wakes a waiter for each of the others. Those that were
-// woken already, and have not looked yet, count.
-void GVSharedPoolAccess::serveWaiters() noexcept {
-    if (freeTokens().empty() || thePool.theClosedFlag) {
+// Hands free blocks to those who were overtaken for too long, and notifies a waiter for each of the others. Those that
+// were notified already, and have not looked yet, count. When the pool is closed, all are notified.
+void GVSharedPoolAccess::serveWaiters(GVWakeList& wakeList) noexcept {
+    if (thePool.theFirstWaiter == nullptr || (freeTokens().empty() && !thePool.theClosedFlag)) {
         return;
     }
-    const auto now = std::chrono::steady_clock::now();
-    while (!freeTokens().empty() && thePool.theFirstWaiter != nullptr &&
-           now - thePool.theFirstWaiter->theBegin >= theLongestOvertaking) {
-        serve(*thePool.theFirstWaiter);
+    if (!thePool.theClosedFlag) {
+        const auto now = std::chrono::steady_clock::now();
+        while (!freeTokens().empty() && thePool.theFirstWaiter != nullptr &&
+               now - thePool.theFirstWaiter->theBegin >= theLongestOvertaking) {
+            wakeList.add(serve(*thePool.theFirstWaiter).theSignal);
+        }
     }
     for (GVSharedPoolWaiter* waiter = thePool.theFirstWaiter;
-         waiter != nullptr && thePool.theNotifiedCount < numberOfFreeTokens(); waiter = waiter->theNext) {
-        notify(*waiter);
+         waiter != nullptr && (thePool.theClosedFlag || thePool.theNotifiedCount < numberOfFreeTokens());
+         waiter = waiter->theNext) {
+        if (!waiter->isNotified) {
+            waiter->isNotified = true;
+            ++thePool.theNotifiedCount;
+            wakeList.add(waiter->theSignal);
+        }
     }
 }
 
@@ -236,15 +274,6 @@ void GVSharedPoolAccess::leaveQueue(GVSharedPoolWaiter& waiter) noexcept {
     forgetNotification(waiter);
 }
 
-// Signals are sent under the lock: without it, the thread could be gone, and its stack with the condition.
-void GVSharedPoolAccess::notify(GVSharedPoolWaiter& waiter) noexcept {
-    if (!waiter.isNotified) {
-        waiter.isNotified = true;
-        ++thePool.theNotifiedCount;
-        waiter.theCondition.signal();
-    }
-}
-
 void GVSharedPoolAccess::forgetNotification(GVSharedPoolWaiter& waiter) noexcept {
     if (waiter.isNotified) {
         waiter.isNotified = false;
@@ -253,20 +282,16 @@ void GVSharedPoolAccess::forgetNotification(GVSharedPoolWaiter& waiter) noexcept
 }
 
 // Hands a free block to a waiter, which does not wait any longer.
-void GVSharedPoolAccess::serve(GVSharedPoolWaiter& waiter) noexcept {
+GVSharedPoolWaiter& GVSharedPoolAccess::serve(GVSharedPoolWaiter& waiter) noexcept {
     leaveQueue(waiter);
     waiter.theToken = takeFreeToken();
-    waiter.theCondition.signal();
+    return waiter;
 }
 
 // For a waiter that has looked, and found nothing.
 void GVSharedPoolAccess::sleep(GVSharedPoolWaiter& waiter, std::chrono::nanoseconds timeLeft) noexcept {
     forgetNotification(waiter);
-    if (timeLeft == noLimit) {
-        waiter.theCondition.wait(thePool.theLock);
-    } else {
-        waiter.theCondition.waitFor(thePool.theLock, timeLeft);
-    }
+    waiter.theSignal.wait(thePool.theLock, timeLeft);
 }
 
 std::chrono::nanoseconds GVSharedPoolAccess::askUnlocked(const GVPatience& patience) {
@@ -352,12 +377,9 @@ void GVSharedPool::refuse(unsigned int token) const {
 }
 
 void GVSharedPool::close() noexcept {
-    detail::GVSharedPoolAccess access(*this);
+    const detail::GVSharedPoolAccess access(*this); // tells the waiters, at its end
     theClosedFlag = true;
     isWatched = true;
-    for (detail::GVSharedPoolWaiter* waiter = theFirstWaiter; waiter != nullptr; waiter = waiter->theNext) {
-        access.notify(*waiter);
-    }
 }
 
 bool GVSharedPool::isClosed() const noexcept {

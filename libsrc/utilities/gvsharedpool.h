@@ -21,6 +21,7 @@ namespace detail {
 class GVSharedPoolAccess;
 struct GVRegisteredCache;
 struct GVSharedPoolWaiter;
+class GVWakeList;
 
 /// Where a token of a shared pool is.
 enum GVSharedTokenState : std::uint32_t {
@@ -351,9 +352,13 @@ class GILVANE_EXPORT GVSharedPoolAccess {
     explicit GVSharedPoolAccess(GVSharedPool& pool) noexcept : thePool(pool) { thePool.theLock.lock(); }
     GVSharedPoolAccess(const GVSharedPoolAccess&) = delete;
     GVSharedPoolAccess& operator=(const GVSharedPoolAccess&) = delete;
+    /// Tells those who wait, poll, and have caches what has changed, and releases the lock.
     ~GVSharedPoolAccess() {
-        settle();
-        thePool.theLock.unlock();
+        if (expectFalse(thePool.isWatched)) {
+            tellWatchersAndUnlock();
+        } else {
+            thePool.theLock.unlock();
+        }
     }
 
     /// Whether caches are to send back what they hold: somebody waits, or the pool is closed.
@@ -371,7 +376,7 @@ class GILVANE_EXPORT GVSharedPoolAccess {
     bool takeBack(unsigned int token) noexcept;
 
     /// Moves tokens from the free list to a cache, the next to lend at the end: `count`, or what there is.
-    /// @returns how many came
+    /// @returns how many came; 0 when the pool is closed
     unsigned int fillCache(unsigned int* tokens, unsigned int count) noexcept;
     /// Moves tokens from a cache to the free list, the next to lend at the end.
     void emptyCache(const unsigned int* tokens, unsigned int count) noexcept;
@@ -384,13 +389,6 @@ class GILVANE_EXPORT GVSharedPoolAccess {
     void join(GVRegisteredCache& cache) noexcept;
     /// Counts a cache out.
     void leave(GVRegisteredCache& cache) noexcept;
-
-    /// Tells those who wait, and the caches, what has changed.
-    void settle() noexcept {
-        if (expectFalse(thePool.isWatched)) {
-            tellWatchers();
-        }
-    }
 
     /// @}
 
@@ -405,14 +403,14 @@ class GILVANE_EXPORT GVSharedPoolAccess {
     unsigned int numberOfFreeTokens() noexcept { return static_cast<unsigned int>(freeTokens().size()); }
     unsigned int numberOfCachedTokens() noexcept;
     void noteHighestLentCount() noexcept;
+    void tellWatchersAndUnlock() noexcept;
     void tellWatchers() noexcept;
-    void serveWaiters() noexcept;
+    void serveWaiters(GVWakeList& wakeList) noexcept;
     void beginWait(GVSharedPoolWaiter& waiter) noexcept;
     void endWait(GVSharedPoolWaiter& waiter) noexcept;
     void leaveQueue(GVSharedPoolWaiter& waiter) noexcept;
-    void notify(GVSharedPoolWaiter& waiter) noexcept;
     void forgetNotification(GVSharedPoolWaiter& waiter) noexcept;
-    void serve(GVSharedPoolWaiter& waiter) noexcept;
+    GVSharedPoolWaiter& serve(GVSharedPoolWaiter& waiter) noexcept;
     void sleep(GVSharedPoolWaiter& waiter, std::chrono::nanoseconds timeLeft) noexcept;
     std::chrono::nanoseconds askUnlocked(const GVPatience& patience);
     void announceReadiness() noexcept;

@@ -49,28 +49,32 @@ GVTokenCache::~GVTokenCache() {
     deallocateTokens(theTokens);
 }
 
+// Where blocks were sent back, they are handed to those who were overtaken for too long before this thread asks.
 std::optional<unsigned int> GVTokenCache::tryBorrowWithLock() {
+    const bool areOthersFirst = sendBackIfWanted();
     detail::GVSharedPoolAccess access(*thePool);
-    return prepareLoan(access) ? lendLast(theCount.load(std::memory_order_relaxed)) : access.lend();
+    return !areOthersFirst && fill(access) ? lendLast(theCount.load(std::memory_order_relaxed)) : access.lend();
 }
 
 std::optional<unsigned int> GVTokenCache::borrowWithLock(const detail::GVPatience& patience) {
+    const bool areOthersFirst = sendBackIfWanted();
     detail::GVSharedPoolAccess access(*thePool);
-    return prepareLoan(access) ? lendLast(theCount.load(std::memory_order_relaxed)) : access.lendOrWait(patience);
+    return !areOthersFirst && fill(access) ? lendLast(theCount.load(std::memory_order_relaxed))
+                                           : access.lendOrWait(patience);
 }
 
 unsigned int GVTokenCache::tryBorrowMany(unsigned int* tokens, unsigned int count) {
     unsigned int lent = 0;
-    if (!isAttentionAsked()) {
+    if (!sendBackIfWanted()) {
+        if (isAttentionAsked()) {
+            detail::GVSharedPoolAccess(*thePool).beginCacheWork();
+        }
         for (unsigned int held = theCount.load(std::memory_order_relaxed); lent < count && held != 0; --held) {
             tokens[lent++] = lendLast(held);
         }
     }
     if (lent < count) {
-        detail::GVSharedPoolAccess access(*thePool);
-        access.beginCacheWork();
-        sendBackAll(access); // nothing, unless the pool asks for attention
-        lent += access.lendMany(tokens + lent, count - lent);
+        lent += detail::GVSharedPoolAccess(*thePool).lendMany(tokens + lent, count - lent);
     }
     return lent;
 }
@@ -83,7 +87,8 @@ void GVTokenCache::releaseMany(const unsigned int* tokens, unsigned int count) {
 void GVTokenCache::releaseWithLock(unsigned int token) {
     detail::GVSharedPoolAccess access(*thePool);
     access.beginCacheWork();
-    if (sendBackIfWanted(access)) {
+    if (access.isWanted()) {
+        sendBackAll(access);
         access.takeBack(token);
         return;
     }
@@ -103,13 +108,9 @@ void GVTokenCache::flush() noexcept {
     sendBackAll(access);
 }
 
-// Whether the loan is to come from this cache, which then holds a token; otherwise it holds none, and the loan is to
-// come from the pool.
-bool GVTokenCache::prepareLoan(detail::GVSharedPoolAccess& access) noexcept {
+// Sees to it that the cache holds a token. Whether it does.
+bool GVTokenCache::fill(detail::GVSharedPoolAccess& access) noexcept {
     access.beginCacheWork();
-    if (sendBackIfWanted(access)) {
-        return false;
-    }
     if (theCount.load(std::memory_order_relaxed) == 0) {
         // Relaxed: others only count.
         theCount.store(access.fillCache(theTokens, halfOfCapacity()), std::memory_order_relaxed);
@@ -117,12 +118,14 @@ bool GVTokenCache::prepareLoan(detail::GVSharedPoolAccess& access) noexcept {
     return theCount.load(std::memory_order_relaxed) != 0;
 }
 
-// While somebody waits, this thread leaves nothing here, and takes no more than it was asked for.
-bool GVTokenCache::sendBackIfWanted(detail::GVSharedPoolAccess& access) noexcept {
-    if (!access.isWanted()) {
+// Sends back what the cache holds while somebody waits, or when the pool is closed. Whether that is so: then the cache
+// takes no more from the pool than it was asked for.
+bool GVTokenCache::sendBackIfWanted() noexcept {
+    // Relaxed: a hint, as in isAttentionAsked.
+    if ((theAttention->load(std::memory_order_relaxed) & detail::GVSharedPoolAccess::wanted) == 0) {
         return false;
     }
-    sendBackAll(access);
+    flush();
     return true;
 }
 

@@ -139,8 +139,8 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVTokenCache : public GVObject {
     std::optional<unsigned int> tryBorrowWithLock();
     std::optional<unsigned int> borrowWithLock(const detail::GVPatience& patience);
     void releaseWithLock(unsigned int token);
-    bool prepareLoan(detail::GVSharedPoolAccess& access) noexcept;
-    bool sendBackIfWanted(detail::GVSharedPoolAccess& access) noexcept;
+    bool fill(detail::GVSharedPoolAccess& access) noexcept;
+    bool sendBackIfWanted() noexcept;
     void sendBackAll(detail::GVSharedPoolAccess& access) noexcept;
     unsigned int halfOfCapacity() const noexcept { return theCapacity / 2 + theCapacity % 2; }
 

@@ -364,10 +364,36 @@ TEST(TokenCacheWaiting, byAnybodySendsWhatACacheHoldsAtItsNextReturn) {
     EXPECT_EQ(pool.getStatistics().theLentCount, 3U) << "what it held, and what was returned";
 }
 
+TEST(TokenCacheWaiting, ofAMillisecondComesBeforeTheLoanThatSendsTheBlocks) {
+    GVSharedPool pool(2, 16);
+    GVTokenCache cache(pool, 4);
+    for (const int way : {0, 1, 2}) {
+        const unsigned int mine = *cache.tryBorrow();
+        EXPECT_EQ(cachedIn(pool), 1U);
+        std::optional<unsigned int> got;
+        std::thread waiter([&] { got = pool.borrow(); });
+        awaitWaits(pool, pool.getStatistics().theTimeoutCount + static_cast<unsigned int>(way) + 1);
+        letTheOvertakingEnd();
+        unsigned int token = 0;
+        if (way == 0) {
+            EXPECT_FALSE(cache.tryBorrow().has_value());
+        } else if (way == 1) {
+            EXPECT_FALSE(cache.borrowFor(std::chrono::seconds(0)).has_value());
+        } else {
+            EXPECT_EQ(cache.tryBorrowMany(&token, 1), 0U);
+        }
+        waiter.join();
+        ASSERT_TRUE(got.has_value());
+        pool.releaseObject(*got);
+        pool.releaseObject(mine);
+    }
+}
+
 TEST(TokenCacheWaiting, byAnybodySendsWhatACacheHoldsWhenManyAreBorrowed) {
     GVSharedPool pool(3, 16);
     GVTokenCache cache(pool, 8);
     const unsigned int mine = *cache.tryBorrow();
+    EXPECT_EQ(cachedIn(pool), 2U);
     std::thread waiter([&] { EXPECT_TRUE(pool.borrow().has_value()); });
     awaitWaits(pool, 1);
     letTheOvertakingEnd();
