@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <iterator>
 #include <limits>
+#include <mutex>
 #include <new>
 #include <utility>
 
@@ -120,7 +121,7 @@ unsigned int GVSharedPoolAccess::lendMany(unsigned int* tokens, unsigned int cou
     if (thePool.theClosedFlag) {
         return 0;
     }
-    const unsigned int lent = (std::min)(count, numberOfFreeTokens());
+    const unsigned int lent = (std::min)(count, numberOfFreeTokens(thePool));
     std::generate_n(tokens, lent, [this] { return takeFreeToken(); });
     return lent;
 }
@@ -129,7 +130,7 @@ unsigned int GVSharedPoolAccess::fillCache(unsigned int* tokens, unsigned int co
     if (thePool.theClosedFlag) {
         return 0;
     }
-    const unsigned int moved = (std::min)(count, numberOfFreeTokens());
+    const unsigned int moved = (std::min)(count, numberOfFreeTokens(thePool));
     const auto first = freeTokens().end() - static_cast<std::ptrdiff_t>(moved);
     for (auto token = first; token != freeTokens().end(); ++token) {
         thePool.theDirectory.move(*token, gvtokencached);
@@ -165,14 +166,14 @@ void GVSharedPoolAccess::leave(GVRegisteredCache& cache) noexcept {
 
 // Tokens may go from cache to cache while the counts are read one after another: they may be seen twice. So there are
 // never more than those that the pool itself does not have.
-unsigned int GVSharedPoolAccess::numberOfCachedTokens() noexcept {
+unsigned int GVSharedPoolAccess::numberOfCachedTokens(const GVSharedPool& pool) noexcept {
     std::uint64_t cached = 0;
-    for (const GVRegisteredCache* cache = thePool.theFirstCache; cache != nullptr; cache = cache->theNext) {
+    for (const GVRegisteredCache* cache = pool.theFirstCache; cache != nullptr; cache = cache->theNext) {
         // Relaxed: the numbers of different caches are of different moments whatever the order.
         cached += cache->theCount->load(std::memory_order_relaxed);
     }
     return static_cast<unsigned int>(
-        (std::min)(cached, std::uint64_t{thePool.theNumberOfObjects - numberOfFreeTokens()}));
+        (std::min)(cached, std::uint64_t{pool.theNumberOfObjects - numberOfFreeTokens(pool)}));
 }
 
 // Those who are woken need the lock. So they are woken after its release, as far as the list goes.
@@ -236,7 +237,7 @@ void GVSharedPoolAccess::serveWaiters(GVWakeList& wakeList) noexcept {
         }
     }
     for (GVSharedPoolWaiter* waiter = thePool.theFirstWaiter;
-         waiter != nullptr && (thePool.theClosedFlag || thePool.theNotifiedCount < numberOfFreeTokens());
+         waiter != nullptr && (thePool.theClosedFlag || thePool.theNotifiedCount < numberOfFreeTokens(thePool));
          waiter = waiter->theNext) {
         if (!waiter->isNotified) {
             waiter->isNotified = true;
@@ -402,12 +403,11 @@ int GVSharedPool::getDescriptor() {
 }
 
 GVSharedPoolStatistics GVSharedPool::getStatistics() const {
-    // Reading changes nothing: the access finds the pool in order, and leaves it as it is.
-    detail::GVSharedPoolAccess access(const_cast<GVSharedPool&>(*this));
+    const std::lock_guard<detail::GVPlainLock> guard(theLock);
     GVSharedPoolStatistics statistics;
     statistics.theNumberOfObjects = theNumberOfObjects;
-    statistics.theFreeCount = access.numberOfFreeTokens();
-    statistics.theCachedCount = access.numberOfCachedTokens();
+    statistics.theFreeCount = detail::GVSharedPoolAccess::numberOfFreeTokens(*this);
+    statistics.theCachedCount = detail::GVSharedPoolAccess::numberOfCachedTokens(*this);
     statistics.theLentCount = theNumberOfObjects - statistics.theFreeCount - statistics.theCachedCount;
     statistics.theHighestLentCount = theHighestLentCount;
     statistics.theWaitCount = theWaitCount;
@@ -418,9 +418,10 @@ GVSharedPoolStatistics GVSharedPool::getStatistics() const {
 
 // What lies in caches is not lent. As soon as a cache works, it may be, without notice: the bit makes that cache say so.
 void GVSharedPool::resetHighestLentCount() {
-    detail::GVSharedPoolAccess access(*this);
-    theIdleCachedCount = access.numberOfCachedTokens();
-    theHighestLentCount = theNumberOfObjects - access.numberOfFreeTokens() - theIdleCachedCount;
+    const detail::GVSharedPoolAccess access(*this);
+    theIdleCachedCount = detail::GVSharedPoolAccess::numberOfCachedTokens(*this);
+    theHighestLentCount =
+        theNumberOfObjects - detail::GVSharedPoolAccess::numberOfFreeTokens(*this) - theIdleCachedCount;
     isWatched = true;
 }
 

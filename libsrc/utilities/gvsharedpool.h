@@ -400,8 +400,10 @@ class GILVANE_EXPORT GVSharedPoolAccess {
     auto& freeTokens() noexcept { return freeTokensOf(thePool.thePool); }
     std::optional<unsigned int> waitForBlock(const GVPatience& patience);
     unsigned int takeFreeToken() noexcept;
-    unsigned int numberOfFreeTokens() noexcept { return static_cast<unsigned int>(freeTokens().size()); }
-    unsigned int numberOfCachedTokens() noexcept;
+    static unsigned int numberOfFreeTokens(const GVSharedPool& pool) noexcept {
+        return static_cast<unsigned int>(pool.thePool.availableTokens.size());
+    }
+    static unsigned int numberOfCachedTokens(const GVSharedPool& pool) noexcept;
     void noteHighestLentCount() noexcept;
     void tellWatchersAndUnlock() noexcept;
     void tellWatchers() noexcept;
@@ -454,7 +456,7 @@ inline unsigned int GVSharedPoolAccess::takeFreeToken() noexcept {
 // What left the free list may be lent, also where it went to a cache: the cache lends it without notice. Only of what
 // lay in caches at the last reset it is known that it is not lent, as long as no cache has worked.
 inline void GVSharedPoolAccess::noteHighestLentCount() noexcept {
-    const unsigned int outside = thePool.theNumberOfObjects - numberOfFreeTokens();
+    const unsigned int outside = thePool.theNumberOfObjects - numberOfFreeTokens(thePool);
     if (expectFalse(outside > thePool.theHighestLentCount)) {
         const unsigned int lent = outside > thePool.theIdleCachedCount ? outside - thePool.theIdleCachedCount : 0;
         thePool.theHighestLentCount = lent > thePool.theHighestLentCount ? lent : thePool.theHighestLentCount;
@@ -463,7 +465,7 @@ inline void GVSharedPoolAccess::noteHighestLentCount() noexcept {
 
 } // namespace detail
 
-// The first three are inline so that a token is returned in a register, without a detour through memory.
+// Inline so that a token is returned in a register, without a detour through memory.
 
 inline std::optional<unsigned int> GVSharedPool::tryBorrow() {
     detail::GVSharedPoolAccess access(*this);
