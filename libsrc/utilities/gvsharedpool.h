@@ -341,6 +341,9 @@ class GILVANE_EXPORT GVSharedPoolAccess {
     static const GVSharedDirectory& directory(const GVSharedPool& pool) noexcept { return pool.theDirectory; }
     /// The word that is 0 while caches may go on by themselves.
     static const GVAtomicWord& attention(const GVSharedPool& pool) noexcept { return pool.theAttention; }
+    /// The pool that it stands on, and the lock that guards it.
+    static const GVMemoryPool& innerPool(const GVSharedPool& pool) noexcept { return pool.thePool; }
+    static GVPlainLock& lock(const GVSharedPool& pool) noexcept { return pool.theLock; }
     /// Throws what the pool throws for a token that it does not take.
     [[noreturn]] static void refuse(const GVSharedPool& pool, unsigned int token) { pool.refuse(token); }
 
