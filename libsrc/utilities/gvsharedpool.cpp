@@ -132,20 +132,14 @@ unsigned int GVSharedPoolAccess::fillCache(unsigned int* tokens, unsigned int co
     }
     const unsigned int moved = (std::min)(count, numberOfFreeTokens(thePool));
     const auto first = freeTokens().end() - static_cast<std::ptrdiff_t>(moved);
-    for (auto token = first; token != freeTokens().end(); ++token) {
-        thePool.theDirectory.move(*token, gvtokencached);
-        *tokens++ = *token;
-    }
+    std::copy(first, freeTokens().end(), tokens);
     freeTokens().erase(first, freeTokens().end());
     noteHighestLentCount();
     return moved;
 }
 
 void GVSharedPoolAccess::emptyCache(const unsigned int* tokens, unsigned int count) noexcept {
-    for (unsigned int position = 0; position < count; ++position) {
-        thePool.theDirectory.move(tokens[position], gvtokenfree);
-        freeTokens().push_back(tokens[position]); // there is room for every token
-    }
+    freeTokens().insert(freeTokens().end(), tokens, tokens + count); // there is room for every token
 }
 
 void GVSharedPoolAccess::join(GVRegisteredCache& cache) noexcept {

@@ -25,10 +25,9 @@ class GVWakeList;
 
 /// Where a token of a shared pool is.
 enum GVSharedTokenState : std::uint32_t {
-    gvnotoken = 0,     ///< nowhere: a gap between the pool's tokens
-    gvtokenfree = 1,   ///< in the pool's free list
-    gvtokencached = 2, ///< in a cache
-    gvtokenlent = 3,   ///< with a borrower
+    gvnotoken = 0,   ///< nowhere: a gap between the pool's tokens
+    gvtokenfree = 1, ///< in the pool's free list, or in a cache
+    gvtokenlent = 2, ///< with a borrower
 };
 
 /// A block's address, and beside it where its token is: both are used together, in one cache line.
@@ -71,33 +70,28 @@ class GVSharedDirectory {
         return index < theSpan && theBlocks[index].theState.load(std::memory_order_relaxed) == gvtokenlent;
     }
 
-    /// Notes where one of the pool's tokens is that no borrower has.
-    void move(unsigned int token, GVSharedTokenState to) const noexcept {
-        // Relaxed: see above.
-        theBlocks[token - theFirstToken].theState.store(to, std::memory_order_relaxed);
-    }
-
-    /// Notes that a token, which is free or in the calling thread's cache, goes to a borrower.
+    /// Notes that a token goes to a borrower. It is free, and nobody else can lend it.
     void lend(unsigned int token) const noexcept {
+        GVSharedBlock& block = theBlocks[token - theFirstToken];
         if constexpr (isHardened) {
-            markBytesUsable(theBlocks[token - theFirstToken].theBytes, theLength);
+            markBytesUsable(block.theBytes, theLength);
         }
-        move(token, gvtokenlent);
+        block.theState.store(gvtokenlent, std::memory_order_relaxed); // relaxed: see above
     }
 
     /// Notes that a token comes back from its borrower. The caller has seen that it is lent. Where another thread
     /// returns it at the same moment, the hardened build ends the program.
-    void takeBack(unsigned int token, GVSharedTokenState to) const noexcept {
+    void takeBack(unsigned int token) const noexcept {
+        GVSharedBlock& block = theBlocks[token - theFirstToken];
         if constexpr (isHardened) {
-            GVSharedBlock& block = theBlocks[token - theFirstToken];
             std::uint32_t expected = gvtokenlent;
             // Relaxed: the exchange decides between two returns and orders nothing else.
-            if (!block.theState.compare_exchange_strong(expected, to, std::memory_order_relaxed)) {
+            if (!block.theState.compare_exchange_strong(expected, gvtokenfree, std::memory_order_relaxed)) {
                 reportMisuse("releaseObject: token %u of a shared pool: returned by two threads at once", token);
             }
             markBytesUntouchable(block.theBytes, theLength);
         } else {
-            move(token, to);
+            block.theState.store(gvtokenfree, std::memory_order_relaxed); // relaxed: see above
         }
     }
 
@@ -153,8 +147,8 @@ class GILVANE_EXPORT GVSharedPoolStatistics : public GVObject {
 /// other thread may build blocks of a GVMemoryPool meanwhile.
 ///
 /// @par Invariants (whenever the lock is free)
-///   1. a token is in the free list <=> its state is gvtokenfree
-///   2. as many waiters are notified, and not yet served, as there are free tokens for waiters
+///   1. a token is in the free list or in a cache <=> its state is gvtokenfree
+///   2. as many waiters are notified, and have not looked yet, as there are free tokens, or more; or else all of them
 ///   3. theAttention says whether caches are to send back what they hold
 /// @par Thread safety
 ///   All operations may run concurrently, except construction and destruction. After `fork` the child may only exec.
@@ -443,7 +437,7 @@ inline bool GVSharedPoolAccess::takeBack(unsigned int token) noexcept {
     if (expectFalse(!thePool.theDirectory.isLent(token))) {
         return false;
     }
-    thePool.theDirectory.takeBack(token, gvtokenfree);
+    thePool.theDirectory.takeBack(token);
     freeTokens().push_back(token); // there is room for every token
     return true;
 }

@@ -30,7 +30,7 @@ namespace Gilvane {
 ///
 /// @par Invariants
 ///   1. theCount <= theCapacity
-///   2. the tokens in the cache, and no others, have the state gvtokencached and are not in another cache
+///   2. the tokens in the cache are not lent, and in no other cache
 /// @par Thread safety
 ///   One cache is for one thread at a time. Different caches of one pool may be used at once, beside the pool itself.
 /// @par Ownership
@@ -170,7 +170,7 @@ inline unsigned int GVTokenCache::lendLast(unsigned int count) noexcept {
 }
 
 inline void GVTokenCache::keep(unsigned int token, unsigned int count) noexcept {
-    theDirectory.takeBack(token, detail::gvtokencached);
+    theDirectory.takeBack(token);
     theTokens[count] = token;
     // Relaxed: others only count.
     theCount.store(count + 1, std::memory_order_relaxed);
