@@ -247,7 +247,6 @@ void GVSharedPoolAccess::beginWait(GVSharedPoolWaiter& waiter) noexcept {
     thePool.theLastWaiter = &waiter;
     waiter.isQueued = true;
     ++thePool.theWaitCount;
-    thePool.isWatched = true;
 }
 
 // A waiter that was handed a block has it taken already, unless the clock threw.

@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <optional>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
@@ -167,6 +168,16 @@ TEST(SharedPoolDescriptor, isReadableWhenThePoolIsClosed) {
     EXPECT_TRUE(isReadable(descriptor));
     EXPECT_FALSE(pool.tryBorrow().has_value());
     EXPECT_TRUE(isReadable(descriptor));
+}
+
+TEST(SharedPoolDescriptor, isWrittenOnlyWhenItsReadinessChanges) {
+    GVSharedPool pool(3, 16);
+    const int descriptor = pool.getDescriptor();
+    returnAll(pool, borrowAll(pool));
+    returnAll(pool, borrowAll(pool));
+    eventfd_t counter = 0;
+    EXPECT_EQ(eventfd_read(descriptor, &counter), 0); // what a user never does
+    EXPECT_EQ(counter, 1U);
 }
 
 TEST(SharedPoolDescriptor, wakesAThreadThatPolls) {

@@ -156,6 +156,28 @@ TEST(SharedPoolStatistics, countTheTimeOfAWaitThatWasServedOrClosed) {
     EXPECT_GE(pool.getStatistics().theLongestWait, std::chrono::milliseconds(50));
 }
 
+// A token may go from one cache to another while the caches are read one after the other.
+TEST(SharedPoolStatistics, addUpWhereATokenIsSeenInTwoCaches) {
+    GVSharedPool pool(5, 16);
+    const std::vector<unsigned int> tokens = borrowAll(pool);
+    pool.releaseObject(tokens[0]);
+    const detail::GVAtomicWord seen(3);
+    const detail::GVAtomicWord seenToo(2);
+    detail::GVRegisteredCache first = {&seen, nullptr, nullptr};
+    detail::GVRegisteredCache second = {&seenToo, nullptr, nullptr};
+    {
+        detail::GVSharedPoolAccess access(pool);
+        access.join(first);
+        access.join(second);
+    }
+    expectCounts(pool, 0, 4, 1);
+    pool.resetHighestLentCount();
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 0U);
+    detail::GVSharedPoolAccess access(pool);
+    access.leave(first);
+    access.leave(second);
+}
+
 TEST(SharedPoolStatistics, addUpWhileThreadsWork) {
     GVSharedPool pool(16, 16);
     std::atomic<bool> isOver{false};
