@@ -122,6 +122,29 @@ TEST(SharedPoolWaiting, endsWithABlockForAsManyAsComeBackInOneStep) {
     EXPECT_EQ(pool.getStatistics().theFreeCount, 1U);
 }
 
+TEST(SharedPoolWaiting, endsForFortyThreadsInOneStepWithBlocksOrWithoutThem) {
+    constexpr unsigned int many = 40;
+    for (const bool closes : {false, true}) {
+        GVSharedPool pool(many, 16);
+        GVTokenCache cache(pool, many);
+        const std::vector<unsigned int> tokens = borrowAll(pool);
+        returnAll(cache, tokens);
+        std::array<std::optional<Borrower>, many> borrowers;
+        for (auto& borrower : borrowers) {
+            borrower.emplace(pool);
+        }
+        awaitWaits(pool, many);
+        letTheOvertakingEnd();
+        if (closes) {
+            pool.close();
+        }
+        cache.flush();
+        for (auto& borrower : borrowers) {
+            EXPECT_EQ(borrower->result().has_value(), !closes);
+        }
+    }
+}
+
 TEST(SharedPoolWaiting, endsForAllOfThemAfterAsManyReturns) {
     GVSharedPool pool(3, 16);
     const std::vector<unsigned int> tokens = borrowAll(pool);
