@@ -26,7 +26,7 @@ import faults  # noqa: E402
 import stamps  # noqa: E402
 
 # In the order of a reader's questions: what may go wrong, is it noticed, is everything reached, would a fault be seen.
-PARTS = ["failures", "misuse", "model", "interleavings", "threads", "valgrind", "coverage", "mutants"]
+PARTS = ["failures", "misuse", "model", "interleavings", "sharing", "threads", "valgrind", "coverage", "mutants"]
 ARM_RUNNER = ["qemu-arm", "-L", "/usr/arm-linux-gnueabihf"]
 SANITIZED = "-O1 -g -fsanitize=address,undefined -fno-sanitize-recover=all"
 
@@ -139,6 +139,15 @@ class Proof:
         """The copy of the library that has all faults of this part that a program can switch on."""
         return self.plant([fault for fault in faults.forPart(part or self.part) if fault.isSwitched],
                           re.sub(r"\W+", "-", part or self.part), source)
+
+    def plantSwitchPoints(self, chosen, name, header):
+        """The same, in which threads say that they may lose their turn: switchpoints.txt of this part says where."""
+        sound = self.plant(chosen, f"{name}-sound")
+        tree = self.plant(faults.read(ROOT / "proof" / self.part / "switchpoints.txt"), name, sound)
+        target = tree / "libsrc/base" / header.name
+        if not target.exists() or target.read_text() != header.read_text():
+            shutil.copy(header, target)
+        return tree
 
     def find(self, fault, number, command, pattern, seconds=300, status=None, environment=None):
         """Runs a command that must end badly, and say so, where the fault of this number is; counts it."""

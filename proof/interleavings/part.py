@@ -3,36 +3,23 @@
 The library is a copy with calls put in where a thread may lose its turn besides its locks: at the accesses that take no
 lock on purpose, and where tokens are taken and looked up (switchpoints.txt)."""
 
-import shutil
+from driver import ROOT, faults, text
 
-from driver import BUILD, ROOT, faults, text
-
-
-def copy(name, planted):
-    """A copy of the library with the calls, and with planted faults, in the folder for planted libraries."""
-    sound = BUILD / "planted" / f"{name}-sound"
-    faults.plant(planted, sound)
-    tree = BUILD / "planted" / name
-    faults.plant(faults.read(ROOT / "proof/interleavings/switchpoints.txt"), tree, sound)
-    header = ROOT / "proof/interleavings/switchpoints.h"
-    target = tree / "libsrc/base/switchpoints.h"
-    if not target.exists() or target.read_text() != header.read_text():
-        shutil.copy(header, target)
-    return tree
+HEADER = ROOT / "proof/interleavings/switchpoints.h"
 
 
 def run(proof):
     proof.say("planted faults")
     switched = [fault for fault in faults.forPart(proof.part) if fault.isSwitched]
     planted = proof.build("planted-interleavings", ["interleavings"], flags="-O2",
-                          library=copy("interleavings", switched)) / "proof/interleavings"
+                          library=proof.plantSwitchPoints(switched, "interleavings", HEADER)) / "proof/interleavings"
     for number, fault in proof.faults():
         found = proof.find(fault, number, [planted, "--short"],
                            r"^program ('.*'): the library differs from the reference: (.*); after$", 600, 1)
         print(f"   found: {fault.name}: in {found[1]}, {found[2]}")
 
     program = proof.build("interleavings-program", ["interleavings"], flags="-O2",
-                          library=copy("switchpoints", [])) / "proof/interleavings"
+                          library=proof.plantSwitchPoints([], "switchpoints", HEADER)) / "proof/interleavings"
     figures, sights = proof.folder / "figures", proof.folder / "sights"
     sights.unlink(missing_ok=True)
     proof.say("the programs")

@@ -96,10 +96,7 @@ int DepthFirst::choose(const std::vector<int>& enabled, int current) {
     if (canGoOn && thePreemptions >= theBound) {
         return current;
     }
-    if (theDepth == thePath.size()) {
-        thePath.push_back({static_cast<unsigned int>(enabled.size()), 0});
-    }
-    const unsigned int taken = thePath[theDepth++].taken;
+    const unsigned int taken = pick(static_cast<unsigned int>(enabled.size()));
     if (!canGoOn) {
         return enabled[taken];
     }
@@ -110,6 +107,13 @@ int DepthFirst::choose(const std::vector<int>& enabled, int current) {
     ++thePreemptions;
     const int option = enabled[taken - 1];
     return option < current ? option : enabled[taken];
+}
+
+unsigned int DepthFirst::pick(unsigned int options) {
+    if (theDepth == thePath.size()) {
+        thePath.push_back({options, 0});
+    }
+    return thePath[theDepth++].taken;
 }
 
 bool DepthFirst::next() {

@@ -73,6 +73,8 @@ class DepthFirst : public Chooser {
     int choose(const std::vector<int>& enabled, int current) override;
     bool repeats() const override { return theDepth < thePath.size(); }
     bool next() override;
+    /// One of so many options that are no threads.
+    unsigned int pick(unsigned int options);
     /// In the schedule that has just run.
     unsigned int preemptions() const { return thePreemptions; }
 

@@ -23,6 +23,14 @@ enum class Step : unsigned char {
     deleteHandle, ///< delete a handle
     cut,          ///< something undefined: the reference goes no further
     finished,
+
+    // In the exploration of shared pools; what they are done to has a number.
+    read,   ///< a word
+    write,  ///< a word
+    sleep,  ///< until somebody wakes the thread
+    doze,   ///< likewise, or until it wakes up by itself
+    wake,   ///< the thread that sleeps at a word
+    choose, ///< one of so many ways to go on
 };
 
 /// Called by the library's copy and by the reference before each of these; returns when it is the thread's turn. Does

@@ -7,7 +7,9 @@
 #include <gilvane/utilities/gvsharedpool.h>
 #include <gilvane/utilities/gvtokencache.h>
 
+#include <atomic>
 #include <cstddef>
+#include <vector>
 
 namespace Gilvane {
 
@@ -80,6 +82,20 @@ struct GVTestPeer {
 
     // Shared pools
     static GVMemoryPool& innerPool(GVSharedPool& pool) { return pool.thePool; }
+
+    /// What a shared pool's lock guards, beside its free list, and what decides what the pool does next.
+    struct SharedPoolState {
+        bool hasWaiters;
+        unsigned int flags;
+        unsigned int idleCachedCount;
+    };
+    static SharedPoolState stateOf(const GVSharedPool& pool) {
+        return {pool.theFirstWaiter != nullptr, (pool.isWatched ? 2U : 0U) + (pool.theClosedFlag ? 1U : 0U),
+                pool.theIdleCachedCount};
+    }
+    static std::vector<unsigned int> tokensIn(const GVTokenCache& cache) {
+        return {cache.theTokens, cache.theTokens + cache.theCount.load(std::memory_order_relaxed)};
+    }
 
     // Caches: where what every operation uses begins and ends, and where other threads write
     struct HotFields {
