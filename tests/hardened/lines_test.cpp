@@ -3,15 +3,20 @@
 
 #include <gilvane/threads/gvmutex.h>
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvsharedpool.h>
+#include <gilvane/utilities/gvsharedtokenlease.h>
+#include <gilvane/utilities/gvtokencache.h>
 
 #include <gtest/gtest.h>
 
 #include <csignal>
 #include <fstream>
 #include <functional>
+#include <optional>
 #include <regex>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -80,6 +85,16 @@ TEST(HardenedLines, areThoseOfTheGuide) {
             GVMutex guard;
             guard.setHandle(GVTestPeer::mutexHandle(shared));
             guard.setHandle(GVTestPeer::mutexHandle(shared));
+        },
+        [&] {
+            GVSharedPool shared(1, 64); // token 19
+            const GVSharedTokenLease lease(shared);
+            shared.releaseObject(lease.getToken());
+        },
+        [&] {
+            std::optional<GVSharedPool> shared(std::in_place, 1U, 64U);
+            const GVTokenCache cache(*shared);
+            shared.reset();
         },
     };
     std::string lines;
