@@ -54,9 +54,9 @@ class GVPlainLock {
 
 /// What one thread waits for and another raises. A lock guards it; all but `wake` is done under that lock.
 ///
-/// It is a word that the kernel looks at before it lets a thread sleep, in place of a POSIX condition: whoever raises it
-/// wakes the thread after it has released the lock, when the signal may be gone already. That way, the thread that wakes
-/// up finds the lock free, and what it was woken for still there.
+/// It is a word that the kernel looks at before it lets a thread sleep, in place of a POSIX condition: whoever raises
+/// it wakes the thread after it has released the lock, when the signal may be gone already. That way, the thread that
+/// wakes up finds the lock free, and what it was woken for still there.
 class GVSignal {
   public:
     GVSignal() noexcept = default;
@@ -65,13 +65,14 @@ class GVSignal {
 
     /// Ends the thread's sleep, now or when it begins, as soon as wake is called with the result.
     const void* raise() noexcept {
-        // Relaxed: the lock orders it among threads. The kernel's look comes before the store, and wake finds the thread
-        // asleep; or the look comes after it, and the thread does not sleep.
+        // Relaxed: the lock orders it among threads. The kernel's look comes before the store, and wake finds the
+        // thread asleep; or the look comes after it, and the thread does not sleep.
         theWord.store(1, std::memory_order_relaxed);
         return &theWord;
     }
 
-    /// Wakes the thread that sleeps at an address, if one does. With or without the lock: nothing is read there.
+    /// Wakes the thread that sleeps at an address, if one does. With or without the lock: nothing is read there. Where
+    /// something else lies there by now, a thread may wake without reason, which all that sleep in the kernel allow for.
     static void wake(const void* address) noexcept;
 
     /// Releases `lock` until the signal is raised, or without reason, and holds it again then.

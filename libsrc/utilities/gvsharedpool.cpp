@@ -74,7 +74,7 @@ void requireThatTablesFit(const Table&, unsigned int numberOfObjects) {
 
 namespace detail {
 
-// --- what is done under the lock --------------------------------------------------------------------------------------
+// --- what is done under the lock -------------------------------------------------------------------------------------
 
 bool GVSharedPoolAccess::isWanted() const noexcept {
     // Relaxed: written under the lock, which this thread holds.
@@ -313,7 +313,7 @@ void GVSharedPoolAccess::announceReadiness() noexcept {
 
 } // namespace detail
 
-// --- the pool ---------------------------------------------------------------------------------------------------------
+// --- the pool --------------------------------------------------------------------------------------------------------
 
 // What blocks need beside their own memory is made before the first block. The directory comes last, since the tokens
 // decide its size; when it is refused, the members give everything back.
@@ -409,7 +409,8 @@ GVSharedPoolStatistics GVSharedPool::getStatistics() const {
     return statistics;
 }
 
-// What lies in caches is not lent. As soon as a cache works, it may be, without notice: the bit makes that cache say so.
+// What lies in caches is not lent. As soon as a cache works, it may be, without notice: the bit makes that cache say
+// so.
 void GVSharedPool::resetHighestLentCount() {
     const detail::GVSharedPoolAccess access(*this);
     theIdleCachedCount = detail::GVSharedPoolAccess::numberOfCachedTokens(*this);

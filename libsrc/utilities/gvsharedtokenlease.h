@@ -26,12 +26,12 @@ inline constexpr const char* sharedTokenLeaseFile = "libsrc/utilities/gvsharedto
 
 /// Borrows a block of a shared pool when it is made and returns it when it goes.
 ///
-/// It is made from a shared pool or from a cache. In both cases it returns to the pool: so a lease that was taken through
-/// a cache may end in any thread, and outlive the cache. A lease without more words does not wait, and is empty when
-/// nothing came; those that wait say so in their names.
+/// It is made from a shared pool or from a cache. In both cases it returns to the pool: so a lease that was taken
+/// through a cache may end in any thread, and outlive the cache. A lease without more words does not wait, and is empty
+/// when nothing came; those that wait say so in their names.
 ///
-/// It is a class beside GVTokenLease, which keeps its layout: that one shares the ownership of its pool, and always holds
-/// a block.
+/// It is a class beside GVTokenLease, which keeps its layout: that one shares the ownership of its pool, and always
+/// holds a block.
 ///
 /// @par Invariants
 ///   thePool is null and so are all other fields (an empty lease), or the lease holds a loan of theToken from it

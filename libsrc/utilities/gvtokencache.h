@@ -22,8 +22,8 @@ namespace Gilvane {
 /// first. Tokens may be returned to any cache of the pool, or to the pool itself.
 ///
 /// What lies in a cache is not free to others. The pool makes up for it:
-///   - while anybody waits for a block, or the pool is closed, the next loan from or return to a cache sends all that it
-///     holds to the pool. A descriptor waits as long as no block is free
+///   - while anybody waits for a block, or the pool is closed, the next loan from or return to a cache sends all that
+///     it holds to the pool. A descriptor waits as long as no block is free
 ///   - a cache whose thread does nothing is not reached: call flush before idling
 ///   - a cache never holds more than its capacity. So at least the pool's blocks, less those lent and less the sum of
 ///     the caches' capacities, are free to whoever asks

@@ -157,6 +157,13 @@ class Dump(Picture):
         self.assertIn("Looked for and not found: entries without a block; tokens with more than one entry; blocks",
                       self.page(dumpOf([(1, 0x1000)])).text["findings"])
 
+    def test_maybeASharedPool(self):
+        pool = read(folder + "/pool.dump").strip()
+        page = self.page("<GVSharedPool>%s</GVSharedPool>" % pool)
+        self.assertIn("Pool for threads", page.text[""])
+        self.assertIn("statistics, caches and waiters", page.text["absent"])
+        self.assertEqual(page.cells, self.page(pool).cells)
+
     def test_maybeATableOrASmartPointer(self):
         pool = read(folder + "/pool.dump").strip()
         table = pool[pool.index("<GVHashTable>"):pool.index("</memoryPool>")]

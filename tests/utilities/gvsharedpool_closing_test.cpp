@@ -62,6 +62,17 @@ TEST(SharedPoolClosing, lendsNothingFromThenOn) {
     EXPECT_EQ(pool.getStatistics().theTimeoutCount, 0U);
 }
 
+TEST(SharedPoolClosing, makesNobodyWaitThoughNoBlockIsFree) {
+    GVSharedPool pool(1, 16);
+    GVTokenCache cache(pool);
+    EXPECT_TRUE(pool.tryBorrow().has_value());
+    pool.close();
+    EXPECT_FALSE(pool.borrow().has_value());
+    EXPECT_FALSE(pool.borrowFor(std::chrono::hours(1)).has_value());
+    EXPECT_FALSE(cache.borrow().has_value());
+    EXPECT_EQ(pool.getStatistics().theWaitCount, 0U);
+}
+
 TEST(SharedPoolClosing, twiceIsAsOnce) {
     GVSharedPool pool(2, 16);
     pool.close();
