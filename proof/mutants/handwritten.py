@@ -47,6 +47,8 @@ SHRINK = "GVMemoryPool::resizePool"
 BLOCK_SIZE = "void GVMemoryPool::setNumberOfBytesInPoolObject"
 RETURN = "inline void GVMemoryPool::releaseObject"
 RELEASE = "GVSmartPointer<T>::decrementRefCount"
+RESIZE = "int GVHashTable<K, V, H>::resize("
+LEFT_SLOTS = "if (ON && oldArray == theSmallTable && theTable != theSmallTable) for (Entry& left : theSmallTable) "
 
 # What the self-test plants; not among the mutants.
 PLANTED = [
@@ -180,6 +182,18 @@ PATCHES = [
     patch("a block's null header word is left alone", POOL,
           ("GVMemoryPoolObject::~", "instead", "detail::releaseRawBlock(theBytes);",
            "if (detail::rawBlockDeallocator(theBytes) != nullptr) { detail::releaseRawBlock(theBytes); }")),
+    patch("a count cell's null header word is left alone", POINTER,
+          (RELEASE, "instead", "detail::releaseRawBlock(refCount);",
+           "if (detail::rawBlockDeallocator(refCount) != nullptr) { detail::releaseRawBlock(refCount); }")),
+    patch("a flag cell's null header word is left alone", POINTER,
+          (RELEASE, "instead", "detail::releaseRawBlock(ownObject);",
+           "if (detail::rawBlockDeallocator(ownObject) != nullptr) { detail::releaseRawBlock(ownObject); }")),
+    patch("an object's null header word is left alone", OBJECT,
+          ("void releaseObjectStorage", "instead", "detail::releaseRawBlock(p);",
+           "if (detail::rawBlockDeallocator(p) != nullptr) { detail::releaseRawBlock(p); }")),
+    patch("no null header word is called", RAW,
+          ("inline void releaseRawBlock", "before", "rawBlockDeallocator(userBytes)(",
+           "if (ON && rawBlockDeallocator(userBytes) == nullptr) { return; }")),
     patch("raw blocks go back through the current function", RAW,
           ("inline void releaseRawBlock", "value", "rawBlockDeallocator(userBytes)", "GVObject::GetDeallocator()")),
     patch("the function is asked for before the allocation", RAW,
@@ -221,6 +235,8 @@ PATCHES = [
     patch("a size that stays the same rebuilds nothing", POOL,
           (BLOCK_SIZE, "before", "setWithoutLock(bytesInEachObject, bytes);",
            "if (ON && bytes == bytesInEachObject) { return; }")),
+    patch("a pool without blocks is not rebuilt", POOL,
+          (BLOCK_SIZE, "before", "makePool(", "if (ON && memoryPool.getUsedCount() == 0) { return; }")),
     patch("the size is recorded before the check", POOL,
           (BLOCK_SIZE, "before", "if (", "if (ON) { bytesInEachObject = bytes; }")),
     patch("the size is recorded after the rebuilding", POOL,
@@ -258,6 +274,9 @@ PATCHES = [
           (SHRINK, "before", "delete memoryPool[token]",
            "if (ON && std::find(availableTokens.begin(), availableTokens.end(), token) == availableTokens.end()) "
            "{ continue; }")),
+    patch("shrinking to nothing clears the table", POOL,
+          (SHRINK, "instead", "removeObjects(count - numberOfObjects);",
+           "removeObjects(count - numberOfObjects); if (numberOfObjects == 0) { memoryPool.clear(); }")),
     patch("shrinking to the same number goes through the list", POOL,
           (SHRINK, "value", "numberOfObjects >= count", "numberOfObjects > count")),
     patch("shrinking passes over a token that the table misses", POOL,
@@ -310,6 +329,12 @@ PATCHES = [
            "if (theTable == theSmallTable) { oldArray = copyOfArray(); } else { theTable = theSmallTable; }")),
     patch("a change of size drops no deleted slot from a small table", TABLE,
           ("GVHashTable<K, V, H>::resize(", "value", "theFillCount == theUsedCount", "theUsedCount == theUsedCount")),
+    patch("growth empties the embedded slots that it leaves", TABLE,
+          (RESIZE, "before", "if (oldArray != theSmallTable)", LEFT_SLOTS + "{ left.theState = gvemptyentry; }")),
+    patch("growth forgets the keys of the embedded slots that it leaves", TABLE,
+          (RESIZE, "before", "if (oldArray != theSmallTable)", LEFT_SLOTS + "{ left.theKey = K(); }")),
+    patch("growth forgets the values of the embedded slots that it leaves", TABLE,
+          (RESIZE, "before", "if (oldArray != theSmallTable)", LEFT_SLOTS + "{ left.theValue = V(); }")),
     patch("removal frees the slot", TABLE,
           ("bool GVHashTable<K, V, H>::remove", "value", "gvdeletedentry", "gvemptyentry")),
     patch("removal lowers the fill count", TABLE,
@@ -379,6 +404,9 @@ PATCHES = [
 
     # The hardened build's checks
     patch("the line begins otherwise", HARDENED, ("reportMisuse(", "before", "std::va_list", "if (ON) { line[0] = 'G'; }")),
+    patch("the longest line is a byte shorter", HARDENED,
+          ("reportMisuse(", "value", "sizeof(line) - begun", "sizeof(line) - begun - 1")),
+    patch("the line ends a byte early", HARDENED, ("reportMisuse(", "value", "length + 1", "length")),
     patch("a block that a shrink hid is looked up all the same", CHECKS,
           ("::checkBeforeAddress", "value", "blockOf(token) == nullptr", "blockInAnySlot(token) == nullptr")),
     patch("a block that a shrink hid is not taken back", CHECKS,
