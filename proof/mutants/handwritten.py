@@ -15,7 +15,10 @@ TABLE = "libsrc/datastructures/gvhashtable.h"
 OBJECT = "libsrc/base/gvobject.cpp"
 RAW = "libsrc/base/gvrawblock.h"
 HARDENED = "libsrc/base/gvhardened.cpp"
+HARDENED_HEADER = "libsrc/base/gvhardened.h"
+ALLOCATOR = "libsrc/base/gvstdallocator.h"
 CHECKS = "libsrc/utilities/gvmemorypoolchecks.cpp"
+INSPECTOR = "libsrc/utilities/gvmemorypoolinspector.cpp"
 DUMP = "libsrc/base/gvdumpvalue.h"
 
 
@@ -48,7 +51,7 @@ BLOCK_SIZE = "void GVMemoryPool::setNumberOfBytesInPoolObject"
 RETURN = "inline void GVMemoryPool::releaseObject"
 RELEASE = "GVSmartPointer<T>::decrementRefCount"
 RESIZE = "int GVHashTable<K, V, H>::resize("
-LEFT_SLOTS = "if (ON && oldArray == theSmallTable && theTable != theSmallTable) for (Entry& left : theSmallTable) "
+LEFT_SLOTS = "for (unsigned int left = 0; ON && oldArray == theSmallTable && theTable != oldArray && left < 8; ++left) "
 
 # What the self-test plants; not among the mutants.
 PLANTED = [
@@ -330,11 +333,11 @@ PATCHES = [
     patch("a change of size drops no deleted slot from a small table", TABLE,
           ("GVHashTable<K, V, H>::resize(", "value", "theFillCount == theUsedCount", "theUsedCount == theUsedCount")),
     patch("growth empties the embedded slots that it leaves", TABLE,
-          (RESIZE, "before", "if (oldArray != theSmallTable)", LEFT_SLOTS + "{ left.theState = gvemptyentry; }")),
+          (RESIZE, "before", "if (oldArray != theSmallTable)", LEFT_SLOTS + "{ oldArray[left].theState = gvemptyentry; }")),
     patch("growth forgets the keys of the embedded slots that it leaves", TABLE,
-          (RESIZE, "before", "if (oldArray != theSmallTable)", LEFT_SLOTS + "{ left.theKey = K(); }")),
+          (RESIZE, "before", "if (oldArray != theSmallTable)", LEFT_SLOTS + "{ oldArray[left].theKey = K(); }")),
     patch("growth forgets the values of the embedded slots that it leaves", TABLE,
-          (RESIZE, "before", "if (oldArray != theSmallTable)", LEFT_SLOTS + "{ left.theValue = V(); }")),
+          (RESIZE, "before", "if (oldArray != theSmallTable)", LEFT_SLOTS + "{ oldArray[left].theValue = V(); }")),
     patch("removal frees the slot", TABLE,
           ("bool GVHashTable<K, V, H>::remove", "value", "gvdeletedentry", "gvemptyentry")),
     patch("removal lowers the fill count", TABLE,
@@ -382,6 +385,12 @@ PATCHES = [
           ("GVHashTableEntry_Iterator<K, V>::operator++(int)", "before", "return previous;",
            "if (ON) { return *this; }")),
 
+    # Where programs for 32-bit ARM differ
+    patch("ARM's arrays begin a word later", INSPECTOR,
+          ("#ifdef __ARM_EABI__", "value", "2 * sizeof(std::size_t)", "3 * sizeof(std::size_t)")),
+    patch("ARM's arrays begin a word earlier", INSPECTOR,
+          ("#ifdef __ARM_EABI__", "value", "2 * sizeof(std::size_t)", "sizeof(std::size_t)")),
+
     # Hooks and text
     patch("one hook alone is taken over", OBJECT,
           ("void GVObject::SetAllocationHooks", "before", "throw GVException",
@@ -413,4 +422,30 @@ PATCHES = [
           ("::checkAfterReturn", "value", "blockInAnySlot(token)", "blockOf(token)")),
     patch("a block that a shrink hid stays marked when it is lent", CHECKS,
           ("::markLent", "value", "blockInAnySlot(token)", "blockOf(token)")),
+]
+
+# What the compiler needs: each is compiled by itself, with its one text in place of the anchor.
+ALONE = [
+    patch("pools alone share with their copies, not classes derived from pools", POOL_HEADER,
+          ("struct GVCopySharesWithSource", "value", "std::is_base_of_v<GVMemoryPool, T>",
+           "std::is_same_v<GVMemoryPool, T>")),
+    patch("every class shares with its copies", POINTER,
+          ("struct GVCopySharesWithSource", "value", "std::false_type", "std::true_type")),
+    patch("every class is deeply copied", POINTER,
+          ("struct GVIsDeepCopyable", "value", "std::is_copy_constructible<T>", "std::true_type")),
+    patch("a stream operator may want to change the object", POINTER,
+          ("struct HasStreamOperator<T", "value", "std::declval<const T&>()", "std::declval<T&>()")),
+    patch("allocators of a type may differ", ALLOCATOR,
+          ("class GILVANE_EXPORT GVStdAllocator : public GVObject", "value", "is_always_equal = std::true_type",
+           "is_always_equal = std::false_type")),
+    patch("allocators of no type may differ", ALLOCATOR,
+          ("class GILVANE_EXPORT GVStdAllocator<void>", "value", "is_always_equal = std::true_type",
+           "is_always_equal = std::false_type")),
+    patch("the embedded slots have no end slot", TABLE,
+          ("Entry* theTable;", "value", "theSmallSize + 1", "theSmallSize")),
+    patch("there is a second end slot", TABLE, ("Entry* theTable;", "value", "theSmallSize + 1", "theSmallSize + 2")),
+    patch("the hardened build is not hardened", HARDENED_HEADER,
+          ("#if defined(GILVANE_HARDENED)\ninline", "value", "isHardened = true", "isHardened = false")),
+    patch("the longest line has room for a byte less", HARDENED, ("reportMisuse(", "value", "line[256]", "line[255]")),
+    patch("the longest line has room for a byte more", HARDENED, ("reportMisuse(", "value", "line[256]", "line[257]")),
 ]
