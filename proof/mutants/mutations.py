@@ -10,7 +10,8 @@ needs waits behind no switch: the constants in NEEDED_BY_THE_COMPILER, the value
 constexpr` and of `#if`, and what handwritten.py lists of that kind. Each such mutant is compiled alone.
 
 Left out are: declarations and their order; `if constexpr (isHardened)`, whose branches are broken by themselves; the
-code of a macro. Two assignments of plain values that do not read each other's are not swapped, since that changes
+code of a macro; the conditions in gvcompiler.h, which mark functions for ThreadSanitizer and are watched by the part
+threads. Two assignments of plain values that do not read each other's are not swapped, since that changes
 nothing.
 
 Each mutant says whether the hardened build alone runs it: it is then behind `if constexpr (isHardened)`, or in one of
@@ -35,6 +36,8 @@ NEEDED_BEFORE_MAIN = {"theNextToken"}
 # Constants that stand in constant expressions. The last three are the addresses of functions, kept for the linker.
 NEEDED_BY_THE_COMPILER = {"defaultHookPadding", "isHardened", "rawBlockHeaderBytes", "theSmallSize"}
 NEEDED_BY_THE_LINKER = {"theKeptLoan", "theKeptLookup", "theKeptReturn"}
+# The conditions in here are seen by ThreadSanitizer alone.
+FILE_OF_MARKS = "libsrc/base/gvcompiler.h"
 # The files that the hardened build alone runs.
 FILES_OF_CHECKS = {"libsrc/base/gvhardened.h", "libsrc/base/gvhardened.cpp", "libsrc/utilities/gvmemorypoolchecks.cpp"}
 WRAPPERS = {"ImplicitCastExpr", "ParenExpr", "ExprWithCleanups", "MaterializeTemporaryExpr", "CXXBindTemporaryExpr"}
@@ -528,7 +531,8 @@ class Catalogue:
         for source in self.sources.values():
             for match in re.finditer(r"^#(if|ifdef|ifndef|elif) (.*)$", source.bytes.decode("latin-1"), re.MULTILINE):
                 word, condition = match.groups()
-                if not condition.endswith("_H"):  # what keeps a header from being read twice
+                keepsFromBeingReadTwice = condition.endswith("_H")
+                if not keepsFromBeingReadTwice and source.name != FILE_OF_MARKS:
                     opposite = {"ifdef": "ifndef", "ifndef": "ifdef"}.get(word)
                     source.alone[match.span()] = ["#" + word, [
                         f"#{opposite} {condition}" if opposite else f"#{word} !({condition})"]]
