@@ -1,5 +1,5 @@
 // What valgrind's callgrind counts the instructions of, once with the default library and once with the hardened one:
-// tools/bench/hardened-cost builds and runs it.
+// tools/renewal/hardened-cost builds and runs it.
 #include <gilvane/utilities/gvmemorypool.h>
 
 #include <string>

@@ -18,6 +18,9 @@ testPackages=(
     gdb gdb-multiarch binutils
 )
 
+# To prove.
+provePackages=("${testPackages[@]}" clang-19 llvm-19 libclang-rt-19-dev valgrind libc6-dbg)
+
 # To count instructions.
 countPackages=("${buildPackages[@]}" valgrind python3)
 

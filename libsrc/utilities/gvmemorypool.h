@@ -18,6 +18,12 @@
 
 namespace Gilvane {
 
+namespace detail {
+
+class GVSharedPoolAccess;
+
+} // namespace detail
+
 /// One pooled block: bytes of a fixed length, or none, and the token that names it for life.
 ///
 /// @par Invariants
@@ -246,6 +252,7 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVMemoryPool : public GVObject {
   private:
     friend class GVMemoryPoolInspector;
     friend class GVTokenLease;
+    friend class detail::GVSharedPoolAccess;
     friend struct GVTestPeer;
 
     static GVMutexHandle* createHandleIf(bool useMutex);

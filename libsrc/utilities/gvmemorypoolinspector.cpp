@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <mutex>
 
 namespace Gilvane {
 
@@ -73,6 +74,17 @@ GVMemoryPoolInspector::GVMemoryPoolInspector(const GVMemoryPool& pool) : thePool
     TokenList keys;
     TokenList freeTokens;
     copyFrom(pool, keys, freeTokens);
+    evaluate(keys, freeTokens);
+}
+
+GVMemoryPoolInspector::GVMemoryPoolInspector(const GVSharedPool& pool)
+    : thePool(&detail::GVSharedPoolAccess::innerPool(pool)) {
+    TokenList keys;
+    TokenList freeTokens;
+    {
+        const std::lock_guard<detail::GVPlainLock> guard(detail::GVSharedPoolAccess::lock(pool));
+        copyFrom(*thePool, keys, freeTokens);
+    }
     evaluate(keys, freeTokens);
 }
 

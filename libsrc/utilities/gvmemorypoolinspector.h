@@ -8,6 +8,7 @@
 #include <gilvane/base/gvstdallocator.h>
 #include <gilvane/datastructures/gvhashtable.h>
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvsharedpool.h>
 
 #include <cstddef>
 #include <ostream>
@@ -56,6 +57,13 @@ class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
     /// @par Threads     takes the pool's lock, when it has one, once; copies under it, so that others wait as long as
     ///                  the linear part lasts, and evaluates after it
     explicit GVMemoryPoolInspector(const GVMemoryPool& pool);
+
+    /// Takes the snapshot of the pool that a shared pool stands on. Blocks in caches are not free in it. The shared
+    /// pool's own bytes, and those of its directory, do not count.
+    /// @throws std::bad_alloc  as above
+    /// @par Complexity  as above
+    /// @par Threads     takes the shared pool's lock once, likewise
+    explicit GVMemoryPoolInspector(const GVSharedPool& pool);
 
     /// @name Blocks
     /// @{

@@ -20,7 +20,30 @@ namespace detail {
 /// What exceptions of a lease name as their source file.
 inline constexpr const char* tokenLeaseFile = "libsrc/utilities/gvtokenlease";
 
+/// A block's first bytes, seen as a T.
+/// @throws GVException     kind gvinvalidstate: the block is shorter than a T, or it is not aligned for one
+/// @throws std::bad_alloc  no memory for the exception's own texts
+template <typename T>
+T& bytesAs(void* bytes, unsigned int length) {
+    static_assert(std::is_object_v<T>, "bytes can be seen as an object only");
+    if (length < sizeof(T)) {
+        throw GVException("Block is too short for the type.", tokenLeaseFile, __LINE__, gvinvalidstate, 0);
+    }
+    if (reinterpret_cast<std::uintptr_t>(bytes) % alignof(T) != 0) {
+        throw GVException("Block is not aligned for the type.", tokenLeaseFile, __LINE__, gvinvalidstate, 0);
+    }
+    return *static_cast<T*>(bytes);
+}
+
 } // namespace detail
+
+/// Tells a lease's constructor that its token is lent already, and that the lease is to take the loan over.
+struct GVAdoptedLoan {
+    explicit GVAdoptedLoan() = default;
+};
+
+/// For the constructors of leases that take a loan over.
+inline constexpr GVAdoptedLoan gvadoptedloan{};
 
 /// Borrows a block when it is made and returns it when it goes.
 ///
@@ -60,6 +83,15 @@ class [[nodiscard]] GVTokenLease : public GVObject {
     /// As from a smart pointer, with nothing that keeps the pool alive.
     /// @param pool  outlives the lease
     explicit GVTokenLease(GVMemoryPool& pool);
+
+    /// Takes over a loan that was made before, maybe by another thread.
+    /// @param pool   outlives the lease
+    /// @param token  lent by this pool, not yet returned, and its block still there
+    /// @throws GVException     kind gvinvalidstate: the token names no block of this pool; nothing has changed
+    /// @throws std::bad_alloc  no memory to reserve room in the free list for the return, or for the exception's own
+    ///                         texts; the caller still holds the loan
+    /// @par Threads  takes the pool's lock, when it has one
+    GVTokenLease(GVMemoryPool& pool, unsigned int token, GVAdoptedLoan);
 
     /// Not copied: two leases would return the same token.
     GVTokenLease(const GVTokenLease&) = delete;
@@ -137,6 +169,13 @@ inline GVTokenLease::GVTokenLease(GVSmartPointer<GVMemoryPool> owner) : GVTokenL
 
 inline GVTokenLease::GVTokenLease(GVMemoryPool& pool) : GVTokenLease() { borrowFrom(pool); }
 
+// Does not delegate: when it fails, the loan stays with the caller, and nothing may return it.
+inline GVTokenLease::GVTokenLease(GVMemoryPool& pool, unsigned int token, GVAdoptedLoan) {
+    if (!pool.withLock([&] { return hold(pool, token); })) {
+        throw GVException("Token names no block of the pool.", detail::tokenLeaseFile, __LINE__, gvinvalidstate, 0);
+    }
+}
+
 inline GVTokenLease& GVTokenLease::operator=(GVTokenLease&& other) noexcept {
     GVTokenLease taken(std::move(other));
     swap(taken);
@@ -169,15 +208,8 @@ inline unsigned int GVTokenLease::getToken() const {
 
 template <typename T>
 T& GVTokenLease::as() const {
-    static_assert(std::is_object_v<T>, "bytes can be seen as an object only");
     requireLoan();
-    if (theLength < sizeof(T)) {
-        throw GVException("Block is too short for the type.", detail::tokenLeaseFile, __LINE__, gvinvalidstate, 0);
-    }
-    if (reinterpret_cast<std::uintptr_t>(theBytes) % alignof(T) != 0) {
-        throw GVException("Block is not aligned for the type.", detail::tokenLeaseFile, __LINE__, gvinvalidstate, 0);
-    }
-    return *static_cast<T*>(theBytes);
+    return detail::bytesAs<T>(theBytes, theLength);
 }
 
 inline unsigned int GVTokenLease::release() {

@@ -5,7 +5,7 @@
 // what is still live must be the accepted losses, to the byte.
 //
 // failures         visits every point; status 1 and the first difference if there is one
-#include "reference.h"
+#include "ledger.h"
 #include "sides.h"
 
 #include <gtest/gtest.h>
@@ -473,7 +473,7 @@ class Point {
   public:
     Point(const State& state, const Step& operation, Refusal refusal)
         : theState(state), theOperation(operation), theRefusal(refusal) {
-        Reference::world() = Reference::World();
+        Model::forget();
         Gilvane::ThreadsLog::clear();
         Gilvane::ThreadsLog::observer() = [](const std::string& event) { RealMemory::books().events.push_back(event); };
         Real::nextToken() = 0;
@@ -495,12 +495,12 @@ class Point {
         }
         forgetEvents();
         RealMemory::useHooks(hooksOfTheOperation);
-        Reference::world().books.hooks = hooksOfTheOperation;
+        Model::ledger().books.hooks = hooksOfTheOperation;
         refuse(theRefusal);
         if (!agreeOn(theOperation, "the operation")) {
             return false;
         }
-        theRefusals = Reference::world().books.refused;
+        theRefusals = Model::ledger().books.refused;
         refuse(Refusal());
         if (!agreeOn(theOperation, "the operation once more, with memory")) {
             return false;
@@ -518,11 +518,11 @@ class Point {
   private:
     static void refuse(Refusal refusal) {
         RealMemory::books().refuse(refusal);
-        Reference::world().books.refuse(refusal);
+        Model::ledger().books.refuse(refusal);
     }
 
     static void forgetEvents() {
-        Reference::world().books.events.clear();
+        Model::ledger().books.events.clear();
         RealMemory::books().events.clear();
     }
 
@@ -543,12 +543,12 @@ class Point {
         actors.result = 0;
         try {
             step.model(actors);
-        } catch (const Reference::BadAlloc&) {
+        } catch (const reference::BadAlloc&) {
             return "bad_alloc";
-        } catch (const Reference::Exception& exception) {
-            Reference::release(exception.file);
-            Reference::release(exception.message);
+        } catch (const reference::Exception& exception) {
             return exception.text;
+        } catch (const reference::NotDriven& notDriven) {
+            Model::ledger().errors.emplace_back(notDriven.reason);
         }
         return "done " + std::to_string(actors.result);
     }
@@ -556,13 +556,13 @@ class Point {
     bool agreeOn(const Step& step, const std::string& stage) {
         Lines expected = {outcome(step, theModel)};
         Lines seen = {outcome(step, theReal)};
-        add(expected, Reference::world().books.events);
+        add(expected, Model::ledger().books.events);
         add(seen, RealMemory::books().events);
         add(expected, stateOf(theModel));
         add(seen, stateOf(theReal, theModel));
         forgetEvents();
-        if (!Reference::world().errors.empty()) {
-            return report(stage, Reference::world().errors.front(), "");
+        if (!Model::ledger().errors.empty()) {
+            return report(stage, Model::ledger().errors.front(), "");
         }
         for (std::size_t line = 0; line < std::max(expected.size(), seen.size()); ++line) {
             const std::string wanted = line < expected.size() ? expected[line] : "nothing more";
@@ -576,10 +576,10 @@ class Point {
 
     // Both sides agree on what is live, so it is enough that the reference lost nothing but by a rule.
     bool lossesAreAccepted() {
-        const Reference::World& world = Reference::world();
-        for (std::size_t index = 0; index < world.books.blocks.size(); ++index) {
+        const Ledger& ledger = Model::ledger();
+        for (std::size_t index = 0; index < ledger.books.blocks.size(); ++index) {
             const Id id = static_cast<Id>(index) + 1;
-            if (world.books.blocks[index].live != (world.losses.count(id) != 0)) {
+            if (ledger.books.blocks[index].live != (ledger.losses.count(id) != 0)) {
                 return report("the end", "block #" + std::to_string(id) + " is lost, or not, against the rules", "");
             }
         }
@@ -623,7 +623,7 @@ bool visitAll(const Group& group, Totals& totals) {
                         break;
                     }
                     ++(stays ? totals.pointsFromThereOn : totals.pointsOnce);
-                    for (const auto& loss : Reference::world().losses) {
+                    for (const auto& loss : Model::ledger().losses) {
                         ++totals.losses[loss.second];
                     }
                 }
@@ -655,9 +655,11 @@ int prove() {
         return 1;
     }
     std::printf("accepted losses, in bytes with the header word of %u bytes:\n", Gilvane::detail::rawBlockHeaderBytes);
-    for (const AcceptedLoss& row : acceptedLosses()) {
-        std::printf("    %7zu blocks of %3u%s: %s\n", totals.losses[row.loss], row.fixedBytes,
-                    row.unitBytes == 0 ? "" : (" + n * " + std::to_string(row.unitBytes)).c_str(), row.when);
+    for (const AcceptedLoss& row : acceptedLosses) {
+        const Size size = sizeOf(row.what);
+        std::printf("    %7zu blocks of %3zu%s: %s\n", totals.losses[row.loss],
+                    size.fixedBytes + Gilvane::detail::rawBlockHeaderBytes,
+                    size.unitBytes == 0 ? "" : (" + n * " + std::to_string(size.unitBytes)).c_str(), row.when);
         if (totals.losses[row.loss] == 0) {
             std::printf("difference: this accepted loss was never seen\n");
             return 1;

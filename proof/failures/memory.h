@@ -3,6 +3,8 @@
 #ifndef GILVANE_PROOF_FAILURES_MEMORY_H
 #define GILVANE_PROOF_FAILURES_MEMORY_H
 
+#include "reference/allocation.h"
+
 #include <cstddef>
 #include <limits>
 #include <string>
@@ -10,9 +12,8 @@
 
 namespace Proof {
 
-/// The number of a request to the allocation function, from 1 in order. 0 stands for null, -1 for an address that no
-/// block has.
-using Id = int;
+/// The number of a request to the allocation function. 0 stands for null, -1 for an address that no block has.
+using Gilvane::reference::Id;
 
 /// Which requests are refused.
 struct Refusal {

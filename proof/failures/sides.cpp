@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <new>
+#include <optional>
 #include <unordered_map>
 
 namespace Proof {
@@ -83,18 +85,14 @@ struct ArrayProbe {
     }
 };
 
+} // namespace
+
 std::size_t bytesBeforeAnArray() {
     static const std::size_t bytes = [] {
         delete[] new ArrayProbe[1];
         return ArrayProbe::asked() - sizeof(ArrayProbe);
     }();
     return bytes;
-}
-
-} // namespace
-
-unsigned int arrayBytes(std::size_t entryBytes, std::size_t numberOfEntries) {
-    return static_cast<unsigned int>(bytesBeforeAnArray() + entryBytes * numberOfEntries);
 }
 
 Books& RealMemory::books() {
@@ -143,6 +141,37 @@ Lines RealMemory::forget() {
     books() = Books();
     return wrong;
 }
+
+// Memory of the reference's side
+
+namespace {
+
+std::optional<Ledger> theLedger;
+
+std::map<Id, PlainModel>& plainObjects() {
+    static std::map<Id, PlainModel> objects;
+    return objects;
+}
+
+} // namespace
+
+Ledger& Model::ledger() { return *theLedger; }
+
+void Model::forget() { reference::begin(theLedger.emplace(), 0); }
+
+PlainModel* PlainModel::make() {
+    const Id id = reference::requestOrThrow(What::otherObject);
+    return &(plainObjects()[id] = {id});
+}
+
+void PlainModel::destroy(PlainModel* plain) {
+    if (plain != nullptr) {
+        reference::release(plain->self);
+        plainObjects().erase(plain->self);
+    }
+}
+
+PlainModel& PlainModel::find(Id id) { return plainObjects().at(id); }
 
 // Operations that are spelled differently on the two sides
 
@@ -202,9 +231,17 @@ void Real::misuse(Table& table, Misuse misuse) {
     }
 }
 
-void Model::misuse(Table&, Misuse misuse) { Reference::throwException(12, messageOf(misuse), Table::file); }
+std::size_t Model::keys(Table& table) {
+    std::vector<reference::RawBlock> nodes;
+    for (unsigned int listed = 0; listed < table.used; ++listed) {
+        nodes.emplace_back(What::keyNode);
+    }
+    return nodes.size();
+}
 
-void Model::refuseOneHook() { Reference::throwException(1, hookMessage, "libsrc/base/gvobject"); }
+void Model::misuse(Table&, Misuse misuse) { reference::throwException(12, messageOf(misuse), Table::file); }
+
+void Model::refuseOneHook() { reference::throwException(1, hookMessage, "libsrc/base/gvobject"); }
 
 void Real::copyTheUncopyable() {
     UncopyableObject object;
@@ -213,9 +250,9 @@ void Real::copyTheUncopyable() {
 }
 
 void Model::copyTheUncopyable() {
-    Plain object;
-    Reference::Pointer<Plain> pointer(&object, false, false);
-    Reference::throwException(1, copyMessage, "libsrc/utilities/gvsmartpointer");
+    Plain object{-1}; // in no raw block
+    const PlainPointer pointer(&object, false, false);
+    reference::throwException(1, copyMessage, "libsrc/utilities/gvsmartpointer");
 }
 
 void Real::makeAndCopyException(const std::string& text) {
@@ -224,17 +261,9 @@ void Real::makeAndCopyException(const std::string& text) {
 }
 
 void Model::makeAndCopyException(const std::string& text) {
-    struct Text {
-        Id id;
-        explicit Text(const std::string& content) : id(Reference::requestText(content)) {}
-        Text(const Text&) = delete;
-        Text& operator=(const Text&) = delete;
-        ~Text() { Reference::release(id); }
-    };
-    const Text message(text);
-    const Text file("libsrc/utilities/gvmemorypool");
-    const Text secondMessage(text);
-    const Text secondFile("libsrc/utilities/gvmemorypool");
+    const char* const file = Pool::file;
+    const reference::RawBlock texts[] = {reference::memoryOfText(text), reference::memoryOfText(file),
+                                         reference::memoryOfText(text), reference::memoryOfText(file)};
 }
 
 bool Real::makeBlock(unsigned int bytes, bool mayThrow) {
@@ -247,16 +276,14 @@ bool Real::makeBlock(unsigned int bytes, bool mayThrow) {
 }
 
 bool Model::makeBlock(unsigned int bytes, bool mayThrow) {
-    const Id block = Reference::makeBlock(bytes, mayThrow);
-    Reference::deleteBlock(block);
+    const Id block = reference::makeBlock(bytes, mayThrow);
+    reference::deleteBlock(block);
     return block != 0;
 }
 
 void Real::makeEntries(std::size_t number) { delete[] new Table::Entry[number]; }
 
-void Model::makeEntries(std::size_t number) {
-    Reference::release(Reference::requestOrThrow(arrayBytes(sizeof(Real::Table::Entry), number)));
-}
+void Model::makeEntries(std::size_t number) { const reference::RawBlock array(What::arrayOfTable, number); }
 
 // States in text
 
@@ -270,10 +297,10 @@ std::string known(const std::optional<T>& value) {
     return value ? " " + std::to_string(*value) : std::string(" ?");
 }
 
-void addSlots(Lines& lines, const std::string& name, const std::vector<Reference::Slot>& slots) {
+void addSlots(Lines& lines, const std::string& name, const std::vector<reference::Slot>& slots) {
     for (std::size_t index = 0; index < slots.size(); ++index) {
-        const Reference::Slot& slot = slots[index];
-        if (slot.state == 0 && !slot.key && !slot.value && !slot.hash) {
+        const reference::Slot& slot = slots[index];
+        if (slot.state == reference::empty && !slot.key && !slot.value && !slot.hash) {
             continue;
         }
         lines.push_back(name + "[" + std::to_string(index) + "]" + number(slot.state) + known(slot.key) +
@@ -281,22 +308,36 @@ void addSlots(Lines& lines, const std::string& name, const std::vector<Reference
     }
 }
 
-void addTable(Lines& lines, const std::string& name, const Reference::Table& table) {
-    lines.push_back(name + number(table.used) + number(table.fill) + number(table.mask) + request(table.array));
+/// What both sides have of a table.
+struct TableSeen {
+    unsigned int used;
+    unsigned int fill;
+    unsigned int size;
+    Id array;
+    const std::vector<reference::Slot>& small;
+    const std::vector<reference::Slot>& large;
+};
+
+void addTable(Lines& lines, const std::string& name, const TableSeen& table) {
+    lines.push_back(name + number(table.used) + number(table.fill) + number(table.size) + request(table.array));
     addSlots(lines, name + ".small", table.small);
     addSlots(lines, name + ".large", table.large);
 }
 
-long valueInText(int value) { return value; }
-long valueInText(const Gilvane::GVMemoryPoolObject* block) { return RealMemory::idOf(block); }
+void addTable(Lines& lines, const std::string& name, const reference::Table& table, const reference::Table&) {
+    addTable(lines, name, {table.used, table.fill, table.size, table.array.id(), table.small, table.large});
+}
+
+int valueInText(int value) { return value; }
+int valueInText(const Gilvane::GVMemoryPoolObject* block) { return RealMemory::idOf(block); }
 
 template <typename Entry>
-std::vector<Reference::Slot> slotsSeen(const Entry* entries, std::size_t count,
-                                       const std::vector<Reference::Slot>& knownSlots) {
-    std::vector<Reference::Slot> slots(count);
+std::vector<reference::Slot> slotsSeen(const Entry* entries, std::size_t count,
+                                       const std::vector<reference::Slot>& knownSlots) {
+    std::vector<reference::Slot> slots(count);
     for (std::size_t index = 0; index < count; ++index) {
-        Reference::Slot& slot = slots[index];
-        const Reference::Slot knownSlot = index < knownSlots.size() ? knownSlots[index] : Reference::Slot();
+        reference::Slot& slot = slots[index];
+        const reference::Slot knownSlot = index < knownSlots.size() ? knownSlots[index] : reference::Slot();
         slot.state = entries[index].theState;
         if (knownSlot.key) {
             slot.key = entries[index].theKey;
@@ -311,26 +352,24 @@ std::vector<Reference::Slot> slotsSeen(const Entry* entries, std::size_t count,
     return slots;
 }
 
-template <typename RealTable>
-void addTable(Lines& lines, const std::string& name, RealTable& table, const Reference::Table& knownTable) {
-    Reference::Table seen(sizeof(typename RealTable::Entry), knownTable.lossOfCopy);
-    seen.leftAlone = true;
-    seen.used = GVTestPeer::usedCount(table);
-    seen.fill = GVTestPeer::fillCount(table);
-    seen.mask = GVTestPeer::mask(table);
-    seen.small = slotsSeen(GVTestPeer::smallSlots(table), Reference::Table::smallSize + 1, knownTable.small);
+template <typename V>
+void addTable(Lines& lines, const std::string& name, Gilvane::GVHashTable<unsigned int, V>& table,
+              const reference::Table& knownTable) {
+    const unsigned int size = GVTestPeer::mask(table) + 1;
+    const auto small = slotsSeen(GVTestPeer::smallSlots(table), reference::Table::smallSize + 1, knownTable.small);
+    std::vector<reference::Slot> large;
+    Id array = 0;
     const auto* const slots = GVTestPeer::slots(table);
     if (slots != GVTestPeer::smallSlots(table)) {
-        seen.array = RealMemory::idOf(slots, bytesBeforeAnArray());
-        const bool isWhole =
-            seen.array > 0 && blockOf(seen.array).bytes == rawBlockHeaderBytes + seen.arrayUserBytes(seen.mask + 2);
-        if (isWhole) {
-            seen.large = slotsSeen(slots, seen.mask + 2, knownTable.large);
+        array = RealMemory::idOf(slots, bytesBeforeAnArray());
+        if (array > 0 &&
+            blockOf(array).bytes == rawBlockHeaderBytes + bytesBeforeAnArray() + (size + 1) * sizeof *slots) {
+            large = slotsSeen(slots, size + 1, knownTable.large);
         } else {
             lines.push_back(name + " has an array that is not its own");
         }
     }
-    addTable(lines, name, seen);
+    addTable(lines, name, {GVTestPeer::usedCount(table), GVTestPeer::fillCount(table), size, array, small, large});
 }
 
 void addFreeList(Lines& lines, const std::string& name, const std::vector<unsigned int>& tokens, std::size_t capacity,
@@ -342,23 +381,23 @@ void addFreeList(Lines& lines, const std::string& name, const std::vector<unsign
     lines.push_back(text);
 }
 
-void addFreeList(Lines& lines, const std::string& name, const Reference::FreeList& list) {
-    addFreeList(lines, name, list.tokens, list.capacity, list.storage);
+void addFreeList(Lines& lines, const std::string& name, const reference::FreeList& list) {
+    addFreeList(lines, name, list.tokens, list.capacity, list.storage.id());
 }
 void addFreeList(Lines& lines, const std::string& name, const Real::Tokens& list) {
     addFreeList(lines, name, {list.begin(), list.end()}, list.capacity(), RealMemory::idOf(list.data()));
 }
 
-void addPool(Lines& lines, const std::string& name, const Reference::Pool* pool) {
+void addPool(Lines& lines, const std::string& name, const reference::Pool* pool, const reference::Pool*) {
     if (pool == nullptr) {
         return;
     }
     lines.push_back(name + request(pool->self) + number(pool->initial) + number(pool->bytes) + request(pool->handle) +
                     number(pool->useMutex));
-    addTable(lines, name + ".memoryPool", pool->table);
+    addTable(lines, name + ".memoryPool", pool->table, pool->table);
     addFreeList(lines, name + ".availableTokens", pool->freeList);
 }
-void addPool(Lines& lines, const std::string& name, Gilvane::GVMemoryPool* pool, const Reference::Pool* knownPool) {
+void addPool(Lines& lines, const std::string& name, Gilvane::GVMemoryPool* pool, const reference::Pool* knownPool) {
     if (pool == nullptr || knownPool == nullptr) {
         if ((pool == nullptr) != (knownPool == nullptr)) {
             lines.push_back(name + (pool == nullptr ? " is missing" : " should not be there"));
@@ -373,14 +412,12 @@ void addPool(Lines& lines, const std::string& name, Gilvane::GVMemoryPool* pool,
     addFreeList(lines, name + ".availableTokens", GVTestPeer::freeTokens(*pool));
 }
 
-Id idOfObject(const Reference::Pool* pool) { return pool == nullptr ? 0 : pool->self; }
-Id idOfObject(const Reference::Plain* plain) { return plain == nullptr ? 0 : plain->self; }
-
 template <typename T>
-void addPointer(Lines& lines, const std::string& name, const std::optional<Reference::Pointer<T>>& pointer) {
+void addPointer(Lines& lines, const std::string& name, const std::optional<reference::Pointer<T>>& pointer) {
     if (pointer) {
-        lines.push_back(name + request(idOfObject(pointer->object)) + request(pointer->count) + request(pointer->flag) +
-                        request(pointer->handle));
+        const auto& fields = pointer->fields;
+        lines.push_back(name + request(fields.object) + request(fields.count) + request(fields.flag) +
+                        request(fields.handle));
     }
 }
 template <typename T>
@@ -413,45 +450,25 @@ void addLedger(Lines& lines, const Books& books, bool readHeaders) {
     }
 }
 
-void addActors(Lines& lines, Actors<Model>& actors) {
-    addPool(lines, "pool", actors.pool);
-    addPool(lines, "other", actors.other);
-    addPool(lines, "copy", actors.copy);
+/// @param known  the reference's actors, for either side
+template <typename Side>
+void addActors(Lines& lines, Actors<Side>& actors, Actors<Model>& known) {
+    const auto poolOf = [](auto& pointer) { return pointer ? pointer->get() : nullptr; };
+    addPool(lines, "pool", actors.pool, known.pool);
+    addPool(lines, "other", actors.other, known.other);
+    addPool(lines, "copy", actors.copy, known.copy);
     addPointer(lines, "pointer", actors.pointer);
     addPointer(lines, "sharer", actors.sharer);
     addPointer(lines, "deep", actors.deep);
-    addPool(lines, "pointer's pool", actors.pointer ? actors.pointer->get() : nullptr);
-    addPool(lines, "deep's pool", actors.deep ? actors.deep->get() : nullptr);
+    addPool(lines, "pointer's pool", poolOf(actors.pointer), poolOf(known.pointer));
+    addPool(lines, "deep's pool", poolOf(actors.deep), poolOf(known.deep));
     addPointer(lines, "plain", actors.plainPointer);
     addPointer(lines, "plain copy", actors.plainCopy);
-    if (actors.table) {
-        addTable(lines, "table", *actors.table);
+    if (actors.table && known.table) {
+        addTable(lines, "table", *actors.table, *known.table);
     }
-    if (actors.secondTable) {
-        addTable(lines, "second table", *actors.secondTable);
-    }
-    if (actors.tokens) {
-        addFreeList(lines, "tokens", *actors.tokens);
-    }
-}
-
-void addActors(Lines& lines, Actors<Real>& actors, Actors<Model>& model) {
-    addPool(lines, "pool", actors.pool, model.pool);
-    addPool(lines, "other", actors.other, model.other);
-    addPool(lines, "copy", actors.copy, model.copy);
-    addPointer(lines, "pointer", actors.pointer);
-    addPointer(lines, "sharer", actors.sharer);
-    addPointer(lines, "deep", actors.deep);
-    addPool(lines, "pointer's pool", actors.pointer ? actors.pointer->get() : nullptr,
-            model.pointer ? model.pointer->get() : nullptr);
-    addPool(lines, "deep's pool", actors.deep ? actors.deep->get() : nullptr, model.deep ? model.deep->get() : nullptr);
-    addPointer(lines, "plain", actors.plainPointer);
-    addPointer(lines, "plain copy", actors.plainCopy);
-    if (actors.table && model.table) {
-        addTable(lines, "table", *actors.table, *model.table);
-    }
-    if (actors.secondTable && model.secondTable) {
-        addTable(lines, "second table", *actors.secondTable, *model.secondTable);
+    if (actors.secondTable && known.secondTable) {
+        addTable(lines, "second table", *actors.secondTable, *known.secondTable);
     }
     if (actors.tokens) {
         addFreeList(lines, "tokens", *actors.tokens);
@@ -461,36 +478,34 @@ void addActors(Lines& lines, Actors<Real>& actors, Actors<Model>& model) {
 } // namespace
 
 Lines stateOf(Actors<Model>& actors) {
-    const Reference::World& world = Reference::world();
-    Lines lines = {"next token" + number(world.nextToken)};
-    for (const auto& [id, handle] : world.handles) {
+    Lines lines = {"next token" + number(reference::nextToken)};
+    for (const auto& [id, handle] : reference::handles) {
         lines.push_back("handle" + request(id) + (handle.locked ? " locked" : " free"));
     }
-    for (const auto& [id, block] : world.blocks) {
+    for (const auto& [id, block] : reference::blocks) {
         lines.push_back("block" + request(id) + number(block.token) + number(block.length) + request(block.bytes) +
                         " untouched");
     }
-    for (const auto& [id, count] : world.counts) {
+    for (const auto& [id, count] : reference::counts) {
         lines.push_back("count" + request(id) + number(count));
     }
-    for (const auto& [id, flag] : world.flags) {
+    for (const auto& [id, flag] : reference::flags) {
         lines.push_back("flag" + request(id) + number(flag));
     }
-    addActors(lines, actors);
-    addLedger(lines, world.books, false);
+    addActors(lines, actors, actors);
+    addLedger(lines, Model::ledger().books, false);
     return lines;
 }
 
 Lines stateOf(Actors<Real>& actors, Actors<Model>& known) {
-    const Reference::World& world = Reference::world();
     Lines lines = {"next token" + number(GVTestPeer::nextToken())};
-    for (const auto& handle : world.handles) {
+    for (const auto& handle : reference::handles) {
         const void* const address = RealMemory::userBytes(handle.first);
         const auto* const real = static_cast<const Gilvane::RecordingMutexHandle*>(address);
         lines.push_back("handle" + request(handle.first) +
                         (real == nullptr ? " gone" : (real->isLocked() ? " locked" : " free")));
     }
-    for (const auto& block : world.blocks) {
+    for (const auto& block : reference::blocks) {
         auto* const real = static_cast<Gilvane::GVMemoryPoolObject*>(RealMemory::userBytes(block.first));
         if (real == nullptr) {
             lines.push_back("block" + request(block.first) + " gone");
@@ -503,11 +518,11 @@ Lines stateOf(Actors<Real>& actors, Actors<Model>& known) {
         lines.push_back("block" + request(block.first) + number(real->getToken()) + number(real->getLength()) +
                         request(bytes) + (untouched ? " untouched" : " touched"));
     }
-    for (const auto& count : world.counts) {
+    for (const auto& count : reference::counts) {
         const auto* const real = static_cast<const unsigned int*>(RealMemory::userBytes(count.first));
         lines.push_back("count" + request(count.first) + (real == nullptr ? " gone" : number(*real)));
     }
-    for (const auto& flag : world.flags) {
+    for (const auto& flag : reference::flags) {
         const auto* const real = static_cast<const bool*>(RealMemory::userBytes(flag.first));
         lines.push_back("flag" + request(flag.first) + (real == nullptr ? " gone" : number(*real)));
     }

@@ -4,8 +4,8 @@
 #define GILVANE_PROOF_FAILURES_SIDES_H
 
 #include "gvtestpeer.h"
+#include "ledger.h"
 #include "memory.h"
-#include "reference.h"
 
 #include <gilvane/utilities/gvmemorypool.h>
 
@@ -32,11 +32,7 @@ struct RealMemory {
     static Lines forget();
 };
 
-/// An object that is no pool and can be copied.
-struct PlainObject : Gilvane::GVObject {
-    void* anything = nullptr;
-};
-/// One that cannot.
+/// An object that is no pool and cannot be copied.
 struct UncopyableObject : Gilvane::GVObject {
     UncopyableObject() = default;
     UncopyableObject(const UncopyableObject&) = delete;
@@ -93,7 +89,6 @@ struct Real {
         std::ostringstream stream;
         printed.print(stream);
     }
-    static std::size_t slots(Table& table) { return Gilvane::GVTestPeer::mask(table) + 1; }
     static std::size_t keys(Table& table) { return table.get_keys().size(); }
     static bool has(Table& table, unsigned int key) { return table.get(key) != nullptr; }
     static void append(Tokens& tokens, unsigned int token) { tokens.push_back(token); }
@@ -110,16 +105,27 @@ struct Real {
     static void makeEntries(std::size_t number);
 };
 
+/// An object that is no pool, in the reference.
+struct PlainModel {
+    Id self;
+
+    static PlainModel* make();
+    static void destroy(PlainModel* plain);
+    static PlainModel& find(Id id);
+};
+
 /// The reference.
 struct Model {
-    using Pool = Reference::Pool;
-    using PoolPointer = Reference::Pointer<Reference::Pool>;
-    using Plain = Reference::Plain;
-    using PlainPointer = Reference::Pointer<Reference::Plain>;
-    struct Table : Reference::Table {
-        Table() : Reference::Table(sizeof(Real::Table::Entry), Loss::arrayOfFailedTableCopy) {}
-    };
-    using Tokens = Reference::FreeList;
+    using Pool = reference::Pool;
+    using PoolPointer = reference::Pointer<Pool>;
+    using Plain = PlainModel;
+    using PlainPointer = reference::Pointer<Plain>;
+    using Table = reference::Table;
+    using Tokens = reference::FreeList;
+
+    static Ledger& ledger();
+    /// Begins anew.
+    static void forget();
 
     template <typename... Arguments>
     static Pool* make(const Arguments&... arguments) {
@@ -128,30 +134,27 @@ struct Model {
     static void destroy(Pool* pool) { Pool::destroy(pool); }
     template <typename... Arguments>
     static PoolPointer init(const Arguments&... arguments) {
-        return Reference::share(Pool::make(arguments...));
+        return reference::share(Pool::make(arguments...));
     }
-    template <typename Pointer>
-    static Pointer deepCopy(Pointer& pointer) {
-        return Reference::deepCopy(pointer);
-    }
-    static Plain* makePlain() { return new Plain{Reference::requestOrThrow(sizeof(PlainObject))}; }
+    static PoolPointer deepCopy(const PoolPointer& pointer) { return reference::deepCopy(pointer); }
+    static PlainPointer deepCopy(const PlainPointer&) { return reference::share(Plain::make()); }
+    static Plain* makePlain() { return Plain::make(); }
     static void destroy(Plain* plain) { Plain::destroy(plain); }
-    static unsigned int& nextToken() { return Reference::world().nextToken; }
+    static unsigned int& nextToken() { return reference::nextToken; }
     static std::vector<unsigned int> freeTokens(Pool& pool) { return pool.freeList.tokens; }
     static void disown(Pool& pool) {
         pool.table.clear();
         pool.handle = 0;
     }
     static void print(const Pool&) {}
-    static void print(const PoolPointer& pointer) { const Reference::Scope scope(pointer.handle); }
-    static std::size_t slots(Table& table) { return table.mask + 1; }
-    static std::size_t keys(Table& table) { return table.get_keys().nodes.size(); }
-    static bool has(Table& table, unsigned int key) { return table.get(key) != nullptr; }
+    static void print(const PoolPointer& pointer) { const reference::Scope scope(pointer.fields.handle); }
+    static std::size_t keys(Table& table);
+    static bool has(Table& table, unsigned int key) { return table.find(key).has_value(); }
     static void append(Tokens& tokens, unsigned int token) { tokens.append(token); }
-    static bool hasMemory(Pool& pool, unsigned int token) { return pool.getMemoryForToken(token) != 0; }
+    static bool hasMemory(Pool& pool, unsigned int token) { return pool.blockOf(token).bytes != 0; }
     static bool hasBlock(Pool& pool, unsigned int token) {
-        const Reference::Slot* const slot = pool.table.get(token);
-        return slot != nullptr && *slot->value != 0;
+        const std::optional<unsigned int> slot = pool.table.find(token);
+        return slot && *pool.table.slots()[*slot].value != 0;
     }
     static void misuse(Table& table, Misuse misuse);
     static void refuseOneHook();

@@ -1,6 +1,7 @@
 #include "arena.h"
 
 #include <gilvane/base/gvobject.h>
+#include <gilvane/base/gvrawblock.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -42,7 +43,15 @@ alignas(alignment) unsigned char memory[totalBytes];
 std::size_t usedBytes = 0;
 std::size_t live = 0;
 std::vector<Record> records;
+std::vector<unsigned char*> numbered; // what the user got, by number - 1
+bool isAside = false;
 std::string wrong;
+
+#ifdef GILVANE_ARENA_POISONS
+constexpr bool poisons = true;
+#else
+constexpr bool poisons = false;
+#endif
 
 void poison([[maybe_unused]] void* start, [[maybe_unused]] std::size_t bytes) {
 #ifdef GILVANE_ARENA_POISONS
@@ -67,13 +76,18 @@ void* allocate(unsigned int bytes) {
         return nullptr;
     }
     usedBytes = endOf(from, bytes);
-    unpoison(memory + from, usedBytes - from);
-    std::memset(memory + from, marginFill, usedBytes - from);
     unsigned char* const start = memory + from + margin + alignment - sizeof(void*);
+    if (poisons) {
+        poison(memory + from, usedBytes - from);
+        unpoison(start, bytes);
+    } else {
+        std::memset(memory + from, marginFill, usedBytes - from);
+    }
     std::memset(start, newFill, bytes);
-    poison(memory + from, usedBytes - from);
-    unpoison(start, bytes);
     records.push_back({start, bytes, true});
+    if (!isAside) {
+        numbered.push_back(start + detail::rawBlockHeaderBytes);
+    }
     ++live;
     return start;
 }
@@ -92,8 +106,11 @@ void release(void* block) {
     }
     record->live = false;
     --live;
-    std::memset(block, releasedFill, record->bytes);
-    poison(block, record->bytes);
+    if (poisons) {
+        poison(block, record->bytes);
+    } else {
+        std::memset(block, releasedFill, record->bytes);
+    }
 }
 
 bool holds(const unsigned char* from, const unsigned char* to, unsigned char fill) {
@@ -107,14 +124,32 @@ void begin() {
     usedBytes = 0;
     live = 0;
     records.clear();
+    numbered.clear();
     wrong.clear();
     GVObject::SetAllocationHooks(&allocate, &release);
 }
 
 std::size_t liveCount() { return live; }
 
+int requestCount() { return static_cast<int>(numbered.size()); }
+
+void* userBytes(int request) {
+    return request > 0 && request <= requestCount() ? numbered[static_cast<std::size_t>(request) - 1] : nullptr;
+}
+
+int requestOf(const void* userBytes) {
+    if (userBytes == nullptr) {
+        return 0;
+    }
+    const auto found = std::lower_bound(numbered.begin(), numbered.end(), userBytes);
+    return found != numbered.end() && *found == userBytes ? static_cast<int>(found - numbered.begin()) + 1 : -1;
+}
+
+Aside::Aside() { isAside = true; }
+Aside::~Aside() { isAside = false; }
+
 std::string misuse() {
-    if (!wrong.empty()) {
+    if (!wrong.empty() || poisons) {
         return wrong;
     }
     unpoison(memory, usedBytes);

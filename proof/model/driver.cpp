@@ -1,13 +1,12 @@
 #include "driver.h"
 
-#include "arena.h"
 #include "pooldriver.h"
 #include "tabledriver.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <memory>
+#include <numeric>
 
 namespace Gilvane::driver {
 
@@ -20,36 +19,48 @@ namespace {
     std::abort();
 }
 
+unsigned int sumOf(const Bytes& program) { return std::accumulate(program.begin(), program.end(), 0U); }
+
 std::unique_ptr<Driver> makeDriver(const Bytes& program) {
     const auto subject = static_cast<Subject>(program[0] % 4);
-    if (subject == pools) {
-        return std::make_unique<PoolDriver>(program[1]);
-    }
-    return makeTableDriver(subject);
+    return subject == pools ? makePoolDriver(program[1]) : makeTableDriver(subject);
 }
 
 } // namespace
 
-Run run(const Bytes& program, Views views) {
+void throwDifference(const char* what, const std::string& library, const std::string& model) {
+    throw Difference{std::string(what) + ": " + library + " in the library, " + model + " in the model"};
+}
+
+Run run(const Bytes& program, Comparison comparison) {
     Run result;
     if (program.size() < 2) {
         return result;
     }
     arena::begin();
     const std::unique_ptr<Driver> driver = makeDriver(program);
-    try {
-        for (std::size_t position = 2; position + 3 <= program.size(); position += 3) {
-            result.lastMade = driver->make({program[position], program[position + 1], program[position + 2]});
-            result.made += result.lastMade ? 1 : 0;
-            result.passedOver += result.lastMade ? 0 : 1;
-            if (views == Views::afterEach && result.lastMade) {
-                driver->compareViews();
-            }
+    const bool whereChosen = comparison == Comparison::whereChosen;
+    const auto compare = [&driver](bool fields, bool views) {
+        if (fields) {
+            driver->compareFields();
         }
-        if (views == Views::afterLast && result.lastMade) {
+        if (views) {
+            const arena::Aside aside;
             driver->compareViews();
         }
-        driver->finish();
+    };
+    try {
+        for (std::size_t position = 2; position + 3 <= program.size(); position += 3) {
+            const unsigned char a = program[position + 1];
+            result.lastMade = driver->make({program[position], a, program[position + 2]});
+            result.made += result.lastMade ? 1 : 0;
+            result.passedOver += result.lastMade ? 0 : 1;
+            compare(result.lastMade && (!whereChosen || (a & chosen) == chosen),
+                    result.lastMade && comparison == Comparison::afterEach);
+        }
+        compare(whereChosen, whereChosen ? sumOf(program) % programsPerView == 0
+                                         : result.lastMade && comparison == Comparison::viewsAfterLast);
+        driver->finish(comparison);
     } catch (const Difference& difference) {
         report(difference.text, *driver);
     } catch (const std::exception& exception) {

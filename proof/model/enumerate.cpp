@@ -131,7 +131,7 @@ class Enumeration {
         }
         for (const Operation& letter : theAlphabet.letters) {
             append(letter);
-            if (driver::run(theProgram, Views::afterLast).lastMade) {
+            if (driver::run(theProgram, Comparison::viewsAfterLast).lastMade) {
                 ++theCount;
                 showProgress();
                 extend(length + 1);

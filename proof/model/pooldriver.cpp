@@ -1,8 +1,7 @@
 #include "pooldriver.h"
 
-#include "arena.h"
-
-#include <algorithm>
+#include <array>
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <sstream>
@@ -23,27 +22,201 @@ constexpr const char* callNames[] = {"init",       "initWithNumberOfObjects",
                                      "moveAssign", "reset",
                                      "decrement",  "deepCopy",
                                      "alias",      "fromNull",
-                                     "deleteData"};
-static_assert(std::size(callNames) == static_cast<std::size_t>(PoolCall::numberOfCalls));
+                                     "deleteData", "nothing",
+                                     "forget"};
+static_assert(std::size(callNames) == static_cast<std::size_t>(PoolCall::forget) + 1);
 
 constexpr int numberOfPointers = 4;
 
-// Enters what the library has for a number of the model; what was entered before must be the same.
-template <typename T>
-void identify(const char* what, std::vector<T*>& known, int number, T* library) {
-    const auto index = static_cast<unsigned int>(number);
-    if (known.size() <= index) {
-        known.resize(index + 1, nullptr);
-    }
-    if (known[index] == nullptr) {
-        // No address is given out twice, so that two numbers never have the same.
-        if (library == nullptr || std::find(known.begin(), known.end(), library) != known.end()) {
-            throw Difference{std::string(what) + " is not a new one"};
+/// Four pointers of the library's.
+struct LibrarySide {
+    using Pool = GVMemoryPool;
+    using Pointer = GVSmartPointer<GVMemoryPool>;
+
+    LibrarySide() {
+        for (int number = 0; number < numberOfPointers; ++number) {
+            forget(number);
         }
-        known[index] = library;
-    } else if (known[index] != library) {
-        throw Difference{std::string(what) + " is not the one that it was or should be"};
     }
+    Pointer& pointer(int number) { return *std::launder(reinterpret_cast<Pointer*>(storage[number])); }
+
+    /// Puts an empty pointer in a pointer's place, whose destructor is not run.
+    void forget(int number) { ::new (static_cast<void*>(storage[number])) Pointer(); }
+    /// Ends a pointer's life and begins a new one there.
+    template <typename... Arguments>
+    void construct(int number, Arguments&&... arguments) {
+        pointer(number).~Pointer();
+        ::new (static_cast<void*>(storage[number])) Pointer(std::forward<Arguments>(arguments)...);
+    }
+
+    static Pointer init(bool locked) { return Pool::init(locked); }
+    static Pointer init(unsigned int blocks, bool locked) { return Pool::initWithNumberOfObjects(blocks, locked); }
+    static Pointer init(unsigned int blocks, unsigned int bytes, bool locked) {
+        return Pool::initWithNumberOfObjectsAndSize(blocks, bytes, locked);
+    }
+    static Pointer deepCopy(Pointer& pointer) { return pointer.deepCopy(); }
+
+    /// @returns the request that the bytes came from
+    static unsigned int write(Pool& pool, unsigned int token, unsigned char content) {
+        void* const bytes = pool.getMemoryForToken(token);
+        if (bytes != nullptr) {
+            std::memset(bytes, content, GVTestPeer::table(pool)[token]->getLength());
+        }
+        return static_cast<unsigned int>(arena::requestOf(bytes));
+    }
+
+    template <typename Function>
+    static std::string refusalOf(Function function) {
+        try {
+            function();
+        } catch (const GVException& exception) {
+            return "GVException " + std::to_string(exception.getKind()) + " " + std::to_string(exception.getCode()) +
+                   " " + exception.getFile() + ": " + exception.getMessage();
+        }
+        return {};
+    }
+
+    alignas(Pointer) unsigned char storage[numberOfPointers][sizeof(Pointer)];
+};
+
+/// Four of the reference's.
+struct ReferenceSide {
+    using Pool = reference::Pool;
+    using Pointer = reference::Pointer<Pool>;
+
+    ReferenceSide() = default;
+    ReferenceSide(const ReferenceSide&) = delete;
+    ReferenceSide& operator=(const ReferenceSide&) = delete;
+    ~ReferenceSide() {
+        for (Pointer& pointer : pointers) {
+            pointer.forget();
+        }
+    }
+    Pointer& pointer(int number) { return pointers[static_cast<std::size_t>(number)]; }
+    void forget(int number) { pointer(number).forget(); }
+    template <typename... Arguments>
+    void construct(int number, Arguments&&... arguments) {
+        pointer(number) = Pointer(std::forward<Arguments>(arguments)...);
+    }
+
+    template <typename... Arguments>
+    static Pointer init(Arguments... arguments) {
+        return reference::share(Pool::make(arguments...));
+    }
+    static Pointer deepCopy(const Pointer& pointer) { return reference::deepCopy(pointer); }
+
+    static unsigned int write(Pool& pool, unsigned int token, unsigned char content) {
+        reference::Block& block = pool.blockOf(token);
+        block.content = content;
+        return static_cast<unsigned int>(block.bytes);
+    }
+
+    template <typename Function>
+    static std::string refusalOf(Function function) {
+        try {
+            function();
+        } catch (const reference::Exception& exception) {
+            return exception.text;
+        }
+        return {};
+    }
+
+    std::array<Pointer, numberOfPointers> pointers;
+};
+
+struct Call {
+    PoolCall what;
+    int pointer;
+    int other = 0;
+    unsigned int number = 0; // blocks, or a token
+    unsigned int bytes = 0;
+    bool flag = false;
+    bool owning = false;
+    unsigned char content = 0; // what is written
+
+    template <typename Side>
+    Outcome make(Side& side) const;
+
+    std::string text() const {
+        return std::string(callNames[static_cast<unsigned int>(what)]) + " pointer " + std::to_string(pointer) +
+               ", other " + std::to_string(other) + ", number " + std::to_string(number) + ", bytes " +
+               std::to_string(bytes) + (flag ? ", lock" : "") + (owning ? ", owning" : "");
+    }
+};
+
+template <typename Side>
+Outcome Call::make(Side& side) const {
+    using Pointer = typename Side::Pointer;
+    Pointer& target = side.pointer(pointer);
+    Pointer& second = side.pointer(other);
+    const auto pool = [&target]() -> typename Side::Pool& { return *target.get(); };
+    switch (what) {
+    case PoolCall::init:
+        target = Side::init(flag);
+        break;
+    case PoolCall::initCount:
+        target = Side::init(number, flag);
+        break;
+    case PoolCall::initSized:
+        target = Side::init(number, bytes, flag);
+        break;
+    case PoolCall::borrow:
+        return {pool().getTokenForFreeMemoryObject()};
+    case PoolCall::write:
+        return {Side::write(pool(), number, content)};
+    case PoolCall::release:
+        pool().releaseObject(number);
+        break;
+    case PoolCall::removeFree:
+        pool().removeTokenFromAvailableList(number);
+        break;
+    case PoolCall::resizeTo:
+    case PoolCall::growBy:
+    case PoolCall::shrinkBy:
+        pool().resizePool(number);
+        break;
+    case PoolCall::makePool:
+        pool().makePool(number);
+        break;
+    case PoolCall::setBytes:
+        return {std::nullopt, Side::refusalOf([&] { pool().setNumberOfBytesInPoolObject(bytes); })};
+    case PoolCall::setDefault:
+        Side::Pool::defaultNumberOfObjects = number;
+        break;
+    case PoolCall::copyConstruct:
+        side.construct(pointer, second);
+        break;
+    case PoolCall::assign:
+        target = second;
+        break;
+    case PoolCall::moveConstruct:
+        side.construct(pointer, std::move(second));
+        break;
+    case PoolCall::moveAssign:
+        target = std::move(second);
+        break;
+    case PoolCall::reset:
+        side.construct(pointer);
+        break;
+    case PoolCall::fromNull:
+        side.construct(pointer, nullptr, owning, flag);
+        break;
+    case PoolCall::decrement:
+        target.decrementRefCount();
+        break;
+    case PoolCall::deepCopy:
+        second = Side::deepCopy(target);
+        break;
+    case PoolCall::alias:
+        second = Pointer(target.get(), owning, flag);
+        break;
+    case PoolCall::forget:
+        side.forget(pointer);
+        break;
+    default:
+        target.deleteData();
+    }
+    return {};
 }
 
 std::string address(const void* pointer) {
@@ -57,6 +230,8 @@ std::string address(const void* pointer) {
     return "0x" + digits;
 }
 
+std::string address(reference::Id id) { return address(arena::userBytes(id)); }
+
 template <typename T>
 std::string dumpOf(const T& printable) {
     std::ostringstream stream;
@@ -64,46 +239,84 @@ std::string dumpOf(const T& printable) {
     return stream.str();
 }
 
-} // namespace
+template <typename T>
+T& inLibrary(reference::Id id) {
+    return *static_cast<T*>(arena::userBytes(id));
+}
 
-PoolDriver::PoolDriver(unsigned char scene) : theWorld(firstTokens[scene % std::size(firstTokens)]) {
-    GVTestPeer::nextToken() = theWorld.nextToken;
-    GVMemoryPool::defaultNumberOfObjects = theWorld.defaultNumber;
-    for (auto& storage : theStorage) {
-        ::new (static_cast<void*>(storage)) Pointer();
+std::string poolText(const reference::Pool& pool) {
+    return "<GVMemoryPool><memoryPool>" + pool.table.dump([](reference::Id id) { return address(id); }) +
+           "</memoryPool><bytesInEachObject>" + std::to_string(pool.bytes) + "</bytesInEachObject><theMutexHandle>" +
+           address(pool.handle) + "</theMutexHandle><useMutexHandle>" + (pool.useMutex ? "1" : "0") +
+           "</useMutexHandle></GVMemoryPool>";
+}
+
+std::string pointerText(const ReferenceSide::Pointer& pointer) {
+    const auto& fields = pointer.fields;
+    if (fields.object == 0) {
+        return "<GVSmartPointer></GVSmartPointer>";
     }
+    std::string text = "<GVSmartPointer object=\"" + address(fields.object) + "\" refCount=\"" +
+                       std::to_string(reference::counts[fields.count]) + "\" ownObject=\"" +
+                       (reference::flags[fields.flag] ? "1" : "0") + "\"";
+    if (fields.handle != 0) {
+        text += " lock=\"" + address(fields.handle) + "\"";
+    }
+    return text + ">" + poolText(*pointer.get()) + "</GVSmartPointer>";
 }
 
-GVSmartPointer<GVMemoryPool>& PoolDriver::pointer(int number) {
-    return *std::launder(reinterpret_cast<Pointer*>(theStorage[number]));
+std::string blockText(const reference::Block& block) {
+    return "<GVMemoryPoolObject><theBytes>" + address(block.bytes) + "</theBytes><theLength>" +
+           std::to_string(block.length) + "</theLength><theToken>" + std::to_string(block.token) +
+           "</theToken></GVMemoryPoolObject>";
 }
 
-// Puts an empty pointer in a pointer's place, whose destructor is not run.
-void PoolDriver::forget(int number) { ::new (static_cast<void*>(theStorage[number])) Pointer(); }
+class PoolDriver : public DriverOf<Call, LibrarySide, ReferenceSide> {
+  public:
+    explicit PoolDriver(unsigned char scene) : DriverOf(firstTokens[scene % std::size(firstTokens)]) {}
 
-std::optional<unsigned int> PoolDriver::chooseToken(unsigned char b, const model::Pool& pool) const {
+    bool make(Operation operation) override;
+    void compareFields() override;
+    void compareViews() override;
+    void finish(Comparison comparison) override;
+
+  private:
+    bool hasPool(int number) const { return reference::pools.count(theReference->pointer(number).fields.object) != 0; }
+    std::optional<Call> decode(Operation operation) const;
+    std::optional<unsigned int> chooseToken(unsigned char b, const reference::Pool& pool) const;
+    void comparePointer(int number);
+    static void comparePool(GVMemoryPool& library, const reference::Pool& pool);
+    static void compareBlock(GVMemoryPoolObject& library, const reference::Block& block);
+
+    std::vector<unsigned int> theLentTokens;
+};
+
+std::optional<unsigned int> PoolDriver::chooseToken(unsigned char b, const reference::Pool& pool) const {
     const unsigned int rank = b & 0x3fU;
-    const std::vector<unsigned int> keys = pool.table.keys();
-    const std::vector<unsigned int>& list = (b & 0xc0U) == ofTable  ? keys
-                                            : (b & 0xc0U) == ofFree ? pool.freeTokens
-                                                                    : theLentTokens;
-    if ((b & 0xc0U) == unknown) {
+    const unsigned int choice = b & 0xc0U;
+    if (choice == unknown) {
         return 0x40000000 + rank;
     }
+    const std::vector<unsigned int> keys = choice == ofTable ? pool.table.keys() : std::vector<unsigned int>();
+    const std::vector<unsigned int>& list = choice == ofTable  ? keys
+                                            : choice == ofFree ? pool.freeList.tokens
+                                                               : theLentTokens;
     if (list.empty()) {
         return std::nullopt;
     }
-    const auto position = static_cast<unsigned int>(rank % list.size());
-    return (b & 0xc0U) == ofTable ? list[position] : list[list.size() - 1 - position];
+    const std::size_t position = rank % list.size();
+    return choice == ofTable ? list[position] : list[list.size() - 1 - position];
 }
 
-std::optional<PoolDriver::Call> PoolDriver::decode(Operation operation) {
+std::optional<Call> PoolDriver::decode(Operation operation) const {
     const auto what = static_cast<PoolCall>(operation.code % static_cast<unsigned int>(PoolCall::numberOfCalls));
-    Call call{what, operation.a & 3,        (operation.a >> 2) & 3, operation.b,
-              0,    (operation.b & 1) != 0, (operation.b & 2) != 0};
-    const bool hasShare = theWorld.shareNumber(call.pointer) != model::none;
-    const bool hasPool = hasShare && theWorld.poolOf(call.pointer).alive;
+    Call call{what, operation.a & 3, (operation.a >> 2) & 3, operation.b};
+    call.flag = (operation.b & 1) != 0;
+    call.owning = (operation.b & 2) != 0;
+    call.content = static_cast<unsigned char>(theCalls.size() + 1);
+    const bool isAlive = hasPool(call.pointer);
     const auto needing = [&call](bool condition) { return condition ? std::optional<Call>(call) : std::nullopt; };
+    const auto pool = [this, &call]() -> const reference::Pool& { return *theReference->pointer(call.pointer).get(); };
     switch (what) {
     case PoolCall::initCount:
         call.number = operation.b / 2U % 16;
@@ -115,32 +328,32 @@ std::optional<PoolDriver::Call> PoolDriver::decode(Operation operation) {
     case PoolCall::write:
     case PoolCall::release:
     case PoolCall::removeFree: {
-        if (!hasPool) {
+        if (!isAlive) {
             return std::nullopt;
         }
-        const std::optional<unsigned int> token = chooseToken(operation.b, theWorld.poolOf(call.pointer));
+        const std::optional<unsigned int> token = chooseToken(operation.b, pool());
         call.number = token.value_or(0);
         return needing(token.has_value());
     }
     case PoolCall::resizeTo:
         call.number = operation.b % 48U;
-        return needing(hasPool);
+        return needing(isAlive);
     case PoolCall::growBy:
     case PoolCall::shrinkBy: {
-        if (!hasPool) {
+        if (!isAlive) {
             return std::nullopt;
         }
-        const unsigned int count = theWorld.poolOf(call.pointer).table.used;
+        const unsigned int count = pool().table.used;
         const unsigned int step = operation.b % 16U + 1;
         call.number = what == PoolCall::growBy ? count + step : count - step;
         return needing(what == PoolCall::growBy || step <= count);
     }
     case PoolCall::makePool:
         call.number = operation.b % 24U;
-        return needing(hasPool);
+        return needing(isAlive);
     case PoolCall::setBytes:
         call.bytes = blockSizes[operation.b % std::size(blockSizes)];
-        return needing(hasPool);
+        return needing(isAlive);
     case PoolCall::setDefault:
         call.number = operation.b % 10U;
         return call;
@@ -150,435 +363,129 @@ std::optional<PoolDriver::Call> PoolDriver::decode(Operation operation) {
     case PoolCall::borrow:
     case PoolCall::deepCopy:
     case PoolCall::alias:
-        return needing(hasPool);
+        return needing(isAlive);
     default:
         return call;
     }
 }
 
-model::Outcome PoolDriver::makeOnModel(model::World& world, const Call& call, unsigned char content) {
-    const auto pool = [&world, &call]() -> model::Pool& { return world.poolOf(call.pointer); };
-    switch (call.what) {
-    case PoolCall::init:
-        world.take(call.pointer, world.newShare(world.newPool(world.defaultNumber, 0, call.flag), true, true));
-        return {};
-    case PoolCall::initCount:
-        world.take(call.pointer, world.newShare(world.newPool(call.number, 0, call.flag), true, true));
-        return {};
-    case PoolCall::initSized: {
-        const int made = world.newPool(call.number, call.bytes, call.flag);
-        world.makePool(world.pools.back(), call.number);
-        world.take(call.pointer, world.newShare(made, true, true));
-        return {};
-    }
-    case PoolCall::borrow:
-        return world.borrow(pool());
-    case PoolCall::write: {
-        model::Block& block = world.memoryOf(pool(), call.number);
-        block.content = content;
-        return {static_cast<unsigned int>(&block - world.blocks.data()), {}};
-    }
-    case PoolCall::release:
-        world.release(pool(), call.number);
-        return {};
-    case PoolCall::removeFree:
-        world.removeFree(pool(), call.number);
-        return {};
-    case PoolCall::resizeTo:
-    case PoolCall::growBy:
-    case PoolCall::shrinkBy:
-        world.resizePool(pool(), call.number);
-        return {};
-    case PoolCall::makePool:
-        world.makePool(pool(), call.number);
-        return {};
-    case PoolCall::setBytes:
-        return world.setBytes(pool(), call.bytes);
-    case PoolCall::setDefault:
-        world.defaultNumber = call.number;
-        return {};
-    case PoolCall::copyConstruct:
-    case PoolCall::assign:
-        world.assign(call.pointer, call.other);
-        return {};
-    case PoolCall::moveConstruct:
-    case PoolCall::moveAssign:
-        world.moveAssign(call.pointer, call.other);
-        return {};
-    case PoolCall::reset:
-    case PoolCall::fromNull:
-        world.take(call.pointer, model::none);
-        return {};
-    case PoolCall::decrement:
-        // A pointer that gave up its share and keeps its fields must not be destroyed: it is forgotten.
-        if (!world.decrement(call.pointer)) {
-            world.shareNumber(call.pointer) = model::none;
-        }
-        return {};
-    case PoolCall::deepCopy:
-        world.take(call.other, world.deepCopy(call.pointer));
-        return {};
-    case PoolCall::alias:
-        world.take(call.other, world.newShare(world.shareOf(call.pointer).pool, call.owning, call.flag));
-        return {};
-    default:
-        world.deleteData(call.pointer);
-        return {};
-    }
-}
-
-model::Outcome PoolDriver::makeOnLibrary(const Call& call, const model::Outcome& expected, unsigned char content) {
-    Pointer& target = pointer(call.pointer);
-    Pointer& other = pointer(call.other);
-    switch (call.what) {
-    case PoolCall::init:
-        target = GVMemoryPool::init(call.flag);
-        return {};
-    case PoolCall::initCount:
-        target = GVMemoryPool::initWithNumberOfObjects(call.number, call.flag);
-        return {};
-    case PoolCall::initSized:
-        target = GVMemoryPool::initWithNumberOfObjectsAndSize(call.number, call.bytes, call.flag);
-        return {};
-    case PoolCall::borrow:
-        return {target->getTokenForFreeMemoryObject(), {}};
-    case PoolCall::write: {
-        GVMemoryPoolObject* const block = theBlocks[*expected.number];
-        void* const bytes = target->getMemoryForToken(call.number);
-        same("the memory of a token", bytes, block->getBytes());
-        if (bytes != nullptr) {
-            std::memset(bytes, content, block->getLength());
-        }
-        return expected;
-    }
-    case PoolCall::release:
-        target->releaseObject(call.number);
-        return {};
-    case PoolCall::removeFree:
-        target->removeTokenFromAvailableList(call.number);
-        return {};
-    case PoolCall::resizeTo:
-    case PoolCall::growBy:
-    case PoolCall::shrinkBy:
-        target->resizePool(call.number);
-        return {};
-    case PoolCall::makePool:
-        target->makePool(call.number);
-        return {};
-    case PoolCall::setBytes:
-        try {
-            target->setNumberOfBytesInPoolObject(call.bytes);
-            return {};
-        } catch (const GVException& exception) {
-            same("the exception's file", std::string(exception.getFile()),
-                 std::string("libsrc/utilities/gvmemorypool"));
-            same<int>("the exception's kind", exception.getKind(), 1);
-            same("the exception's code", exception.getCode(), 0);
-            return {std::nullopt, exception.getMessage()};
-        }
-    case PoolCall::setDefault:
-        GVMemoryPool::defaultNumberOfObjects = call.number;
-        return {};
-    case PoolCall::copyConstruct: {
-        Pointer copy(other);
-        target.~Pointer();
-        ::new (static_cast<void*>(theStorage[call.pointer])) Pointer(copy);
-        return {};
-    }
-    case PoolCall::assign:
-        target = other;
-        return {};
-    case PoolCall::moveConstruct: {
-        Pointer moved(std::move(other));
-        target.~Pointer();
-        ::new (static_cast<void*>(theStorage[call.pointer])) Pointer(std::move(moved));
-        return {};
-    }
-    case PoolCall::moveAssign:
-        target = std::move(other);
-        return {};
-    case PoolCall::reset:
-        target.~Pointer();
-        ::new (static_cast<void*>(theStorage[call.pointer])) Pointer();
-        return {};
-    case PoolCall::fromNull:
-        target.~Pointer();
-        ::new (static_cast<void*>(theStorage[call.pointer])) Pointer(nullptr, call.owning, call.flag);
-        return {};
-    case PoolCall::decrement:
-        decrementOnLibrary(call.pointer);
-        return {};
-    case PoolCall::deepCopy:
-        other = target.deepCopy();
-        return {};
-    case PoolCall::alias:
-        other = Pointer(target.get(), call.owning, call.flag);
-        return {};
-    default:
-        target.deleteData();
-        return {};
-    }
-}
-
-// The last share leaves the pointer empty; any other leaves the fields, and the pointer is then forgotten.
-void PoolDriver::decrementOnLibrary(int number) {
-    Pointer& target = pointer(number);
-    const Pointer* const before = &target;
-    GVMemoryPool* const object = GVTestPeer::object(target);
-    unsigned int* const count = GVTestPeer::refCount(target);
-    bool* const flag = GVTestPeer::ownObject(target);
-    GVMutexHandle* const lock = GVTestPeer::lock(target);
-    const bool last = count == nullptr || *count == 1;
-    target.decrementRefCount();
-    same("the pointer", before, static_cast<const Pointer*>(&target));
-    same("the object after a decrement", GVTestPeer::object(target), last ? nullptr : object);
-    same("the count cell after a decrement", GVTestPeer::refCount(target), last ? nullptr : count);
-    same("the flag cell after a decrement", GVTestPeer::ownObject(target), last ? nullptr : flag);
-    same("the lock after a decrement", GVTestPeer::lock(target), last ? nullptr : lock);
-    forget(number);
-}
-
-// Makes a call on both sides if it has an outcome.
-bool PoolDriver::commit(const Call& call) {
-    const auto content = static_cast<unsigned char>(theCalls.size() + 1);
-    model::World next = theWorld;
-    model::Outcome expected;
-    try {
-        expected = makeOnModel(next, call, content);
-    } catch (const model::NotDriven&) {
+bool PoolDriver::make(Operation operation) {
+    const std::optional<Call> call = decode(operation);
+    if (!call || !commit(*call)) {
         return false;
     }
-    theCalls.push_back(call);
-    theWorld = std::move(next);
-    const model::Outcome actual = makeOnLibrary(call, expected, content);
-    same("the message of the exception", actual.refusal, expected.refusal);
-    same("whether something is returned", actual.number.has_value(), expected.number.has_value());
-    same("what is returned", actual.number.value_or(0), expected.number.value_or(0));
-    if (call.what == PoolCall::borrow) {
-        theLentTokens.push_back(*expected.number);
+    if (call->what == PoolCall::borrow) {
+        theLentTokens.push_back(*theLast.number);
     }
-    compareFields();
+    if (call->what == PoolCall::decrement) {
+        // A pointer that gave up its share and keeps its fields must not be destroyed.
+        comparePointer(call->pointer);
+        commit({PoolCall::forget, call->pointer});
+    }
     return true;
 }
 
-bool PoolDriver::make(Operation operation) {
-    const std::optional<Call> call = decode(operation);
-    return call && commit(*call);
-}
-
-void PoolDriver::finish() {
+void PoolDriver::finish(Comparison comparison) {
     for (int number = 0; number < numberOfPointers; ++number) {
-        if (!commit({PoolCall::reset, number, 0, 0, 0, false, false})) {
-            theWorld.shareNumber(number) = model::none;
-            forget(number);
+        if (!commit({PoolCall::reset, number})) {
+            commit({PoolCall::forget, number});
+        }
+        if (comparison != Comparison::whereChosen) {
+            compareFields();
         }
     }
 }
 
-// ---- Comparison --------------------------------------------------------------------------------------------------
-
 void PoolDriver::compareFields() {
-    same("the next token", GVTestPeer::nextToken(), theWorld.nextToken);
-    same("the default number of blocks", GVMemoryPool::defaultNumberOfObjects, theWorld.defaultNumber);
+    same("the next token", GVTestPeer::nextToken(), reference::nextToken);
+    same("the default number of blocks", GVMemoryPool::defaultNumberOfObjects, reference::Pool::defaultNumberOfObjects);
     for (int number = 0; number < numberOfPointers; ++number) {
         comparePointer(number);
     }
-    for (unsigned int number = 0; number < theWorld.pools.size(); ++number) {
-        if (isKnown(number) && theWorld.pools[number].alive) {
-            comparePool(number);
-        }
+    for (const auto& [id, pool] : reference::pools) {
+        comparePool(inLibrary<GVMemoryPool>(id), pool);
     }
-    compareBlocks();
-    for (unsigned int number = 0; number < theHandles.size(); ++number) {
-        if (theHandles[number] != nullptr && theWorld.handles[number].alive) {
-            same("whether a lock is free", theHandles[number]->tryLock(), true);
-            theHandles[number]->unlock();
-        }
+    for (const auto& [id, block] : reference::blocks) {
+        compareBlock(inLibrary<GVMemoryPoolObject>(id), block);
     }
-    same<std::size_t>("live raw blocks", arena::liveCount(), theWorld.rawBlocks());
+    for (const auto& [id, handle] : reference::handles) {
+        auto& library = inLibrary<GVMutexHandle>(id);
+        same("whether a lock is free", library.tryLock(), !handle.locked);
+        library.unlock();
+    }
 }
 
 void PoolDriver::comparePointer(int number) {
-    Pointer& library = pointer(number);
-    if (theWorld.shareNumber(number) == model::none) {
-        same("the object of an empty pointer", GVTestPeer::object(library), static_cast<GVMemoryPool*>(nullptr));
-        same("the count of an empty pointer", GVTestPeer::refCount(library), static_cast<unsigned int*>(nullptr));
-        same("the flag of an empty pointer", GVTestPeer::ownObject(library), static_cast<bool*>(nullptr));
-        same("the lock of an empty pointer", GVTestPeer::lock(library), static_cast<GVMutexHandle*>(nullptr));
-        same("the number of sharers of nothing", library.getRefCount(), 0U);
-        return;
+    GVSmartPointer<GVMemoryPool>& library = theLibrary->pointer(number);
+    const ReferenceSide::Pointer& expected = theReference->pointer(number);
+    sameBlock("a pointer's object", GVTestPeer::object(library), expected.fields.object);
+    sameBlock("a pointer's count cell", GVTestPeer::refCount(library), expected.fields.count);
+    sameBlock("a pointer's flag cell", GVTestPeer::ownObject(library), expected.fields.flag);
+    sameBlock("a pointer's lock", GVTestPeer::lock(library), expected.fields.handle);
+    if (expected.fields.count != 0) {
+        same("a pointer's count", *GVTestPeer::refCount(library), reference::counts[expected.fields.count]);
+        same("a pointer's flag", *GVTestPeer::ownObject(library), reference::flags[expected.fields.flag]);
     }
-    const model::Share& share = theWorld.shareOf(number);
-    identify("a pointer's object", thePools, share.pool, GVTestPeer::object(library));
-    identify("a pointer's count cell", theCounts, theWorld.shareNumber(number), GVTestPeer::refCount(library));
-    identify("a pointer's flag cell", theFlags, theWorld.shareNumber(number), GVTestPeer::ownObject(library));
-    same("a pointer's count", *GVTestPeer::refCount(library), share.count);
-    same("a pointer's flag", *GVTestPeer::ownObject(library), share.own);
-    same("whether a pointer has a lock", GVTestPeer::lock(library) != nullptr, share.handle != model::none);
-    if (share.handle != model::none) {
-        identify("a pointer's lock", theHandles, share.handle, GVTestPeer::lock(library));
-    }
-    same("the number of sharers", library.getRefCount(), share.count);
+    same("the number of sharers", library.getRefCount(), expected.getRefCount());
 }
 
-void PoolDriver::comparePool(unsigned int number) {
-    const model::Pool& pool = theWorld.pools[number];
-    GVMemoryPool& library = *thePools[number];
-    compareTable(pool, GVTestPeer::table(library));
+void PoolDriver::comparePool(GVMemoryPool& library, const reference::Pool& pool) {
+    compareTable(GVTestPeer::table(library), pool.table,
+                 [](const GVMemoryPoolObject* block, reference::Id id) { sameBlock("a block", block, id); });
     const auto& free = GVTestPeer::freeTokens(library);
-    same("free tokens", free.size(), pool.freeTokens.size());
+    same("free tokens", free.size(), pool.freeList.tokens.size());
     for (std::size_t index = 0; index < free.size(); ++index) {
-        same("a free token", free[index], pool.freeTokens[index]);
+        same("a free token", free[index], pool.freeList.tokens[index]);
     }
-    same<std::size_t>("the capacity of the free list", free.capacity(), pool.freeCapacity);
+    same("the capacity of the free list", free.capacity(), pool.freeList.capacity);
+    sameBlock("the storage of the free list", free.data(), pool.freeList.storage.id());
     same("the initial number of blocks", GVTestPeer::initialNumberOfObjects(library), pool.initial);
     same("bytes in each block", GVTestPeer::bytesInEachObject(library), pool.bytes);
     same("whether the pool locks", GVTestPeer::useMutexHandle(library), pool.useMutex);
-    same("whether the pool has a lock", GVTestPeer::mutexHandle(library) != nullptr, pool.handle != model::none);
-    if (pool.handle != model::none) {
-        identify("a pool's lock", theHandles, pool.handle, GVTestPeer::mutexHandle(library));
-    }
+    sameBlock("a pool's lock", GVTestPeer::mutexHandle(library), pool.handle);
 }
 
-void PoolDriver::compareTable(const model::Pool& pool, TokenTable& table) {
-    same("occupied slots", GVTestPeer::usedCount(table), pool.table.used);
-    same("occupied and deleted slots", GVTestPeer::fillCount(table), pool.table.fill);
-    same("the mask", GVTestPeer::mask(table), pool.table.size - 1);
-    same("whether the slots are embedded", GVTestPeer::slots(table) == GVTestPeer::smallSlots(table),
-         pool.table.size == 8);
-    const auto compareSlots = [this](const std::vector<model::Slot<model::BlockValue>>& slots,
-                                     const TokenTable::Entry* library) {
-        for (const model::Slot<model::BlockValue>& slot : slots) {
-            same("a slot's state", library->theState, slot.state);
-            same("a slot's key", slot.key ? library->theKey : 0, slot.key.value_or(0));
-            same("a slot's hash", slot.hash ? library->theHash : 0, slot.hash.value_or(0));
-            if (slot.value && *slot.value != 0) {
-                identify("a block", theBlocks, static_cast<int>(*slot.value - 1), library->theValue);
-            } else if (slot.value) {
-                same("a null block", library->theValue, static_cast<GVMemoryPoolObject*>(nullptr));
-            }
-            ++library;
-        }
-    };
-    compareSlots(pool.table.embedded, GVTestPeer::smallSlots(table));
-    compareSlots(pool.table.heap, GVTestPeer::slots(table));
-}
-
-void PoolDriver::compareBlocks() {
-    for (unsigned int number = 0; number < theBlocks.size(); ++number) {
-        const model::Block& block = theWorld.blocks[number];
-        if (theBlocks[number] == nullptr || !block.alive) {
-            continue;
-        }
-        GVMemoryPoolObject& library = *theBlocks[number];
-        same("a block's token", library.getToken(), block.token);
-        same("a block's length", library.getLength(), block.length);
-        same("whether a block has bytes", library.getBytes() != nullptr, block.hasBytes);
-        if (block.content) {
-            const auto* const bytes = static_cast<const unsigned char*>(library.getBytes());
-            for (unsigned int index = 0; index < block.length; ++index) {
-                same("a byte of a block", bytes[index], *block.content);
-            }
+void PoolDriver::compareBlock(GVMemoryPoolObject& library, const reference::Block& block) {
+    same("a block's token", library.getToken(), block.token);
+    same("a block's length", library.getLength(), block.length);
+    sameBlock("a block's bytes", library.getBytes(), block.bytes);
+    if (block.content) {
+        const auto* const bytes = static_cast<const unsigned char*>(library.getBytes());
+        for (unsigned int index = 0; index < block.length; ++index) {
+            same("a byte of a block", bytes[index], *block.content);
         }
     }
 }
 
 void PoolDriver::compareViews() {
-    for (unsigned int number = 0; number < theWorld.pools.size(); ++number) {
-        if (isKnown(number) && theWorld.pools[number].alive) {
-            comparePoolViews(number);
+    for (const auto& [id, pool] : reference::pools) {
+        auto& library = inLibrary<GVMemoryPool>(id);
+        if (!pool.useMutex || reference::handles.count(pool.handle) != 0) {
+            same("blocks in use", library.numberOfObjectsInPoolInUse(), pool.numberOfObjectsInPoolInUse());
+        }
+        std::vector<unsigned int> searched = pool.freeList.tokens;
+        searched.push_back(reference::nextToken);
+        compareSearches(GVTestPeer::table(library), pool.table, searched);
+        same("the text of a pool", dumpOf(library), poolText(pool));
+        for (const auto& [otherId, other] : reference::pools) {
+            auto& otherInLibrary = inLibrary<GVMemoryPool>(otherId);
+            same("whether two pools are equal", library == otherInLibrary, pool == other);
+            same("whether two pools are unequal", library != otherInLibrary, !(pool == other));
         }
     }
-    compareEquality();
     for (int number = 0; number < numberOfPointers; ++number) {
-        if (theWorld.shareNumber(number) == model::none || theWorld.poolOf(number).alive) {
-            same("the text of a pointer", dumpOf(pointer(number)), pointerText(number));
+        const ReferenceSide::Pointer& expected = theReference->pointer(number);
+        if (expected.fields.object == 0 || hasPool(number)) {
+            same("the text of a pointer", dumpOf(theLibrary->pointer(number)), pointerText(expected));
         }
     }
-    for (unsigned int number = 0; number < theBlocks.size(); ++number) {
-        const model::Block& block = theWorld.blocks[number];
-        if (theBlocks[number] != nullptr && block.alive) {
-            same("the text of a block", dumpOf(*theBlocks[number]),
-                 "<GVMemoryPoolObject><theBytes>" + address(theBlocks[number]->getBytes()) + "</theBytes><theLength>" +
-                     std::to_string(block.length) + "</theLength><theToken>" + std::to_string(block.token) +
-                     "</theToken></GVMemoryPoolObject>");
-        }
+    for (const auto& [id, block] : reference::blocks) {
+        same("the text of a block", dumpOf(inLibrary<GVMemoryPoolObject>(id)), blockText(block));
     }
 }
 
-void PoolDriver::comparePoolViews(unsigned int number) {
-    const model::Pool& pool = theWorld.pools[number];
-    GVMemoryPool& library = *thePools[number];
-    TokenTable& table = GVTestPeer::table(library);
-    try {
-        const unsigned int inUse = theWorld.inUse(pool);
-        same("blocks in use", library.numberOfObjectsInPoolInUse(), inUse);
-    } catch (const model::NotDriven&) {
-    }
-    const std::vector<unsigned int> keys = pool.table.keys();
-    const auto listed = table.get_keys();
-    same("the keys of a table", std::vector<unsigned int>(listed.begin(), listed.end()) == keys, true);
-    std::vector<unsigned int> searched = keys;
-    searched.insert(searched.end(), pool.freeTokens.begin(), pool.freeTokens.end());
-    searched.push_back(theWorld.nextToken);
-    for (const unsigned int token : searched) {
-        const std::optional<unsigned int> index = pool.table.get(token);
-        const TokenTable::Entry* const entry = table.get(token);
-        same("whether a token is found", entry != nullptr, index.has_value());
-        if (index) {
-            same<std::ptrdiff_t>("where a token is found", entry - GVTestPeer::slots(table), *index);
-        }
-    }
-    same("the text of a pool", dumpOf(library), poolText(pool));
-}
+} // namespace
 
-void PoolDriver::compareEquality() {
-    for (unsigned int one = 0; one < theWorld.pools.size(); ++one) {
-        for (unsigned int other = 0; other < theWorld.pools.size(); ++other) {
-            if (isKnown(one) && isKnown(other) && theWorld.pools[one].alive && theWorld.pools[other].alive) {
-                const bool equal = theWorld.equal(theWorld.pools[one], theWorld.pools[other]);
-                same("whether two pools are equal", *thePools[one] == *thePools[other], equal);
-                same("whether two pools are unequal", *thePools[one] != *thePools[other], !equal);
-            }
-        }
-    }
-}
-
-std::string PoolDriver::poolText(const model::Pool& pool) const {
-    const auto blockText = [this](model::BlockValue value) {
-        return value == 0 ? std::string("0") : address(theBlocks[value - 1]);
-    };
-    const void* const handle =
-        pool.handle == model::none ? nullptr : theHandles[static_cast<unsigned int>(pool.handle)];
-    return "<GVMemoryPool><memoryPool>" + pool.table.dump(blockText) + "</memoryPool><bytesInEachObject>" +
-           std::to_string(pool.bytes) + "</bytesInEachObject><theMutexHandle>" + address(handle) +
-           "</theMutexHandle><useMutexHandle>" + (pool.useMutex ? "1" : "0") + "</useMutexHandle></GVMemoryPool>";
-}
-
-std::string PoolDriver::pointerText(int number) const {
-    const int shareNumber = theWorld.pointers[static_cast<unsigned int>(number)];
-    if (shareNumber == model::none) {
-        return "<GVSmartPointer></GVSmartPointer>";
-    }
-    const model::Share& share = theWorld.shares[static_cast<unsigned int>(shareNumber)];
-    const auto pool = static_cast<unsigned int>(share.pool);
-    std::string text = "<GVSmartPointer object=\"" + address(thePools[pool]) + "\" refCount=\"" +
-                       std::to_string(share.count) + "\" ownObject=\"" + (share.own ? "1" : "0") + "\"";
-    if (share.handle != model::none) {
-        text += " lock=\"" + address(theHandles[static_cast<unsigned int>(share.handle)]) + "\"";
-    }
-    return text + ">" + poolText(theWorld.pools[pool]) + "</GVSmartPointer>";
-}
-
-std::string PoolDriver::calls() const {
-    std::string text;
-    for (const Call& call : theCalls) {
-        text += std::string("  ") + callNames[static_cast<unsigned int>(call.what)] + " pointer " +
-                std::to_string(call.pointer) + ", other " + std::to_string(call.other) + ", number " +
-                std::to_string(call.number) + ", bytes " + std::to_string(call.bytes) + (call.flag ? ", lock" : "") +
-                (call.owning ? ", owning" : "") + "\n";
-    }
-    return text;
-}
+std::unique_ptr<Driver> makePoolDriver(unsigned char scene) { return std::make_unique<PoolDriver>(scene); }
 
 } // namespace Gilvane::driver

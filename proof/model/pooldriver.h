@@ -1,15 +1,11 @@
 /// @file
 /// Drives four smart pointers and their pools.
-#ifndef GILVANE_TESTS_PROOF_MODEL_POOLDRIVER_H
-#define GILVANE_TESTS_PROOF_MODEL_POOLDRIVER_H
+#ifndef GILVANE_PROOF_MODEL_POOLDRIVER_H
+#define GILVANE_PROOF_MODEL_POOLDRIVER_H
 
 #include "driver.h"
 
-#include <gvtestpeer.h>
-
-#include <optional>
-#include <string>
-#include <vector>
+#include <memory>
 
 namespace Gilvane::driver {
 
@@ -39,7 +35,8 @@ enum class PoolCall : unsigned char {
     alias,         // the other from the pointer's pool; b: bit 0 mutex, bit 1 owning
     fromNull,      // b: bit 0 mutex, bit 1 owning
     deleteData,    //
-    numberOfCalls
+    numberOfCalls, // the calls from here on no program makes
+    forget         // leaves the pointer empty without its destructor
 };
 
 /// Choices of a token, in the two highest bits of `b`; the rest counts.
@@ -55,62 +52,8 @@ inline constexpr unsigned int firstTokens[] = {0, 1, 0xfffffff9, 0xfffffffc, 0xf
 /// Bytes in each block.
 inline constexpr unsigned int blockSizes[] = {0, 1, 4, 7, 16, 24, 40, 64};
 
-class PoolDriver : public Driver {
-  public:
-    explicit PoolDriver(unsigned char scene);
-
-    bool make(Operation operation) override;
-    void compareViews() override;
-    void finish() override;
-    std::string calls() const override;
-
-  private:
-    using Pointer = GVSmartPointer<GVMemoryPool>;
-
-    struct Call {
-        PoolCall what;
-        int pointer;
-        int other;
-        unsigned int number; // blocks, or a token
-        unsigned int bytes;
-        bool flag;
-        bool owning;
-    };
-
-    std::optional<Call> decode(Operation operation);
-    std::optional<unsigned int> chooseToken(unsigned char b, const model::Pool& pool) const;
-    static model::Outcome makeOnModel(model::World& world, const Call& call, unsigned char content);
-    model::Outcome makeOnLibrary(const Call& call, const model::Outcome& expected, unsigned char content);
-    void decrementOnLibrary(int number);
-    bool commit(const Call& call);
-
-    void compareFields();
-    void comparePointer(int number);
-    void comparePool(unsigned int number);
-    void compareTable(const model::Pool& pool, TokenTable& table);
-    void compareBlocks();
-    void comparePoolViews(unsigned int number);
-    void compareEquality();
-
-    std::string poolText(const model::Pool& pool) const;
-    std::string pointerText(int number) const;
-
-    bool isKnown(unsigned int pool) const { return pool < thePools.size() && thePools[pool] != nullptr; }
-    Pointer& pointer(int number);
-    void forget(int number);
-
-    model::World theWorld;
-    std::vector<unsigned int> theLentTokens;
-    std::vector<Call> theCalls;
-
-    // The library's side of the model's numbers; null until first seen.
-    alignas(Pointer) unsigned char theStorage[4][sizeof(Pointer)];
-    std::vector<GVMemoryPool*> thePools;
-    std::vector<GVMemoryPoolObject*> theBlocks;
-    std::vector<GVMutexHandle*> theHandles;
-    std::vector<unsigned int*> theCounts;
-    std::vector<bool*> theFlags;
-};
+/// @param scene  says which token is the first
+std::unique_ptr<Driver> makePoolDriver(unsigned char scene);
 
 } // namespace Gilvane::driver
 

@@ -8,7 +8,7 @@
 
 int main(int argc, char** argv) {
     using namespace Gilvane;
-    model::limits.slots = 1U << 19;
+    reference::limits.slots = 1U << 19;
     std::size_t made = 0;
     std::size_t passedOver = 0;
     for (int number = 1; number < argc; ++number) {
@@ -18,7 +18,7 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "%s is no program\n", argv[number]);
             return 1;
         }
-        const driver::Run run = driver::run(program, driver::Views::afterEach);
+        const driver::Run run = driver::run(program, driver::Comparison::afterEach);
         made += run.made;
         passedOver += run.passedOver;
     }

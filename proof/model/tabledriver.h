@@ -1,7 +1,7 @@
 /// @file
 /// Drives two tables with a hash function of the subject's kind.
-#ifndef GILVANE_TESTS_PROOF_MODEL_TABLEDRIVER_H
-#define GILVANE_TESTS_PROOF_MODEL_TABLEDRIVER_H
+#ifndef GILVANE_PROOF_MODEL_TABLEDRIVER_H
+#define GILVANE_PROOF_MODEL_TABLEDRIVER_H
 
 #include "driver.h"
 

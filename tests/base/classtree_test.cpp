@@ -6,7 +6,10 @@
 #include <gilvane/threads/gvthreadsfactory.h>
 #include <gilvane/utilities/gvmemorypool.h>
 #include <gilvane/utilities/gvmemorypoolinspector.h>
+#include <gilvane/utilities/gvsharedpool.h>
+#include <gilvane/utilities/gvsharedtokenlease.h>
 #include <gilvane/utilities/gvsmartpointer.h>
+#include <gilvane/utilities/gvtokencache.h>
 #include <gilvane/utilities/gvtokenlease.h>
 
 #include <gtest/gtest.h>
@@ -74,6 +77,10 @@ TEST(ClassTree, everyClassDerivesPubliclyFromTheRoot) {
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVTokenLease>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVInspectedBlock>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVMemoryPoolInspector>);
+    EXPECT_TRUE(isPublicHeirOfTheRoot<GVSharedPool>);
+    EXPECT_TRUE(isPublicHeirOfTheRoot<GVSharedPoolStatistics>);
+    EXPECT_TRUE(isPublicHeirOfTheRoot<GVTokenCache>);
+    EXPECT_TRUE(isPublicHeirOfTheRoot<GVSharedTokenLease>);
 }
 
 TEST(ClassTree, everyClassHasAVirtualDestructorThatDoesNotThrow) {
@@ -94,6 +101,10 @@ TEST(ClassTree, everyClassHasAVirtualDestructorThatDoesNotThrow) {
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVTokenLease>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVInspectedBlock>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVMemoryPoolInspector>);
+    EXPECT_TRUE(std::is_nothrow_destructible_v<GVSharedPool>);
+    EXPECT_TRUE(std::is_nothrow_destructible_v<GVSharedPoolStatistics>);
+    EXPECT_TRUE(std::is_nothrow_destructible_v<GVTokenCache>);
+    EXPECT_TRUE(std::is_nothrow_destructible_v<GVSharedTokenLease>);
 }
 
 TEST(ClassTree, noClassAddsAVirtualOperationToTheDestructors) {
@@ -111,6 +122,10 @@ TEST(ClassTree, noClassAddsAVirtualOperationToTheDestructors) {
     EXPECT_EQ(numberOfSlots<GVTokenLease>(), 2U);
     EXPECT_EQ(numberOfSlots<GVInspectedBlock>(), 2U);
     EXPECT_EQ(numberOfSlots<GVMemoryPoolInspector>(), 2U);
+    EXPECT_EQ(numberOfSlots<GVSharedPool>(), 2U);
+    EXPECT_EQ(numberOfSlots<GVSharedPoolStatistics>(), 2U);
+    EXPECT_EQ(numberOfSlots<GVTokenCache>(), 2U);
+    EXPECT_EQ(numberOfSlots<GVSharedTokenLease>(), 2U);
 }
 
 TEST(ClassTree, aHandlesOperationsStandInTheirSlots) {

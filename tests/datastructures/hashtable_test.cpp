@@ -25,6 +25,14 @@ struct NotedKeyHash {
     unsigned int operator()(const NotedKey& key) const { return key.number; }
 };
 
+struct UnequalKey {
+    unsigned int number;
+    bool operator==(const UnequalKey&) const { return false; }
+};
+struct UnequalKeyHash {
+    unsigned int operator()(const UnequalKey& key) const { return key.number; }
+};
+
 /// A pointed-to object that counts its ends.
 struct Mortal {
     explicit Mortal(int& deaths) : theDeaths(deaths) {}
@@ -221,6 +229,14 @@ TEST(HashTable, lookupGivesTheSlotWhereAnAbsentKeyWouldBeStored) {
     EXPECT_EQ(slotOf(table, table.lookup(5, 5)), 5U);
     EXPECT_EQ(slotOf(table, table.lookup(8, 8)), 1U);
     EXPECT_EQ(table.lookup(8, 8)->theState, gvemptyentry);
+}
+
+TEST(HashTable, getAddsNoAbsentKey) {
+    Table table;
+    insertKeys(table, 1, 3);
+    const std::string before = stateOf(table);
+    EXPECT_EQ(table.get(4), nullptr);
+    EXPECT_EQ(stateOf(table), before);
 }
 
 TEST(HashTable, lookupTrustsTheHashItIsHanded) {
@@ -503,6 +519,15 @@ TEST(HashTableSubscript, throwsWhenTheKeyIsStillAbsentAfterItsInsertion) {
     EXPECT_EQ(UnsteadyHash::next(), 3U); // looked for at 0, stored at 1, looked for at 2
     EXPECT_EQ(slotsOf(table), ". 3 . . . . . .");
     EXPECT_EQ(table.getUsedCount(), 1U);
+}
+
+TEST(HashTableSubscript, throwsForAKeyThatIsUnequalToItself) {
+    GVHashTable<UnequalKey, int, UnequalKeyHash> table;
+    table.insert({1}, 10);
+    GVTestPeer::slots(table)[1].theHash = 2; // past its home slot, the key that comes next is compared
+    expectTableException([&table] { table[UnequalKey{1}]; }, gvhashtablefailure,
+                         "Internal lookup error during operator[].");
+    EXPECT_EQ(table.getUsedCount(), 2U);
 }
 
 TEST(HashTableSubscript, keepsTheKeyWhenTheGrowthAfterItFails) {

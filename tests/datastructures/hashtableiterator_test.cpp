@@ -164,6 +164,14 @@ TEST(HashTableIterator, dereferencesADeletedSlotThatGetValueRefuses) {
     expectMisuse(iterator, getKey, invalidEntryMessage, keysEntry);
 }
 
+TEST(HashTableIterator, stepsOnFromADeletedSlot) {
+    Table table;
+    insertKeys(table, 3, 2);
+    Iterator iterator = table.begin();
+    table.remove(3);
+    EXPECT_EQ((++iterator).GetKey(), 4U);
+}
+
 TEST(HashTableIterator, dereferencesAnEmptySlotBeforeTheEndThatGetValueRefuses) {
     Table table;
     GVTestPeer::slots(table)[2].theValue = 22;

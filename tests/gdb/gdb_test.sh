@@ -25,7 +25,7 @@ check() {
     ! grep -n 'Traceback\|Python Exception' "$log" "$work/$1.transcript" || fail "a Python error ($1)"
     diff "$GDB_TEST_TRANSCRIPT" "$work/$1.transcript" >"$work/difference" ||
         fail "the debugger says something else ($1):" "$(head -n 40 "$work/difference")"
-    for dump in emptyPool pool largePool shared; do
+    for dump in emptyPool pool largePool threadPool shared; do
         for actual in "$work/$1.$dump".*.dump; do
             cmp "$work/$dump.dump" "$actual" || fail "info gvpool does not write what the program writes ($1)"
         done

@@ -18,6 +18,7 @@ POOLS = {
     "emptyPool": ["emptyPool"],
     "pool": ["pool", "poolReference", "poolPointer", "*poolPointer", "borrowed"],
     "largePool": ["largePool", "&largePool"],
+    "threadPool": ["threadPool", "&threadPool"],
     "shared": ["shared", "sharedAgain", "&shared"],
 }
 

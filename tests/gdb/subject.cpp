@@ -6,6 +6,8 @@
 // lookAround, where a debugger stops. With `core`, a fault ends the process there.
 #include <gilvane/base/gvexception.h>
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvsharedpool.h>
+#include <gilvane/utilities/gvtokencache.h>
 
 #include "gvtestpeer.h"
 
@@ -161,6 +163,15 @@ int main(int numberOfArguments, char** arguments) {
     unreadablePointer = bytesOf(shared);
     Peer::refCount(*unreadablePointer) = unreadable<unsigned int>();
 
+    GVSharedPool threadPool(5, 8);
+    GVTokenCache tokenCache(threadPool, 4);
+    const unsigned int cacheToken = *tokenCache.tryBorrow();
+    const unsigned int secondToken = *threadPool.tryBorrow();
+    static_cast<void>(secondToken);
+    tokenCache.releaseObject(cacheToken);
+    name(&threadPool, "thread pool");
+    nameParts(Peer::innerPool(threadPool), "inner pool");
+
     const GVException exception("A \"quoted\"\ttext.", "libsrc/utilities/gvmemorypool", 17, gvoutofmemory, -3);
     const GVException ordinaryExceptions[] = {{"State", "a file", 1, gvinvalidstate, 0},
                                               {"Iterator", "a file", 2, gviteratormisuse, 0},
@@ -171,12 +182,31 @@ int main(int numberOfArguments, char** arguments) {
     dump(pool, "pool");
     dump(largePool, "largePool");
     dump(*shared, "shared");
+    dump(Peer::innerPool(threadPool), "threadPool");
     theNames.close();
 
     const void* const objects[] = {
-        &emptyTable, &words,       &firstWord,     &noMoreWords,      &noTable,           &lostIterator, &block,
-        &emptyPool,  &pool,        &poolReference, &largePool,        &blockWithoutBytes, &shared,       &borrowed,
-        &exception,  &sharedAgain, &emptyPointer,  &strangeException, ordinaryExceptions,
+        &emptyTable,
+        &words,
+        &firstWord,
+        &noMoreWords,
+        &noTable,
+        &lostIterator,
+        &block,
+        &emptyPool,
+        &pool,
+        &poolReference,
+        &largePool,
+        &blockWithoutBytes,
+        &shared,
+        &borrowed,
+        &threadPool,
+        &tokenCache,
+        &exception,
+        &sharedAgain,
+        &emptyPointer,
+        &strangeException,
+        ordinaryExceptions,
     };
     lookAround(objects, numberOfArguments > 2);
     return 0;

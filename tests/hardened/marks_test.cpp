@@ -3,6 +3,8 @@
 #include "gvtestpeer.h"
 
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvsharedpool.h>
+#include <gilvane/utilities/gvtokencache.h>
 
 #include <gtest/gtest.h>
 
@@ -119,6 +121,33 @@ TEST_F(HardenedMarks, ofOneByteAreSet) {
     EXPECT_EQ(marks, (std::vector<Mark>{{Call::poison, bytesOf(pool, 0), 1}}));
     pool.getTokenForFreeMemoryObject();
     EXPECT_EQ(marks.back(), (Mark{Call::unpoison, bytesOf(pool, 0), 1}));
+}
+
+TEST_F(HardenedMarks, areTakenOffByALoanFromASharedPoolAndSetByAReturn) {
+    GVSharedPool pool(1, blockBytes);
+    const void* const bytes = pool.getMemoryForToken(0);
+    EXPECT_EQ(marks, (std::vector<Mark>{{Call::poison, bytes, blockBytes}}));
+    marks.clear();
+    const unsigned int token = *pool.tryBorrow();
+    EXPECT_EQ(marks, (std::vector<Mark>{{Call::unpoison, bytes, blockBytes}}));
+    marks.clear();
+    pool.releaseObject(token);
+    EXPECT_EQ(marks, (std::vector<Mark>{{Call::poison, bytes, blockBytes}}));
+}
+
+TEST_F(HardenedMarks, staySetWhileATokenIsInACache) {
+    GVSharedPool pool(2, blockBytes);
+    GVTokenCache cache(pool, 4);
+    marks.clear();
+    EXPECT_EQ(cache.tryBorrow(), 1U);
+    const void* const bytes = pool.getMemoryForToken(1);
+    EXPECT_EQ(marks, (std::vector<Mark>{{Call::unpoison, bytes, blockBytes}})) << "of two tokens that it took";
+    marks.clear();
+    cache.releaseObject(1);
+    EXPECT_EQ(marks, (std::vector<Mark>{{Call::poison, bytes, blockBytes}}));
+    marks.clear();
+    cache.flush();
+    EXPECT_EQ(marks, std::vector<Mark>());
 }
 
 } // namespace

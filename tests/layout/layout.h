@@ -14,6 +14,9 @@
 #include <gilvane/threads/gvmutex.h>
 #include <gilvane/threads/gvthreadsfactory.h>
 #include <gilvane/utilities/gvmemorypoolinspector.h>
+#include <gilvane/utilities/gvsharedpool.h>
+#include <gilvane/utilities/gvsharedtokenlease.h>
+#include <gilvane/utilities/gvtokencache.h>
 #include <gilvane/utilities/gvtokenlease.h>
 
 // clang-format off
@@ -98,7 +101,53 @@
     FIELD(GVMemoryPoolInspector, theTokensTwiceFree, 76, 152)                                           \
     FIELD(GVMemoryPoolInspector, theTokensUnknown, 92, 184)                                             \
     FIELD(GVMemoryPoolInspector, theTokensUnreachable, 108, 216)                                        \
-    FIELD(GVMemoryPoolInspector, theTokensWithoutBlock, 124, 248)
+    FIELD(GVMemoryPoolInspector, theTokensWithoutBlock, 124, 248)                                       \
+    CLASS(GVSharedPoolStatistics, GVSharedPoolStatistics, 40, 8, 48, 8)                                 \
+    FIELD(GVSharedPoolStatistics, theNumberOfObjects, 4, 8)                                             \
+    FIELD(GVSharedPoolStatistics, theLentCount, 8, 12)                                                  \
+    FIELD(GVSharedPoolStatistics, theCachedCount, 12, 16)                                               \
+    FIELD(GVSharedPoolStatistics, theFreeCount, 16, 20)                                                 \
+    FIELD(GVSharedPoolStatistics, theHighestLentCount, 20, 24)                                          \
+    FIELD(GVSharedPoolStatistics, theWaitCount, 24, 28)                                                 \
+    FIELD(GVSharedPoolStatistics, theTimeoutCount, 28, 32)                                              \
+    FIELD(GVSharedPoolStatistics, theLongestWait, 32, 40)                                               \
+    CLASS(GVSharedPool, GVSharedPool, 472, 8, 672, 8)                                                   \
+    FIELD(GVSharedPool, thePaddingBefore, 4, 8)                                                         \
+    FIELD(GVSharedPool, theDirectory, 68, 72)                                                           \
+    FIELD(GVSharedPool, theAttention, 84, 96)                                                           \
+    FIELD(GVSharedPool, theNumberOfObjects, 88, 100)                                                    \
+    FIELD(GVSharedPool, theBytesInEachObject, 92, 104)                                                  \
+    FIELD(GVSharedPool, thePaddingBetween, 96, 108)                                                     \
+    FIELD(GVSharedPool, theLock, 160, 176)                                                              \
+    FIELD(GVSharedPool, thePool, 184, 216)                                                              \
+    FIELD(GVSharedPool, theFirstWaiter, 424, 608)                                                       \
+    FIELD(GVSharedPool, theLastWaiter, 428, 616)                                                        \
+    FIELD(GVSharedPool, theFirstCache, 432, 624)                                                        \
+    FIELD(GVSharedPool, theNotifiedCount, 436, 632)                                                     \
+    FIELD(GVSharedPool, theHighestLentCount, 440, 636)                                                  \
+    FIELD(GVSharedPool, theIdleCachedCount, 444, 640)                                                   \
+    FIELD(GVSharedPool, theWaitCount, 448, 644)                                                         \
+    FIELD(GVSharedPool, theTimeoutCount, 452, 648)                                                      \
+    FIELD(GVSharedPool, theDescriptor, 456, 652)                                                        \
+    FIELD(GVSharedPool, theReadiness, 460, 656)                                                         \
+    FIELD(GVSharedPool, theClosedFlag, 461, 657)                                                        \
+    FIELD(GVSharedPool, isWatched, 462, 658)                                                            \
+    FIELD(GVSharedPool, theLongestWait, 464, 664)                                                       \
+    CLASS(GVTokenCache, GVTokenCache, 180, 4, 216, 8)                                                   \
+    FIELD(GVTokenCache, thePaddingBefore, 4, 8)                                                         \
+    FIELD(GVTokenCache, theCount, 68, 72)                                                               \
+    FIELD(GVTokenCache, theCapacity, 72, 76)                                                            \
+    FIELD(GVTokenCache, theTokens, 76, 80)                                                              \
+    FIELD(GVTokenCache, theDirectory, 80, 88)                                                           \
+    FIELD(GVTokenCache, theAttention, 96, 112)                                                          \
+    FIELD(GVTokenCache, thePool, 100, 120)                                                              \
+    FIELD(GVTokenCache, thePaddingBetween, 104, 128)                                                    \
+    FIELD(GVTokenCache, theRegistration, 168, 192)                                                      \
+    CLASS(GVSharedTokenLease, GVSharedTokenLease, 20, 4, 32, 8)                                         \
+    FIELD(GVSharedTokenLease, thePool, 4, 8)                                                            \
+    FIELD(GVSharedTokenLease, theToken, 8, 16)                                                          \
+    FIELD(GVSharedTokenLease, theLength, 12, 20)                                                        \
+    FIELD(GVSharedTokenLease, theBytes, 16, 24)
 // clang-format on
 
 #endif

@@ -1,10 +1,15 @@
 // A program and a shared library have one set of hooks, one token counter and one type of exception between them.
 #include <gilvane/base/gvexception.h>
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvsharedpool.h>
+#include <gilvane/utilities/gvsharedtokenlease.h>
+#include <gilvane/utilities/gvtokencache.h>
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <sstream>
+#include <thread>
 #include <typeinfo>
 
 namespace Gilvane {
@@ -68,6 +73,28 @@ TEST(SharedLibrary, readsTheDefaultThatTheProgramSets) {
         ++entries;
     }
     EXPECT_EQ(entries, 7U) << "seven loans were served without doubling";
+}
+
+TEST(SharedLibrary, lendsToTheProgramsThreads) {
+    GVSharedPool pool(2, 16);
+    GVTokenCache cache(pool, 2);
+    GVSharedTokenLease lease(cache);
+    const unsigned int token = *pool.borrow();
+    std::thread waiter([&] { EXPECT_TRUE(GVSharedTokenLease::waitFor(pool, std::chrono::hours(1))); });
+    while (pool.getStatistics().theWaitCount == 0) {
+        std::this_thread::yield();
+    }
+    cache.releaseObject(token);
+    waiter.join();
+    try {
+        cache.releaseObject(token);
+        FAIL() << "it is free";
+    } catch (const GVException& refusal) {
+        EXPECT_EQ(refusal.getKind(), gvinvalidstate);
+    }
+    lease = GVSharedTokenLease();
+    pool.close();
+    EXPECT_EQ(pool.getStatistics().theFreeCount, 2U);
 }
 
 } // namespace

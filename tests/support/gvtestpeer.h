@@ -4,6 +4,8 @@
 #define GILVANE_TESTS_SUPPORT_GVTESTPEER_H
 
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvsharedpool.h>
+#include <gilvane/utilities/gvtokencache.h>
 
 #include <cstddef>
 
@@ -75,6 +77,20 @@ struct GVTestPeer {
     static unsigned int& bytesInEachObject(GVMemoryPool& pool) { return pool.bytesInEachObject; }
     static GVMutexHandle*& mutexHandle(GVMemoryPool& pool) { return pool.theMutexHandle; }
     static bool& useMutexHandle(GVMemoryPool& pool) { return pool.useMutexHandle; }
+
+    // Shared pools
+    static GVMemoryPool& innerPool(GVSharedPool& pool) { return pool.thePool; }
+
+    // Caches: where what every operation uses begins and ends, and where other threads write
+    struct HotFields {
+        const void* theFirst;
+        const void* theLast;
+        const void* theRegistration;
+    };
+    static HotFields hotFields(const GVTokenCache& cache) {
+        return {&cache.theCount, reinterpret_cast<const unsigned char*>(&cache.thePaddingBetween) - 1,
+                &cache.theRegistration};
+    }
 
     // Smart pointers
     template <typename T>

@@ -6,7 +6,7 @@ namespace Gilvane {
 
 unsigned int lineOfThrow(const std::string& file, const std::string& message, int occurrence) {
     for (const char* const ending : {".h", ".cpp"}) {
-        std::ifstream source(GILVANE_SOURCE_DIR "/" + file + ending);
+        std::ifstream source(GILVANE_LIBRARY "/" + file + ending);
         bool messageSeen = false; // a long message stands in a constant above its throw
         unsigned int number = 0;
         for (std::string line; std::getline(source, line);) {

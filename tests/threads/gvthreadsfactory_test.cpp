@@ -1,4 +1,5 @@
 #include "hookledger.h"
+#include "noposixmutexes.h"
 #include "throwsites.h"
 
 #include <gilvane/base/gvexception.h>
@@ -20,20 +21,12 @@
 
 namespace Gilvane {
 
+std::atomic<bool> theMutexInitFails{false};
+
 namespace {
 
-std::atomic<bool> theMutexInitFails{false};
 std::atomic<int> theMutexInitCount{0};
 std::atomic<int> theMutexDestroyCount{0};
-
-// While it lives, no POSIX mutex can be made.
-class NoPosixMutexes {
-  public:
-    NoPosixMutexes() { theMutexInitFails = true; }
-    NoPosixMutexes(const NoPosixMutexes&) = delete;
-    NoPosixMutexes& operator=(const NoPosixMutexes&) = delete;
-    ~NoPosixMutexes() { theMutexInitFails = false; }
-};
 
 GVMutexHandle* createByFactory(_gvmutex kind, bool flag) { return GVThreadsFactory().CreateUnnamedHandle(kind, flag); }
 

@@ -51,6 +51,17 @@ TEST(TokenReturn, takesAnUnknownTokenAndLendsIt) {
     EXPECT_EQ(GVTestPeer::table(pool).getUsedCount(), 2U);
 }
 
+TEST(TokenReturn, takesATokenThatAnotherPoolHasLent) {
+    GILVANE_TEST_OF_MISUSE();
+    GVTestPeer::nextToken() = 0;
+    GVMemoryPool pool(2, 16, false);
+    GVMemoryPool other(2, 16, false);
+    EXPECT_EQ(other.getTokenForFreeMemoryObject(), 3U);
+    pool.releaseObject(3);
+    EXPECT_EQ(GVTestPeer::freeTokens(pool), (Tokens{0, 1, 3}));
+    EXPECT_EQ(other.numberOfObjectsInPoolInUse(), 1U);
+}
+
 TEST(TokenReturn, lendsAnUnknownTokenFromAPoolWithoutBlocksAndBuildsNone) {
     GILVANE_TEST_OF_MISUSE();
     GVMemoryPool pool(4, false);
@@ -68,6 +79,7 @@ TEST(TokenReturn, takesTheTokenOfABlockThatIsGone) {
     pool.releaseObject(2);
     EXPECT_EQ(GVTestPeer::freeTokens(pool), (Tokens{0, 1, 2}));
     EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 4294967295U);
+    EXPECT_EQ(GVTestPeer::table(pool).get(2), nullptr);
 }
 
 TEST(MisuseOfTokens, anUnknownTokenThatGrowsTheTableInVainStaysInIt) {

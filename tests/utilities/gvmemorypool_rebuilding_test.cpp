@@ -1,6 +1,7 @@
 // Rebuilding a pool: makePool, and setNumberOfBytesInPoolObject, which rests on it.
 #include "gvtestpeer.h"
 #include "hookledger.h"
+#include "misuse.h"
 #include "throwsites.h"
 
 #include <gilvane/base/gvrawblock.h>
@@ -157,6 +158,27 @@ TEST(PoolBlockSize, isRefusedWhileABlockIsLent) {
     EXPECT_EQ(GVTestPeer::freeTokens(pool), (Tokens{0, 1, 2}));
     EXPECT_EQ(pool.getMemoryForToken(3), bytes);
     EXPECT_EQ(GVTestPeer::nextToken(), 4U);
+}
+
+TEST(PoolBlockSize, isRefusedAfterATokenWasReturnedTwice) {
+    GILVANE_TEST_OF_MISUSE();
+    GVMemoryPool pool(2, 16, false);
+    const unsigned int token = pool.getTokenForFreeMemoryObject();
+    pool.releaseObject(token);
+    pool.releaseObject(token);
+    expectGVException([&] { pool.setNumberOfBytesInPoolObject(32); }, gvinvalidstate, poolFile, stillInUse);
+}
+
+TEST(PoolBlockSize, isChangedUnderALentBlockThatATokenReturnedTwiceHides) {
+    GILVANE_TEST_OF_MISUSE();
+    GVTestPeer::nextToken() = 0;
+    GVMemoryPool pool(2, 16, false);
+    EXPECT_EQ(pool.getTokenForFreeMemoryObject(), 1U);
+    EXPECT_EQ(pool.getTokenForFreeMemoryObject(), 0U);
+    pool.releaseObject(0);
+    pool.releaseObject(0);
+    pool.setNumberOfBytesInPoolObject(32);
+    EXPECT_EQ(tokensOfBlocks(pool), (Tokens{2, 3}));
 }
 
 TEST(PoolBlockSize, isOnlyRecordedByAPoolWithoutBlocks) {

@@ -89,6 +89,7 @@ TEST(PoolShrinking, removesTheHighestTokensEvenIfLent) {
     EXPECT_EQ(ledger.liveBlocks().size(), liveBlocks - 6); // object and bytes of three blocks
     EXPECT_EQ(tokensInTable(pool), (Tokens{10, 11, 12, 13, 14}));
     EXPECT_EQ(GVTestPeer::freeTokens(pool), (Tokens{10, 11, 12, 13, 14}));
+    EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 0U);
 }
 
 TEST(PoolShrinking, keepsTheOrderOfTheTokensThatStayFree) {

@@ -37,6 +37,22 @@ TEST(PoolInspectorOfAUsedPool, namesATokenThatStandsTwiceInTheFreeList) {
     EXPECT_TRUE(inspector.hasFindings());
 }
 
+TEST(PoolInspectorOfAUsedPool, showsASharedPoolWithBlocksInCachesAsLent) {
+    Peer::nextToken() = 0;
+    GVSharedPool pool(8, 16);
+    GVTokenCache cache(pool, 4);
+    EXPECT_EQ(cache.tryBorrow(), 7U);
+    EXPECT_EQ(pool.tryBorrow(), 5U);
+    const Inspector inspector(pool);
+    EXPECT_EQ(inspector.getNumberOfBlocks(), 8U);
+    EXPECT_EQ(inspector.getNumberOfFreeBlocks(), 5U);
+    EXPECT_EQ(inspector.getNumberOfLentBlocks(), 3U) << "with the one in the cache";
+    EXPECT_EQ(inspector.getBytesInEachObject(), 16U);
+    EXPECT_FALSE(inspector.hasFindings());
+    pool.releaseObject(5);
+    EXPECT_EQ(Inspector(pool).getNumberOfFreeBlocks(), 6U) << "the lock is free again";
+}
+
 TEST(PoolInspectorOfAUsedPool, writesOfEachBlockWhetherItIsLent) {
     Peer::nextToken() = 0;
     GVMemoryPool pool(2, 16, false);

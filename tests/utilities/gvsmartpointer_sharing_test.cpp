@@ -144,6 +144,16 @@ TEST(SmartPointerAssignment, toItselfLeavesAnEmptyPointerEmpty) {
     EXPECT_EQ(fieldsOf(pointer), noFields<SharedObject>());
 }
 
+TEST(SmartPointerAssignment, ofAnEmptyPointerToAnotherTakesNoMemory) {
+    const HookLedger ledger;
+    const Pointer empty;
+    Pointer pointer;
+    pointer = empty;
+    EXPECT_EQ(fieldsOf(pointer), noFields<SharedObject>());
+    EXPECT_EQ(pointer.getRefCount(), 0U);
+    EXPECT_EQ(ledger.allocationCount(), 0U);
+}
+
 TEST(SmartPointerAssignment, betweenSharersChangesNothing) {
     int deletions = 0;
     Pointer first(new SharedObject(deletions), true, true);

@@ -416,4 +416,40 @@ TEST(TokenLeaseWithoutMemory, returnsTheBlockWhenTheRoomForReturnsCannotBeHad) {
     EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 2U);
 }
 
+TEST(TokenLeaseAdoption, takesALoanOver) {
+    for (const bool locks : {false, true}) {
+        GVMemoryPool pool(2, 24, locks);
+        const unsigned int token = pool.getTokenForFreeMemoryObject();
+        {
+            const GVTokenLease lease(pool, token, gvadoptedloan);
+            EXPECT_EQ(lease.getToken(), token);
+            EXPECT_EQ(lease.getBytes(), pool.getMemoryForToken(token));
+            EXPECT_EQ(lease.getLength(), 24U);
+            EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 1U);
+        }
+        EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 0U);
+    }
+}
+
+TEST(TokenLeaseAdoption, refusesATokenWithoutABlock) {
+    GVMemoryPool pool(1, 24, true);
+    const unsigned int token = pool.getTokenForFreeMemoryObject();
+    expectGVException([&] { const GVTokenLease lease(pool, token + 1, gvadoptedloan); }, gvinvalidstate, leaseFile,
+                      "Token names no block of the pool.");
+    EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 1U) << "nothing was returned";
+}
+
+TEST(TokenLeaseAdoption, leavesTheLoanWithTheCallerWhenItsReturnCannotBeMadeSure) {
+    HookLedger ledger;
+    GVMemoryPool pool(1, 24, false);
+    const unsigned int token = pool.getTokenForFreeMemoryObject();
+    pool.resizePool(3); // the free list has room for two
+    ledger.refuseFrom(0);
+    EXPECT_THROW(GVTokenLease(pool, token, gvadoptedloan), std::bad_alloc);
+    ledger.refuseNothing();
+    EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 1U);
+    EXPECT_TRUE(GVTokenLease(pool, token, gvadoptedloan));
+    EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 0U);
+}
+
 } // namespace Gilvane

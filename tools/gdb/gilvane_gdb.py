@@ -280,6 +280,58 @@ class PoolPrinter(FieldsPrinter):
         return "{%s}" % ", ".join(tokens)
 
 
+def atomic_word(word):
+    """The number in an atomic of 32 bits, whatever the standard library calls its field."""
+    memory = bytes(gdb.selected_inferior().read_memory(int(word.address), word.type.sizeof))
+    return int(gdb.Value(memory, gdb.lookup_type("unsigned int")))
+
+
+class SharedPoolPrinter(FieldsPrinter):
+    """A shared pool in numbers, and the pool that it stands on."""
+
+    def summary(self):
+        count = int(self.value["theNumberOfObjects"])
+        _, free = tokens_in_list(self.value["thePool"]["availableTokens"])
+        cached = sum(atomic_word(cache["theCount"].dereference()) for cache in self.caches(count))
+        damage = ""
+        if free + cached > count:
+            damage = ", damaged: more free and cached than blocks"
+        return " of %s of %s, %d lent, %d in caches, %d free, %s%s" % (
+            in_words(count, "block"), in_words(int(self.value["theBytesInEachObject"]), "byte"),
+            max(0, count - free - cached), cached, free, "closed" if int(self.value["theClosedFlag"]) else "open", damage)
+
+    def parts(self):
+        for field in ("thePool", "theFirstWaiter", "theHighestLentCount", "theWaitCount", "theTimeoutCount",
+                      "theDescriptor"):
+            yield field, self.value[field]
+
+    def caches(self, most):
+        """What the pool knows of its caches; of a list that does not end, no more than `most` and a thousand."""
+        cache = self.value["theFirstCache"]
+        for _ in range(most + 1000):
+            if int(cache) == 0:
+                return
+            yield cache
+            cache = cache["theNext"]
+
+
+class TokenCachePrinter(FieldsPrinter):
+    """How full a cache is, and its tokens, the next to lend at the end."""
+
+    def summary(self):
+        count, capacity = atomic_word(self.value["theCount"]), int(self.value["theCapacity"])
+        return " of %s at most, %d in it%s" % (in_words(capacity, "token"), count,
+                                               ", damaged: more than that" if count > capacity else "")
+
+    def parts(self):
+        first, count = self.value["theTokens"], atomic_word(self.value["theCount"])
+        hidden = max(0, count - elements_shown())
+        tokens = ["... %d more" % hidden] if hidden else []
+        tokens += [str(int((first + index).dereference())) for index in range(hidden, count)]
+        yield "theTokens", "{%s}" % ", ".join(tokens)
+        yield "thePool", self.value["thePool"]
+
+
 class SmartPointerPrinter(FieldsPrinter):
     """How an object is shared, and the object."""
 
@@ -324,6 +376,8 @@ def printers():
             ("GVHashTableEntry_Iterator", "GVHashTableEntry_Iterator<.*>", IteratorPrinter),
             ("GVMemoryPoolObject", "GVMemoryPoolObject", BlockPrinter),
             ("GVMemoryPool", "GVMemoryPool", PoolPrinter),
+            ("GVSharedPool", "GVSharedPool", SharedPoolPrinter),
+            ("GVTokenCache", "GVTokenCache", TokenCachePrinter),
             ("GVSmartPointer", "GVSmartPointer<.*>", SmartPointerPrinter),
             ("GVException", "GVException", ExceptionPrinter)):
         collection.add_printer(name, "^Gilvane::%s$" % pattern, printer)
@@ -360,6 +414,9 @@ def pool_from(expression):
         if int(shared["object"]) == 0:
             raise gdb.GdbError("%s is an empty smart pointer." % expression)
         value = shared["object"].dereference()
+    threaded = as_class(value, r"^Gilvane::GVSharedPool$")
+    if threaded is not None and has_fields(threaded.type):
+        value = threaded["thePool"]
     pool = as_class(value, r"^Gilvane::GVMemoryPool$")
     if pool is None:
         raise gdb.GdbError("%s has the type %s, which is no pool." % (expression, value.type))
@@ -387,7 +444,8 @@ class InfoPool(gdb.Command):
 Usage: info gvpool EXPRESSION
 
 EXPRESSION gives a pool, a reference or a pointer to one, or a smart pointer that shares one; of a smart
-pointer, the dump of its pool is written, without the pointer's own tags. What is written is byte for byte what
+pointer, the dump of its pool is written, without the pointer's own tags, and of a shared pool that of the
+pool that it stands on. What is written is byte for byte what
 GVMemoryPool::print would write on a stream with default flags. No function of the program is called, so this
 works on core files too; nothing is written when a part of the pool cannot be read.
 

@@ -1,0 +1,140 @@
+/// @file
+/// The lock, the signal and the atomic word on which pools that threads share stand.
+#ifndef GILVANE_THREADS_GVWAITING_H
+#define GILVANE_THREADS_GVWAITING_H
+
+#include <gilvane/base/gvexception.h>
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+
+namespace Gilvane {
+
+namespace detail {
+
+/// A number that threads read and write without a lock. It has 32 bits on every target, so that access needs no lock of
+/// the standard library's.
+using GVAtomicWord = std::atomic<std::uint32_t>;
+
+/// What no padding ends below: bytes that a processor moves between its caches in one piece.
+inline constexpr unsigned int cacheLineBytes = 64;
+
+/// Keeps what stands before it and behind it in different cache lines, wherever the object lies.
+struct GVCacheLinePadding {
+    unsigned char theBytes[cacheLineBytes]; ///< never used
+};
+
+/// One POSIX mutex of the default type. Correct use cannot fail, so results are ignored but for that of its making.
+class GVPlainLock {
+  public:
+    /// @throws GVException     kind gvoutofmemory: the POSIX mutex cannot be made
+    /// @throws std::bad_alloc  no memory for the exception's own texts
+    GVPlainLock() {
+        if (pthread_mutex_init(&theMutex, nullptr) != 0) {
+            throw GVException("Unable to create the lock of a shared pool.", "libsrc/threads/gvwaiting", __LINE__,
+                              gvoutofmemory, 0);
+        }
+    }
+    GVPlainLock(const GVPlainLock&) = delete;
+    GVPlainLock& operator=(const GVPlainLock&) = delete;
+    ~GVPlainLock() { pthread_mutex_destroy(&theMutex); }
+
+    /// Waits until the calling thread holds the lock.
+    void lock() noexcept { pthread_mutex_lock(&theMutex); }
+    /// Releases it.
+    void unlock() noexcept { pthread_mutex_unlock(&theMutex); }
+
+  private:
+    pthread_mutex_t theMutex;
+};
+
+/// What one thread waits for and another raises. A lock guards it; all but `wake` is done under that lock.
+///
+/// It is a word that the kernel looks at before it lets a thread sleep, in place of a POSIX condition: whoever raises it
+/// wakes the thread after it has released the lock, when the signal may be gone already. That way, the thread that wakes
+/// up finds the lock free, and what it was woken for still there.
+class GVSignal {
+  public:
+    GVSignal() noexcept = default;
+    GVSignal(const GVSignal&) = delete;
+    GVSignal& operator=(const GVSignal&) = delete;
+
+    /// Ends the thread's sleep, now or when it begins, as soon as wake is called with the result.
+    const void* raise() noexcept {
+        // Relaxed: the lock orders it among threads. The kernel's look comes before the store, and wake finds the thread
+        // asleep; or the look comes after it, and the thread does not sleep.
+        theWord.store(1, std::memory_order_relaxed);
+        return &theWord;
+    }
+
+    /// Wakes the thread that sleeps at an address, if one does. With or without the lock: nothing is read there.
+    static void wake(const void* address) noexcept;
+
+    /// Releases `lock` until the signal is raised, or without reason, and holds it again then.
+    /// @param time  sleeps no longer than that; noLimit, or more than 0 and less than secondsWithoutLimit
+    void wait(GVPlainLock& lock, std::chrono::nanoseconds time) noexcept;
+
+  private:
+    GVAtomicWord theWord{0}; // 1: raised
+};
+
+/// How long a borrower waits.
+struct GVPatience {
+    /// What is left of the time; 0 or less when it is over, `noLimit` when it is too long to be counted.
+    std::chrono::nanoseconds (*theTimeLeft)(const void* deadline); // null: as long as it takes
+    const void* theDeadline;
+};
+
+/// What theTimeLeft returns for a time that never ends.
+inline constexpr std::chrono::nanoseconds noLimit = (std::chrono::nanoseconds::max)();
+
+/// Seconds from which on a time never ends: more than thirty years. Sums of less fit every clock.
+inline constexpr long double secondsWithoutLimit = 1e9L;
+
+/// The seconds of a duration. As floating numbers, durations of different clocks and units are compared without an
+/// overflow.
+template <typename Representation, typename Period>
+long double inSeconds(const std::chrono::duration<Representation, Period>& time) {
+    return std::chrono::duration<long double>(time).count();
+}
+
+/// For GVPatience: what is left until a point in time, by that point's own clock.
+/// @param deadline  the address of a TimePoint
+template <typename TimePoint>
+std::chrono::nanoseconds timeLeftUntil(const void* deadline) {
+    using std::chrono::nanoseconds;
+    const TimePoint& end = *static_cast<const TimePoint*>(deadline);
+    const auto now = TimePoint::clock::now();
+    const long double seconds = inSeconds(end.time_since_epoch()) - inSeconds(now.time_since_epoch());
+    if (seconds > secondsWithoutLimit) {
+        return noLimit;
+    }
+    if (seconds < -secondsWithoutLimit || end <= now) {
+        return nanoseconds::zero();
+    }
+    // What the clock counts in may be finer than a nanosecond.
+    return (std::max)(nanoseconds(1), std::chrono::duration_cast<nanoseconds>(end - now));
+}
+
+/// The time of the steady clock after a duration. One without limit ends at the clock's last time; a duration that is
+/// no number is over at once.
+template <typename Representation, typename Period>
+std::chrono::steady_clock::time_point deadlineAfter(const std::chrono::duration<Representation, Period>& time) {
+    using std::chrono::steady_clock;
+    const long double seconds = inSeconds(time);
+    if (seconds > secondsWithoutLimit) {
+        return (steady_clock::time_point::max)();
+    }
+    const steady_clock::time_point now = steady_clock::now();
+    return seconds > 0 ? now + std::chrono::duration_cast<steady_clock::duration>(time) : now;
+}
+
+} // namespace detail
+
+} // namespace Gilvane
+
+#endif

@@ -1,0 +1,436 @@
+#include <gilvane/utilities/gvsharedpool.h>
+
+#include <gilvane/base/gvexception.h>
+#include <gilvane/base/gvrawblock.h>
+#include <gilvane/base/gvstdallocator.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
+#include <limits>
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace Gilvane {
+
+namespace detail {
+
+/// A thread that waits for a block, in its pool's queue. It lives on the thread's own stack; the pool's lock guards it.
+struct GVSharedPoolWaiter {
+    GVSignal theSignal;
+    std::chrono::steady_clock::time_point theBegin = std::chrono::steady_clock::now();
+    GVSharedPoolWaiter* thePrevious = nullptr; // waits longer
+    GVSharedPoolWaiter* theNext = nullptr;
+    bool isQueued = false;
+    bool isNotified = false;              // was woken, and has not looked since
+    std::optional<unsigned int> theToken; // the block that was handed to it, which is lent with that
+};
+
+} // namespace detail
+
+namespace {
+
+constexpr const char* theSourceFile = "libsrc/utilities/gvsharedpool";
+
+// How long running threads may overtake one that waits.
+constexpr std::chrono::milliseconds theLongestOvertaking(1);
+
+// Gives the tokens of pools that are built at once one after another. Constant-initialised: pools may be made before
+// main.
+pthread_mutex_t theConstructionLock = PTHREAD_MUTEX_INITIALIZER;
+
+class ConstructionGuard {
+  public:
+    ConstructionGuard() { pthread_mutex_lock(&theConstructionLock); }
+    ConstructionGuard(const ConstructionGuard&) = delete;
+    ConstructionGuard& operator=(const ConstructionGuard&) = delete;
+    ~ConstructionGuard() { pthread_mutex_unlock(&theConstructionLock); }
+};
+
+// Keys that a token table is asked to hold, so that storing `numberOfObjects` does not fill two thirds of its slots.
+std::uint64_t roomInTable(unsigned int numberOfObjects) {
+    return std::uint64_t{numberOfObjects} + numberOfObjects / 2 + 1;
+}
+
+// Throws std::bad_alloc unless the hooks' 32 bits can say how many bytes the tables of so many blocks have.
+template <typename Table>
+void requireThatTablesFit(const Table&, unsigned int numberOfObjects) {
+    constexpr std::uint64_t mostBytes = (std::numeric_limits<unsigned int>::max)() - detail::rawBlockHeaderBytes;
+    constexpr std::uint64_t arrayCookieBytes = 2 * sizeof(std::size_t); // at most
+    std::uint64_t slots = 16;
+    while (slots <= roomInTable(numberOfObjects)) {
+        slots *= 2;
+    }
+    if ((slots + 1) * sizeof(typename Table::Entry) + arrayCookieBytes > mostBytes) {
+        throw std::bad_alloc();
+    }
+}
+
+} // namespace
+
+namespace detail {
+
+// --- what is done under the lock --------------------------------------------------------------------------------------
+
+bool GVSharedPoolAccess::isWanted() const noexcept {
+    // Relaxed: written under the lock, which this thread holds.
+    return (thePool.theAttention.load(std::memory_order_relaxed) & wanted) != 0;
+}
+
+std::optional<unsigned int> GVSharedPoolAccess::waitForBlock(const GVPatience& patience) {
+    // Its destructor runs under the lock, after a throw of the clock too.
+    struct Wait {
+        explicit Wait(GVSharedPoolAccess& access) noexcept : theAccess(access) { theAccess.beginWait(theWaiter); }
+        Wait(const Wait&) = delete;
+        Wait& operator=(const Wait&) = delete;
+        ~Wait() { theAccess.endWait(theWaiter); }
+        GVSharedPoolAccess& theAccess;
+        GVSharedPoolWaiter theWaiter;
+    };
+    Wait wait(*this);
+    // The clock is asked without the lock. So after each time all else is looked at once more.
+    const bool isTimed = patience.theTimeLeft != nullptr;
+    bool isTimeKnown = !isTimed;
+    std::chrono::nanoseconds timeLeft = noLimit;
+    for (;;) {
+        if (wait.theWaiter.theToken.has_value()) {
+            return std::exchange(wait.theWaiter.theToken, std::nullopt);
+        }
+        if (!freeTokens().empty() || thePool.theClosedFlag) {
+            return lend();
+        }
+        tellWatchers(); // nobody is to be served: nothing is free
+        if (!isTimeKnown) {
+            timeLeft = askUnlocked(patience);
+            isTimeKnown = true;
+        } else if (timeLeft <= std::chrono::nanoseconds::zero()) {
+            ++thePool.theTimeoutCount;
+            return {};
+        } else {
+            sleep(wait.theWaiter, timeLeft);
+            isTimeKnown = !isTimed;
+        }
+    }
+}
+
+unsigned int GVSharedPoolAccess::lendMany(unsigned int* tokens, unsigned int count) noexcept {
+    if (thePool.theClosedFlag) {
+        return 0;
+    }
+    const unsigned int lent = (std::min)(count, numberOfFreeTokens(thePool));
+    std::generate_n(tokens, lent, [this] { return takeFreeToken(); });
+    return lent;
+}
+
+unsigned int GVSharedPoolAccess::fillCache(unsigned int* tokens, unsigned int count) noexcept {
+    if (thePool.theClosedFlag) {
+        return 0;
+    }
+    const unsigned int moved = (std::min)(count, numberOfFreeTokens(thePool));
+    const auto first = freeTokens().end() - static_cast<std::ptrdiff_t>(moved);
+    std::copy(first, freeTokens().end(), tokens);
+    freeTokens().erase(first, freeTokens().end());
+    noteHighestLentCount();
+    return moved;
+}
+
+void GVSharedPoolAccess::emptyCache(const unsigned int* tokens, unsigned int count) noexcept {
+    freeTokens().insert(freeTokens().end(), tokens, tokens + count); // there is room for every token
+}
+
+void GVSharedPoolAccess::join(GVRegisteredCache& cache) noexcept {
+    cache.thePrevious = nullptr;
+    cache.theNext = thePool.theFirstCache;
+    if (cache.theNext != nullptr) {
+        cache.theNext->thePrevious = &cache;
+    }
+    thePool.theFirstCache = &cache;
+}
+
+void GVSharedPoolAccess::leave(GVRegisteredCache& cache) noexcept {
+    (cache.thePrevious != nullptr ? cache.thePrevious->theNext : thePool.theFirstCache) = cache.theNext;
+    if (cache.theNext != nullptr) {
+        cache.theNext->thePrevious = cache.thePrevious;
+    }
+}
+
+// Tokens may go from cache to cache while the counts are read one after another: they may be seen twice. So there are
+// never more than those that the pool itself does not have.
+unsigned int GVSharedPoolAccess::numberOfCachedTokens(const GVSharedPool& pool) noexcept {
+    std::uint64_t cached = 0;
+    for (const GVRegisteredCache* cache = pool.theFirstCache; cache != nullptr; cache = cache->theNext) {
+        // Relaxed: the numbers of different caches are of different moments whatever the order.
+        cached += cache->theCount->load(std::memory_order_relaxed);
+    }
+    return static_cast<unsigned int>(
+        (std::min)(cached, std::uint64_t{pool.theNumberOfObjects - numberOfFreeTokens(pool)}));
+}
+
+// Those who are woken need the lock. So they are woken after its release, as far as the list goes.
+class GVWakeList {
+  public:
+    GVWakeList() noexcept = default;
+    GVWakeList(const GVWakeList&) = delete;
+    GVWakeList& operator=(const GVWakeList&) = delete;
+    ~GVWakeList() { std::for_each(theAddresses, theAddresses + theCount, &GVSignal::wake); }
+
+    void add(GVSignal& signal) noexcept {
+        const void* const address = signal.raise();
+        if (theCount == std::size(theAddresses)) {
+            GVSignal::wake(address);
+        } else {
+            theAddresses[theCount++] = address;
+        }
+    }
+
+  private:
+    const void* theAddresses[16];
+    unsigned int theCount = 0;
+};
+
+void GVSharedPoolAccess::tellWatchersAndUnlock() noexcept {
+    GVWakeList wakeList;
+    serveWaiters(wakeList);
+    tellWatchers();
+    thePool.theLock.unlock();
+}
+
+// Says what is so to caches and to those who poll.
+void GVSharedPoolAccess::tellWatchers() noexcept {
+    const bool hasDescriptor = thePool.theDescriptor >= 0;
+    const bool isMissed = thePool.theFirstWaiter != nullptr || (hasDescriptor && freeTokens().empty());
+    const std::uint32_t attention = (isMissed || thePool.theClosedFlag ? wanted : 0U) |
+                                    (thePool.theClosedFlag ? closed : 0U) |
+                                    (thePool.theIdleCachedCount != 0 ? reset : 0U);
+    // Relaxed: the word orders nothing. A cache that sees a bit takes the lock, which shows it the rest; one that does
+    // not see it yet works as if it had been earlier, and sees it at its next work.
+    if (attention != thePool.theAttention.load(std::memory_order_relaxed)) {
+        thePool.theAttention.store(attention, std::memory_order_relaxed);
+    }
+    if (hasDescriptor) {
+        announceReadiness();
+    }
+    thePool.isWatched = attention != 0 || hasDescriptor;
+}
+
+// Hands free blocks to those who were overtaken for too long, and notifies a waiter for each of the others. Those that
+// were notified already, and have not looked yet, count. When the pool is closed, all are notified.
+void GVSharedPoolAccess::serveWaiters(GVWakeList& wakeList) noexcept {
+    if (thePool.theFirstWaiter == nullptr || (freeTokens().empty() && !thePool.theClosedFlag)) {
+        return;
+    }
+    if (!thePool.theClosedFlag) {
+        const auto now = std::chrono::steady_clock::now();
+        while (!freeTokens().empty() && thePool.theFirstWaiter != nullptr &&
+               now - thePool.theFirstWaiter->theBegin >= theLongestOvertaking) {
+            wakeList.add(serve(*thePool.theFirstWaiter).theSignal);
+        }
+    }
+    for (GVSharedPoolWaiter* waiter = thePool.theFirstWaiter;
+         waiter != nullptr && (thePool.theClosedFlag || thePool.theNotifiedCount < numberOfFreeTokens(thePool));
+         waiter = waiter->theNext) {
+        if (!waiter->isNotified) {
+            waiter->isNotified = true;
+            ++thePool.theNotifiedCount;
+            wakeList.add(waiter->theSignal);
+        }
+    }
+}
+
+void GVSharedPoolAccess::beginWait(GVSharedPoolWaiter& waiter) noexcept {
+    waiter.thePrevious = thePool.theLastWaiter;
+    (waiter.thePrevious != nullptr ? waiter.thePrevious->theNext : thePool.theFirstWaiter) = &waiter;
+    thePool.theLastWaiter = &waiter;
+    waiter.isQueued = true;
+    ++thePool.theWaitCount;
+}
+
+// A waiter that was handed a block has it taken already, unless the clock threw.
+void GVSharedPoolAccess::endWait(GVSharedPoolWaiter& waiter) noexcept {
+    if (waiter.isQueued) {
+        leaveQueue(waiter);
+    }
+    if (waiter.theToken.has_value()) {
+        takeBack(*waiter.theToken);
+    }
+    const std::chrono::nanoseconds time = std::chrono::steady_clock::now() - waiter.theBegin;
+    thePool.theLongestWait = (std::max)(thePool.theLongestWait, time);
+}
+
+void GVSharedPoolAccess::leaveQueue(GVSharedPoolWaiter& waiter) noexcept {
+    (waiter.thePrevious != nullptr ? waiter.thePrevious->theNext : thePool.theFirstWaiter) = waiter.theNext;
+    (waiter.theNext != nullptr ? waiter.theNext->thePrevious : thePool.theLastWaiter) = waiter.thePrevious;
+    waiter.isQueued = false;
+    forgetNotification(waiter);
+}
+
+void GVSharedPoolAccess::forgetNotification(GVSharedPoolWaiter& waiter) noexcept {
+    if (waiter.isNotified) {
+        waiter.isNotified = false;
+        --thePool.theNotifiedCount;
+    }
+}
+
+// Hands a free block to a waiter, which does not wait any longer.
+GVSharedPoolWaiter& GVSharedPoolAccess::serve(GVSharedPoolWaiter& waiter) noexcept {
+    leaveQueue(waiter);
+    waiter.theToken = takeFreeToken();
+    return waiter;
+}
+
+// For a waiter that has looked, and found nothing.
+void GVSharedPoolAccess::sleep(GVSharedPoolWaiter& waiter, std::chrono::nanoseconds timeLeft) noexcept {
+    forgetNotification(waiter);
+    waiter.theSignal.wait(thePool.theLock, timeLeft);
+}
+
+std::chrono::nanoseconds GVSharedPoolAccess::askUnlocked(const GVPatience& patience) {
+    struct Unlocked {
+        explicit Unlocked(GVPlainLock& lock) noexcept : theLock(lock) { theLock.unlock(); }
+        Unlocked(const Unlocked&) = delete;
+        Unlocked& operator=(const Unlocked&) = delete;
+        ~Unlocked() { theLock.lock(); }
+        GVPlainLock& theLock;
+    };
+    const Unlocked unlocked(thePool.theLock);
+    return patience.theTimeLeft(patience.theDeadline);
+}
+
+// The descriptor's counter is 1 while it is readable, and 0 otherwise. So neither call can block or fail.
+void GVSharedPoolAccess::announceReadiness() noexcept {
+    const bool isReady = thePool.theClosedFlag || !freeTokens().empty();
+    if (isReady != thePool.theReadiness) {
+        eventfd_t counter = 0;
+        static_cast<void>(isReady ? eventfd_write(thePool.theDescriptor, 1)
+                                  : eventfd_read(thePool.theDescriptor, &counter));
+        thePool.theReadiness = isReady;
+    }
+}
+
+} // namespace detail
+
+// --- the pool ---------------------------------------------------------------------------------------------------------
+
+// What blocks need beside their own memory is made before the first block. The directory comes last, since the tokens
+// decide its size; when it is refused, the members give everything back.
+GVSharedPool::GVSharedPool(unsigned int numberOfObjects, unsigned int bytesPerObject)
+    : theAttention(0), theNumberOfObjects(numberOfObjects), theBytesInEachObject(bytesPerObject),
+      thePool(0, bytesPerObject, false) {
+    if (numberOfObjects == 0) {
+        throw GVException("A shared pool needs at least one block.", theSourceFile, __LINE__, gvinvalidstate, 0);
+    }
+    if (!detail::fitsInRawBlock(bytesPerObject)) {
+        throw std::bad_alloc();
+    }
+    auto& table = detail::GVSharedPoolAccess::tableOf(thePool);
+    auto& freeTokens = detail::GVSharedPoolAccess::freeTokensOf(thePool);
+    requireThatTablesFit(table, numberOfObjects);
+    table.resize(static_cast<unsigned int>(roomInTable(numberOfObjects)));
+    freeTokens.reserve(numberOfObjects);
+    {
+        const ConstructionGuard guard;
+        thePool.resizePool(numberOfObjects);
+    }
+
+    // Tokens ascend, modulo 2^32, in the order in which the blocks were built.
+    const unsigned int firstToken = freeTokens.front();
+    const unsigned int span = freeTokens.back() - firstToken + 1;
+    detail::GVSharedBlock* const blocks = GVStdAllocator<detail::GVSharedBlock>().allocate(span);
+    // Nothing throws from here on.
+    for (unsigned int index = 0; index < span; ++index) {
+        ::new (blocks + index) detail::GVSharedBlock{nullptr, {detail::gvnotoken}};
+    }
+    for (const GVMemoryPoolObject* const object : table) {
+        detail::GVSharedBlock& block = blocks[object->getToken() - firstToken];
+        block.theBytes = object->getBytes();
+        // Relaxed: no other thread knows the pool yet.
+        block.theState.store(detail::gvtokenfree, std::memory_order_relaxed);
+    }
+    theDirectory = detail::GVSharedDirectory(blocks, firstToken, span, bytesPerObject);
+}
+
+GVSharedPool::~GVSharedPool() {
+    if constexpr (detail::isHardened) {
+        checkThatNobodyUsesIt();
+    }
+    if (theDescriptor >= 0) {
+        ::close(theDescriptor);
+    }
+    GVStdAllocator<detail::GVSharedBlock>().deallocate(theDirectory.getBlocks(), 0);
+}
+
+void GVSharedPool::refuse(unsigned int token) const {
+    if (theDirectory.find(token) == nullptr) {
+        throw GVException("Token is not of this pool.", theSourceFile, __LINE__, gvinvalidstate, 0);
+    }
+    throw GVException("Token is free: returned already, or never lent.", theSourceFile, __LINE__, gvinvalidstate, 0);
+}
+
+void GVSharedPool::close() noexcept {
+    const detail::GVSharedPoolAccess access(*this); // tells the waiters, at its end
+    theClosedFlag = true;
+    isWatched = true;
+}
+
+bool GVSharedPool::isClosed() const noexcept {
+    // Relaxed: nothing is handed over with the answer.
+    return (theAttention.load(std::memory_order_relaxed) & detail::GVSharedPoolAccess::closed) != 0;
+}
+
+int GVSharedPool::getDescriptor() {
+    {
+        const detail::GVSharedPoolAccess access(*this);
+        if (theDescriptor < 0) {
+            theDescriptor = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        }
+        if (theDescriptor >= 0) {
+            isWatched = true;
+            return theDescriptor;
+        }
+    }
+    throw GVException("Unable to create the descriptor of a shared pool.", theSourceFile, __LINE__, gvoutofmemory, 0);
+}
+
+GVSharedPoolStatistics GVSharedPool::getStatistics() const {
+    const std::lock_guard<detail::GVPlainLock> guard(theLock);
+    GVSharedPoolStatistics statistics;
+    statistics.theNumberOfObjects = theNumberOfObjects;
+    statistics.theFreeCount = detail::GVSharedPoolAccess::numberOfFreeTokens(*this);
+    statistics.theCachedCount = detail::GVSharedPoolAccess::numberOfCachedTokens(*this);
+    statistics.theLentCount = theNumberOfObjects - statistics.theFreeCount - statistics.theCachedCount;
+    statistics.theHighestLentCount = theHighestLentCount;
+    statistics.theWaitCount = theWaitCount;
+    statistics.theTimeoutCount = theTimeoutCount;
+    statistics.theLongestWait = theLongestWait;
+    return statistics;
+}
+
+// What lies in caches is not lent. As soon as a cache works, it may be, without notice: the bit makes that cache say so.
+void GVSharedPool::resetHighestLentCount() {
+    const detail::GVSharedPoolAccess access(*this);
+    theIdleCachedCount = detail::GVSharedPoolAccess::numberOfCachedTokens(*this);
+    theHighestLentCount =
+        theNumberOfObjects - detail::GVSharedPoolAccess::numberOfFreeTokens(*this) - theIdleCachedCount;
+    isWatched = true;
+}
+
+std::ostream& GVSharedPool::print(std::ostream& stream) const {
+    return stream << "<GVSharedPool>" << thePool << "</GVSharedPool>";
+}
+
+std::ostream& operator<<(std::ostream& stream, const GVSharedPool& pool) { return pool.print(stream); }
+
+void GVSharedPool::checkThatNobodyUsesIt() const {
+    if (theFirstWaiter != nullptr) {
+        detail::reportMisuse("~GVSharedPool: pool %p: a thread waits for a block", static_cast<const void*>(this));
+    }
+    if (theFirstCache != nullptr) {
+        detail::reportMisuse("~GVSharedPool: pool %p: a cache is alive", static_cast<const void*>(this));
+    }
+}
+
+} // namespace Gilvane

@@ -1,0 +1,218 @@
+#include <gilvane/utilities/gvsharedpool.h>
+
+#include "sharedpoolsupport.h"
+
+#include <gilvane/utilities/gvtokencache.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <optional>
+#include <thread>
+#include <vector>
+
+namespace Gilvane {
+
+namespace {
+
+void expectCounts(const GVSharedPool& pool, unsigned int lent, unsigned int cached, unsigned int free) {
+    const GVSharedPoolStatistics statistics = pool.getStatistics();
+    EXPECT_EQ(statistics.theLentCount, lent);
+    EXPECT_EQ(statistics.theCachedCount, cached);
+    EXPECT_EQ(statistics.theFreeCount, free);
+    EXPECT_EQ(statistics.theNumberOfObjects, lent + cached + free);
+}
+
+} // namespace
+
+TEST(SharedPoolStatistics, ofANewPoolCountFreeBlocksAlone) {
+    const GVSharedPool pool(5, 16);
+    expectCounts(pool, 0, 0, 5);
+    const GVSharedPoolStatistics statistics = pool.getStatistics();
+    EXPECT_EQ(statistics.theHighestLentCount, 0U);
+    EXPECT_EQ(statistics.theWaitCount, 0U);
+    EXPECT_EQ(statistics.theTimeoutCount, 0U);
+    EXPECT_EQ(statistics.theLongestWait.count(), 0);
+}
+
+TEST(SharedPoolStatistics, countWhereTheBlocksAre) {
+    GVSharedPool pool(10, 16);
+    GVTokenCache cache(pool, 6);
+    GVTokenCache other(pool, 2);
+    expectCounts(pool, 0, 0, 10);
+    const unsigned int token = *cache.tryBorrow();
+    expectCounts(pool, 1, 2, 7);
+    const unsigned int second = *other.tryBorrow();
+    expectCounts(pool, 2, 2, 6);
+    const unsigned int third = *pool.tryBorrow();
+    expectCounts(pool, 3, 2, 5);
+    other.releaseObject(token);
+    expectCounts(pool, 2, 3, 5);
+    cache.releaseObject(second);
+    expectCounts(pool, 1, 4, 5);
+    pool.releaseObject(third);
+    expectCounts(pool, 0, 4, 6);
+    cache.flush();
+    expectCounts(pool, 0, 1, 9);
+}
+
+TEST(SharedPoolStatistics, forgetACacheThatIsGone) {
+    GVSharedPool pool(10, 16);
+    GVTokenCache first(pool, 2);
+    {
+        GVTokenCache second(pool, 4);
+        const GVTokenCache third(pool, 8);
+        second.releaseObject(*second.tryBorrow());
+        expectCounts(pool, 0, 2, 8);
+    }
+    expectCounts(pool, 0, 0, 10);
+    first.releaseObject(*first.tryBorrow());
+    expectCounts(pool, 0, 1, 9);
+}
+
+TEST(SharedPoolStatistics, keepTheHighestNumberOfLentBlocksUntilTheReset) {
+    GVSharedPool pool(5, 16);
+    const unsigned int first = *pool.tryBorrow();
+    const unsigned int second = *pool.tryBorrow();
+    const unsigned int third = *pool.tryBorrow();
+    returnAll(pool, {second, third});
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 3U);
+    pool.resetHighestLentCount();
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 1U) << "what is lent at that moment";
+    pool.releaseObject(first);
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 1U);
+    const std::vector<unsigned int> tokens = borrowAll(pool);
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 5U);
+    returnAll(pool, tokens);
+}
+
+TEST(SharedPoolStatistics, takeWhatLiesInCachesForLentInTheHighestNumber) {
+    GVSharedPool pool(20, 16);
+    GVTokenCache cache(pool, 8);
+    const unsigned int token = *cache.tryBorrow();
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 4U);
+    cache.releaseObject(token);
+    pool.resetHighestLentCount();
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 0U) << "what lies in the cache is not lent at that moment";
+    const unsigned int direct = *pool.tryBorrow();
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 1U) << "the cache has not worked since";
+    cache.releaseObject(*cache.tryBorrow());
+    EXPECT_GE(pool.getStatistics().theHighestLentCount, 2U) << "the cache lent one without taking a token";
+    EXPECT_EQ(pool.getStatistics().theCachedCount, 4U) << "nothing was sent back for that";
+    pool.releaseObject(direct);
+}
+
+TEST(SharedPoolStatistics, boundTheHighestNumberAfterAResetWhateverCachesDo) {
+    GVSharedPool pool(40, 16);
+    GVTokenCache first(pool, 8);
+    GVTokenCache second(pool, 8);
+    std::vector<unsigned int> tokens(8);
+    for (int step = 0; step < 6; ++step) {
+        first.releaseObject(*first.tryBorrow());
+        second.releaseObject(*second.tryBorrow());
+        pool.resetHighestLentCount();
+        const unsigned int many = static_cast<unsigned int>(step);
+        GVTokenCache& lender = step % 2 == 0 ? first : second;
+        ASSERT_EQ(lender.tryBorrowMany(tokens.data(), many), many);
+        second.releaseMany(tokens.data(), many);
+        EXPECT_GE(pool.getStatistics().theHighestLentCount, many);
+    }
+}
+
+TEST(SharedPoolStatistics, countAWaitWhenItBeginsAndTheRestWhenItEnds) {
+    GVSharedPool pool(1, 16);
+    const unsigned int token = *pool.borrow();
+    std::thread waiter([&] { EXPECT_FALSE(pool.borrowFor(std::chrono::milliseconds(50)).has_value()); });
+    awaitWaits(pool, 1);
+    EXPECT_EQ(pool.getStatistics().theTimeoutCount, 0U);
+    EXPECT_EQ(pool.getStatistics().theLongestWait.count(), 0);
+    waiter.join();
+    const GVSharedPoolStatistics statistics = pool.getStatistics();
+    EXPECT_EQ(statistics.theWaitCount, 1U);
+    EXPECT_EQ(statistics.theTimeoutCount, 1U);
+    EXPECT_GE(statistics.theLongestWait, std::chrono::milliseconds(50));
+    EXPECT_LT(statistics.theLongestWait, std::chrono::seconds(20));
+    EXPECT_FALSE(pool.borrowFor(std::chrono::milliseconds(1)).has_value());
+    EXPECT_EQ(pool.getStatistics().theLongestWait, statistics.theLongestWait) << "it was shorter";
+    pool.releaseObject(token);
+}
+
+TEST(SharedPoolStatistics, countTheTimeOfAWaitThatWasServedOrClosed) {
+    GVSharedPool pool(1, 16);
+    const unsigned int token = *pool.borrow();
+    std::thread served([&] { EXPECT_TRUE(pool.borrow().has_value()); });
+    awaitWaits(pool, 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    pool.releaseObject(token);
+    served.join();
+    EXPECT_GE(pool.getStatistics().theLongestWait, std::chrono::milliseconds(10));
+    std::thread closed([&] { EXPECT_FALSE(pool.borrow().has_value()); });
+    awaitWaits(pool, 2);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    pool.close();
+    closed.join();
+    EXPECT_GE(pool.getStatistics().theLongestWait, std::chrono::milliseconds(50));
+}
+
+// A token may go from one cache to another while the caches are read one after the other.
+TEST(SharedPoolStatistics, addUpWhereATokenIsSeenInTwoCaches) {
+    GVSharedPool pool(5, 16);
+    const std::vector<unsigned int> tokens = borrowAll(pool);
+    pool.releaseObject(tokens[0]);
+    const detail::GVAtomicWord seen(3);
+    const detail::GVAtomicWord seenToo(2);
+    detail::GVRegisteredCache first = {&seen, nullptr, nullptr};
+    detail::GVRegisteredCache second = {&seenToo, nullptr, nullptr};
+    {
+        detail::GVSharedPoolAccess access(pool);
+        access.join(first);
+        access.join(second);
+    }
+    expectCounts(pool, 0, 4, 1);
+    pool.resetHighestLentCount();
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 0U);
+    detail::GVSharedPoolAccess access(pool);
+    access.leave(first);
+    access.leave(second);
+}
+
+TEST(SharedPoolStatistics, addUpWhileThreadsWork) {
+    GVSharedPool pool(16, 16);
+    std::atomic<bool> isOver{false};
+    std::vector<std::thread> threads;
+    for (int number = 0; number < 3; ++number) {
+        threads.emplace_back([&, number] {
+            GVTokenCache cache(pool, 4);
+            while (!isOver) {
+                std::array<unsigned int, 3> tokens = {};
+                const unsigned int count = cache.tryBorrowMany(tokens.data(), 3);
+                if (number == 0) {
+                    cache.releaseMany(tokens.data(), count);
+                } else {
+                    returnAll(pool, std::vector<unsigned int>(tokens.begin(), tokens.begin() + count));
+                }
+            }
+        });
+    }
+    for (int reading = 0; reading < 5000; ++reading) {
+        const GVSharedPoolStatistics statistics = pool.getStatistics();
+        EXPECT_EQ(statistics.theNumberOfObjects, 16U);
+        EXPECT_LE(statistics.theLentCount, 16U);
+        EXPECT_LE(statistics.theCachedCount, 16U);
+        EXPECT_LE(statistics.theFreeCount, 16U);
+        EXPECT_EQ(statistics.theLentCount + statistics.theCachedCount + statistics.theFreeCount, 16U);
+        EXPECT_LE(statistics.theHighestLentCount, 16U);
+        if (reading % 100 == 0) {
+            pool.resetHighestLentCount();
+        }
+    }
+    isOver = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    expectCounts(pool, 0, 0, 16);
+}
+
+} // namespace Gilvane
