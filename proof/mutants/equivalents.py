@@ -1,14 +1,24 @@
-"""The list of mutants that no test can see, each with its reason."""
+"""The list of mutants that no test on this machine's plain build can see, each with its reason."""
+
+import typing
+
+TARGETS = ("arm", "asan")
+
+
+class Entry(typing.NamedTuple):
+    reason: str
+    target: str  # where the suite sees it, or None
 
 
 def read(path):
-    """Mutant's key -> reason.
+    """Mutant's key -> Entry.
 
     A block is separated from the next by an empty line:
 
         file: libsrc/…
         line: the line's text, without what surrounds it
         mutation: as the survivor was described; any number of these lines, each with " #2" for the second of its kind
+        watched-by: arm or asan, if the suite sees it on 32-bit ARM or under AddressSanitizer
         because: the reason, which may go on in indented lines
     """
     entries = {}
@@ -28,9 +38,15 @@ def read(path):
                 fields[last] = value
         if not fields["mutation"]:
             continue
+        target = fields.get("watched-by")
+        if target not in (None, *TARGETS):
+            raise SystemExit(f"mutants: nothing is watched by {target}")
         for mutation in fields["mutation"]:
             label, _, number = mutation.rpartition(" #")
             if not number.isdigit() or not label:
                 label, number = mutation, "1"
-            entries[(fields["file"], fields["line"], label, int(number))] = fields["because"]
+            key = (fields["file"], fields["line"], label, int(number))
+            if key in entries:
+                raise SystemExit(f"mutants: twice in the list: {' | '.join(map(str, key))}")
+            entries[key] = Entry(fields["because"], target)
     return entries

@@ -15,7 +15,10 @@ TABLE = "libsrc/datastructures/gvhashtable.h"
 OBJECT = "libsrc/base/gvobject.cpp"
 RAW = "libsrc/base/gvrawblock.h"
 HARDENED = "libsrc/base/gvhardened.cpp"
+HARDENED_HEADER = "libsrc/base/gvhardened.h"
+ALLOCATOR = "libsrc/base/gvstdallocator.h"
 CHECKS = "libsrc/utilities/gvmemorypoolchecks.cpp"
+INSPECTOR = "libsrc/utilities/gvmemorypoolinspector.cpp"
 DUMP = "libsrc/base/gvdumpvalue.h"
 
 
@@ -47,6 +50,8 @@ SHRINK = "GVMemoryPool::resizePool"
 BLOCK_SIZE = "void GVMemoryPool::setNumberOfBytesInPoolObject"
 RETURN = "inline void GVMemoryPool::releaseObject"
 RELEASE = "GVSmartPointer<T>::decrementRefCount"
+RESIZE = "int GVHashTable<K, V, H>::resize("
+LEFT_SLOTS = "for (unsigned int left = 0; ON && oldArray == theSmallTable && theTable != oldArray && left < 8; ++left) "
 
 # What the self-test plants; not among the mutants.
 PLANTED = [
@@ -180,6 +185,18 @@ PATCHES = [
     patch("a block's null header word is left alone", POOL,
           ("GVMemoryPoolObject::~", "instead", "detail::releaseRawBlock(theBytes);",
            "if (detail::rawBlockDeallocator(theBytes) != nullptr) { detail::releaseRawBlock(theBytes); }")),
+    patch("a count cell's null header word is left alone", POINTER,
+          (RELEASE, "instead", "detail::releaseRawBlock(refCount);",
+           "if (detail::rawBlockDeallocator(refCount) != nullptr) { detail::releaseRawBlock(refCount); }")),
+    patch("a flag cell's null header word is left alone", POINTER,
+          (RELEASE, "instead", "detail::releaseRawBlock(ownObject);",
+           "if (detail::rawBlockDeallocator(ownObject) != nullptr) { detail::releaseRawBlock(ownObject); }")),
+    patch("an object's null header word is left alone", OBJECT,
+          ("void releaseObjectStorage", "instead", "detail::releaseRawBlock(p);",
+           "if (detail::rawBlockDeallocator(p) != nullptr) { detail::releaseRawBlock(p); }")),
+    patch("no null header word is called", RAW,
+          ("inline void releaseRawBlock", "before", "rawBlockDeallocator(userBytes)(",
+           "if (ON && rawBlockDeallocator(userBytes) == nullptr) { return; }")),
     patch("raw blocks go back through the current function", RAW,
           ("inline void releaseRawBlock", "value", "rawBlockDeallocator(userBytes)", "GVObject::GetDeallocator()")),
     patch("the function is asked for before the allocation", RAW,
@@ -221,6 +238,8 @@ PATCHES = [
     patch("a size that stays the same rebuilds nothing", POOL,
           (BLOCK_SIZE, "before", "setWithoutLock(bytesInEachObject, bytes);",
            "if (ON && bytes == bytesInEachObject) { return; }")),
+    patch("a pool without blocks is not rebuilt", POOL,
+          (BLOCK_SIZE, "before", "makePool(", "if (ON && memoryPool.getUsedCount() == 0) { return; }")),
     patch("the size is recorded before the check", POOL,
           (BLOCK_SIZE, "before", "if (", "if (ON) { bytesInEachObject = bytes; }")),
     patch("the size is recorded after the rebuilding", POOL,
@@ -258,6 +277,9 @@ PATCHES = [
           (SHRINK, "before", "delete memoryPool[token]",
            "if (ON && std::find(availableTokens.begin(), availableTokens.end(), token) == availableTokens.end()) "
            "{ continue; }")),
+    patch("shrinking to nothing clears the table", POOL,
+          (SHRINK, "instead", "removeObjects(count - numberOfObjects);",
+           "removeObjects(count - numberOfObjects); if (numberOfObjects == 0) { memoryPool.clear(); }")),
     patch("shrinking to the same number goes through the list", POOL,
           (SHRINK, "value", "numberOfObjects >= count", "numberOfObjects > count")),
     patch("shrinking passes over a token that the table misses", POOL,
@@ -310,6 +332,15 @@ PATCHES = [
            "if (theTable == theSmallTable) { oldArray = copyOfArray(); } else { theTable = theSmallTable; }")),
     patch("a change of size drops no deleted slot from a small table", TABLE,
           ("GVHashTable<K, V, H>::resize(", "value", "theFillCount == theUsedCount", "theUsedCount == theUsedCount")),
+    patch("growth empties the embedded slots that it leaves", TABLE,
+          (RESIZE, "before", "if (oldArray != theSmallTable)",
+           LEFT_SLOTS + "{ oldArray[left].theState = gvemptyentry; }")),
+    patch("growth forgets the keys of the embedded slots that it leaves", TABLE,
+          (RESIZE, "before", "if (oldArray != theSmallTable)",
+           LEFT_SLOTS + "{ oldArray[left].theKey = K(); }")),
+    patch("growth forgets the values of the embedded slots that it leaves", TABLE,
+          (RESIZE, "before", "if (oldArray != theSmallTable)",
+           LEFT_SLOTS + "{ ::new (static_cast<void*>(&oldArray[left].theValue)) V(); }")),
     patch("removal frees the slot", TABLE,
           ("bool GVHashTable<K, V, H>::remove", "value", "gvdeletedentry", "gvemptyentry")),
     patch("removal lowers the fill count", TABLE,
@@ -357,6 +388,12 @@ PATCHES = [
           ("GVHashTableEntry_Iterator<K, V>::operator++(int)", "before", "return previous;",
            "if (ON) { return *this; }")),
 
+    # Where programs for 32-bit ARM differ
+    patch("ARM's arrays begin a word later", INSPECTOR,
+          ("#ifdef __ARM_EABI__", "value", "2 * sizeof(std::size_t)", "3 * sizeof(std::size_t)")),
+    patch("ARM's arrays begin a word earlier", INSPECTOR,
+          ("#ifdef __ARM_EABI__", "value", "2 * sizeof(std::size_t)", "sizeof(std::size_t)")),
+
     # Hooks and text
     patch("one hook alone is taken over", OBJECT,
           ("void GVObject::SetAllocationHooks", "before", "throw GVException",
@@ -378,11 +415,41 @@ PATCHES = [
            "if (ON) { detail::writeDumpValue(stream, initialNumberOfObjects); }")),
 
     # The hardened build's checks
-    patch("the line begins otherwise", HARDENED, ("reportMisuse(", "before", "std::va_list", "if (ON) { line[0] = 'G'; }")),
+    patch("the line begins otherwise", HARDENED,
+          ("reportMisuse(", "before", "std::va_list", "if (ON) { line[0] = 'G'; }")),
+    patch("the longest line is a byte shorter", HARDENED,
+          ("reportMisuse(", "value", "sizeof(line) - begun", "sizeof(line) - begun - 1")),
+    patch("the line ends a byte early", HARDENED, ("reportMisuse(", "value", "length + 1", "length")),
     patch("a block that a shrink hid is looked up all the same", CHECKS,
           ("::checkBeforeAddress", "value", "blockOf(token) == nullptr", "blockInAnySlot(token) == nullptr")),
     patch("a block that a shrink hid is not taken back", CHECKS,
           ("::checkAfterReturn", "value", "blockInAnySlot(token)", "blockOf(token)")),
     patch("a block that a shrink hid stays marked when it is lent", CHECKS,
           ("::markLent", "value", "blockInAnySlot(token)", "blockOf(token)")),
+]
+
+# What the compiler needs: each is compiled by itself, with its one text in place of the anchor.
+ALONE = [
+    patch("pools alone share with their copies, not classes derived from pools", POOL_HEADER,
+          ("struct GVCopySharesWithSource", "value", "std::is_base_of_v<GVMemoryPool, T>",
+           "std::is_same_v<GVMemoryPool, T>")),
+    patch("every class shares with its copies", POINTER,
+          ("struct GVCopySharesWithSource", "value", "std::false_type", "std::true_type")),
+    patch("every class is deeply copied", POINTER,
+          ("struct GVIsDeepCopyable", "value", "std::is_copy_constructible<T>", "std::true_type")),
+    patch("a stream operator may want to change the object", POINTER,
+          ("struct HasStreamOperator<T", "value", "std::declval<const T&>()", "std::declval<T&>()")),
+    patch("allocators of a type may differ", ALLOCATOR,
+          ("class GILVANE_EXPORT GVStdAllocator : public GVObject", "value", "is_always_equal = std::true_type",
+           "is_always_equal = std::false_type")),
+    patch("allocators of no type may differ", ALLOCATOR,
+          ("class GILVANE_EXPORT GVStdAllocator<void>", "value", "is_always_equal = std::true_type",
+           "is_always_equal = std::false_type")),
+    patch("the embedded slots have no end slot", TABLE,
+          ("Entry* theTable;", "value", "theSmallSize + 1", "theSmallSize")),
+    patch("there is a second end slot", TABLE, ("Entry* theTable;", "value", "theSmallSize + 1", "theSmallSize + 2")),
+    patch("the hardened build is not hardened", HARDENED_HEADER,
+          ("#if defined(GILVANE_HARDENED)\ninline", "value", "isHardened = true", "isHardened = false")),
+    patch("the longest line has room for a byte less", HARDENED, ("reportMisuse(", "value", "line[256]", "line[255]")),
+    patch("the longest line has room for a byte more", HARDENED, ("reportMisuse(", "value", "line[256]", "line[257]")),
 ]

@@ -5,8 +5,11 @@
 #include <gilvane/base/gvstdallocator.h>
 #include <gilvane/utilities/gvmemorypool.h>
 #include <gilvane/utilities/gvmemorypoolinspector.h>
+#include <gilvane/utilities/gvsharedtokenlease.h>
+#include <gilvane/utilities/gvtokencache.h>
 #include <gilvane/utilities/gvtokenlease.h>
 
+#include <chrono>
 #include <string>
 
 namespace Gilvane {
@@ -60,6 +63,23 @@ void useFunctionTemplates(std::ostream& stream, GVStdAllocator<char>& characters
     inspector.visitBlocks(visitInspectedBlock);
     inspector.visitBlocks([](const GVInspectedBlock& block) { visitInspectedBlock(block); });
     stream << GVSmartPointer<GVCopied>() << GVSmartPointer<GVNeverCopied>();
+}
+
+template <typename Lender, typename Time, typename Deadline>
+void waitForALoan(Lender& lender, const Time& time, const Deadline& deadline) {
+    static_cast<void>(GVSharedTokenLease::wait(lender));
+    static_cast<void>(GVSharedTokenLease::waitFor(lender, time));
+    static_cast<void>(GVSharedTokenLease::waitUntil(lender, deadline));
+}
+
+void waitForLoans(GVSharedPool& pool, GVTokenCache& cache) {
+    const GVSharedTokenLease lease;
+    static_cast<void>(lease.as<char>());
+    static_cast<void>(lease.as<std::string>());
+    waitForALoan(pool, std::chrono::seconds(1), std::chrono::steady_clock::now());
+    waitForALoan(pool, std::chrono::duration<double>(1), std::chrono::system_clock::now());
+    waitForALoan(cache, std::chrono::seconds(1), std::chrono::steady_clock::now());
+    waitForALoan(cache, std::chrono::duration<double>(1), std::chrono::system_clock::now());
 }
 
 } // namespace Gilvane

@@ -1,13 +1,18 @@
-"""Every way in which one place of the library is broken, and the text of a copy in which all of them wait behind the
+"""Every way in which one place of the library is broken, and the text of a copy in which most of them wait behind the
 switch of gvmutants.h. Lines keep their numbers, since exceptions name them.
 
 Broken are: operators (by others, by one operand alone, turned round), increments (the other way, the other form),
 constants, texts, enumerators and sizes (one more, one less, the last character gone), conditions (true, false,
 negated, each side of && and || alone), numbers, flags and pointers that are read (one more, one less, negated, null),
-what is returned, statements (dropped, swapped with the next), and what handwritten.py lists. Left out, because no
-program of one build can hold them: constant expressions with `if constexpr`, the values of constants themselves (their
-uses are changed instead), declarations and their order. Two assignments of plain values that do not read each other's
-are not swapped, since that changes nothing. The code of a macro is left alone.
+what is returned, what fields begin with, statements (dropped, swapped with the next), and what handwritten.py lists.
+In the copy a constant is no constant for the compiler, so that its value can be broken, too. What the compiler itself
+needs waits behind no switch: the constants in NEEDED_BY_THE_COMPILER, the values of enumerators, the conditions of `if
+constexpr` and of `#if`, and what handwritten.py lists of that kind. Each such mutant is compiled alone.
+
+Left out are: declarations and their order; `if constexpr (isHardened)`, whose branches are broken by themselves; the
+code of a macro; the conditions in gvcompiler.h, which mark functions for ThreadSanitizer and are watched by the part
+threads. Two assignments of plain values that do not read each other's are not swapped, since that changes
+nothing.
 
 Each mutant says whether the hardened build alone runs it: it is then behind `if constexpr (isHardened)`, or in one of
 the files that hold the checks.
@@ -28,6 +33,11 @@ OTHER_OPERATORS = {"+": ["-"], "-": ["+"], "*": ["+", "/"], "/": ["*"], "%": ["*
 COMPARISONS = {"==", "!=", "<", ">", "<=", ">="}
 # Variables that the switch would set too late; handwritten.py has what stands for their mutations.
 NEEDED_BEFORE_MAIN = {"theNextToken"}
+# Constants that stand in constant expressions, and the addresses of functions that are kept for the linker.
+NEEDED_BY_THE_COMPILER = {"cacheLineBytes", "defaultHookPadding", "isHardened", "rawBlockHeaderBytes", "theSmallSize"}
+NEEDED_BY_THE_LINKER = {"theKeptLoan", "theKeptLookup", "theKeptReturn"}
+# The conditions in here are seen by ThreadSanitizer alone.
+FILE_OF_MARKS = "libsrc/base/gvcompiler.h"
 # The files that the hardened build alone runs.
 FILES_OF_CHECKS = {"libsrc/base/gvhardened.h", "libsrc/base/gvhardened.cpp", "libsrc/utilities/gvmemorypoolchecks.cpp"}
 WRAPPERS = {"ImplicitCastExpr", "ParenExpr", "ExprWithCleanups", "MaterializeTemporaryExpr", "CXXBindTemporaryExpr"}
@@ -41,6 +51,7 @@ class Mutant:
         self.file, self.line, self.text, self.function, self.label = file, line, text, function, label
         self.number = self.key = None
         self.isHardened = False  # whether the hardened build alone runs it
+        self.alone = None  # (begin, end, text) for one that is compiled by itself
 
     def __str__(self):
         return f"{self.file}:{self.line} ({self.function}): {self.label}"
@@ -81,7 +92,8 @@ class Source:
         self.name = name
         self.bytes = (root / name).read_bytes()
         self.sites = {}
-        self.blanked = set()  # begins of the word constexpr, which the switch does not go with
+        self.blanked = {}  # begin of a word constexpr, which the switch does not go with -> what stands there instead
+        self.alone = {}  # (begin, end) of what the compiler needs -> [function's name, other texts]
         self.checks = set()  # (begin, end) of what the hardened build alone runs
 
     def isHardened(self, offset):
@@ -105,6 +117,14 @@ class Source:
 
     def shown(self, begin, end):
         return " ".join(self.bytes[begin:end].decode().split())
+
+    def unfix(self, begin, end, name, isLocal):
+        """Makes a constant a variable, in the branches of #if that are not compiled here, too."""
+        words = [self.bytes.index(b"constexpr", begin, end)]
+        words += [match.start(1) for match in re.finditer(rb"^(?:inline )?(constexpr) [\w: ]+ %s = " % name.encode(),
+                                                          self.bytes, re.MULTILINE)]
+        for word in words:
+            self.blanked[word] = b"" if isLocal or self.bytes.endswith(b"inline ", 0, word) else b"inline"
 
     def site(self, begin, end):
         return self.sites.setdefault((begin, end), Site(begin, end))
@@ -197,6 +217,8 @@ class Collector:
                     self.expression(condition, "condition")
                 elif self.text(condition).removeprefix("detail::") == "isHardened":
                     self.source.checks.add((branches[0].begin, branches[0].end))
+                else:
+                    self.source.alone[condition.begin, condition.end] = [self.name, ["true", "false"]]
             for branch in branches:
                 self.branch(branch, node, isVoid)
         elif node.kind == "WhileStmt":
@@ -215,7 +237,9 @@ class Collector:
         elif node.kind == "DeclStmt":
             for variable in children:
                 # An array takes its text from a literal alone.
-                if variable.kind == "VarDecl" and not variable.tree.get("constexpr") and "[" not in variable.type:
+                if variable.kind == "VarDecl" and "[" not in variable.type:
+                    if variable.tree.get("constexpr"):
+                        self.source.unfix(node.begin, node.end, variable.tree["name"], True)
                     for part in variable.children:
                         self.expression(part, "assigned")
         elif node.kind == "ReturnStmt":
@@ -404,6 +428,12 @@ class Collector:
     def onCXXNullPtrLiteralExpr(self, node, role, isRvalue):
         pass
 
+    def field(self, node):
+        for part in node.children:
+            self.expression(part, "assigned")
+            if part.kind == "ImplicitCastExpr" and stripped(part).kind == "CXXNullPtrLiteralExpr":
+                self.offer(stripped(part), f"reinterpret_cast<{node.type}>(8)")
+
     def onLambdaExpr(self, node, role, isRvalue):
         closure, *_, body = node.children
         call = next(child for child in closure.children if child and child.tree.get("name") == "operator()")
@@ -433,28 +463,34 @@ class Catalogue:
                         for path in sorted((root / "libsrc").rglob("*")) if path.suffix in (".h", ".cpp")}
         self.mutants = []
         self.collect(functions)
+        self.collectAlone(functions)
         self.mutants += [self.addPatch(patch, "by hand: ") for patch in handwritten.PATCHES]
+        self.mutants += [self.addPatch(patch, "by hand: ", True) for patch in handwritten.ALONE]
         self.planted = [self.addPatch(patch, "planted: ") for patch in handwritten.PLANTED]
         self.number()
 
     def collect(self, functions):
         merged = {}  # (file, begin, end) -> [function's name, texts offered by all instances]
         statements, swaps = {}, {}
-        for name, node in functions.found + functions.variables:
+        for name, node in functions.found + functions.variables + functions.fields:
             body = next((child for child in node.children if child and child.kind == "CompoundStmt"), node)
             source = self.sources.get(body.file)
             if source is None:
                 continue
             collector = Collector(source, name)
-            if node.kind == "VarDecl":
-                if node.tree.get("constexpr") or name in NEEDED_BEFORE_MAIN:
+            if node.kind == "FieldDecl":
+                collector.field(node)
+            elif node.kind == "VarDecl":
+                if name in NEEDED_BEFORE_MAIN | NEEDED_BY_THE_COMPILER | NEEDED_BY_THE_LINKER:
                     continue
+                if node.tree.get("constexpr"):
+                    source.unfix(node.begin, node.end, name, False)
                 for part in node.children:
                     collector.expression(part, "assigned")
             else:
                 collector.function(node)
                 if node.tree.get("constexpr"):
-                    source.blanked.add(source.bytes.index(b"constexpr", node.begin))
+                    source.blanked[source.bytes.index(b"constexpr", node.begin)] = b"inline"
             for (begin, end), texts in collector.offers.items():
                 known = merged.setdefault((source.name, begin, end), [name, texts])
                 known[1] = {text: None for text in known[1] if text in texts}
@@ -481,13 +517,41 @@ class Catalogue:
             source.site(begin, end).early.append((mutant, source.raw(nextBegin, nextEnd)))
             source.site(nextBegin, nextEnd).dropped.append(mutant)
 
+    def collectAlone(self, functions):
+        """What the compiler needs: constants, enumerators and conditions."""
+        for name, node in functions.variables + functions.enumerators:
+            source = self.sources.get(node.file)
+            if source is None or (node.kind == "VarDecl" and name not in NEEDED_BY_THE_COMPILER):
+                continue
+            for part in node.children:
+                text = source.shown(part.begin, part.end)
+                others = ["true", "false"] if name == "isHardened" else [f"({text}) + 1", f"({text}) - 1"]
+                source.alone[part.begin, part.end] = [name, [other for other in others if text != "0" or "-" not in
+                                                             other]]
+        for source in self.sources.values():
+            for match in re.finditer(r"^#(if|ifdef|ifndef|elif) (.*)$", source.bytes.decode("latin-1"), re.MULTILINE):
+                word, condition = match.groups()
+                keepsFromBeingReadTwice = condition.endswith("_H")
+                if not keepsFromBeingReadTwice and source.name != FILE_OF_MARKS:
+                    opposite = {"ifdef": "ifndef", "ifndef": "ifdef"}.get(word)
+                    source.alone[match.span()] = ["#" + word, [
+                        f"#{opposite} {condition}" if opposite else f"#{word} !({condition})"]]
+        for source in self.sources.values():
+            for (begin, end), (name, others) in sorted(source.alone.items()):
+                for other in others:
+                    if other != source.shown(begin, end):
+                        mutant = self.add(source, begin, name, f"{source.shown(begin, end)} -> {other}")
+                        mutant.alone = (begin, end, other)
+                        # The branches that the hardened build does not see.
+                        mutant.isHardened = mutant.isHardened and name != "isHardened"
+
     def add(self, source, offset, function, label):
         mutant = Mutant(source.name, source.line(offset), source.lineText(offset), function, label)
         mutant.isHardened = source.isHardened(offset)
         self.mutants.append(mutant)
         return mutant
 
-    def addPatch(self, patch, prefix):
+    def addPatch(self, patch, prefix, isAlone=False):
         source = self.sources.get(patch.file)
         mutant = None
         for within, kind, anchor, text in patch.edits:
@@ -500,7 +564,9 @@ class Catalogue:
             if mutant is None:
                 mutant = Mutant(source.name, source.line(begin), source.lineText(begin), within, prefix + patch.name)
                 mutant.isHardened = source.isHardened(begin)
-            if kind == "before":
+            if isAlone:
+                mutant.alone = (begin, end, text)
+            elif kind == "before":
                 source.site(begin, begin).inserted.append((mutant, text))
             else:
                 site = source.site(begin, end)
@@ -520,6 +586,12 @@ class Catalogue:
     def texts(self):
         for name, source in self.sources.items():
             yield name, self.mutated(source)
+
+    def alone(self, mutant):
+        """The text of the mutant's file under it."""
+        begin, end, text = mutant.alone
+        whole = self.sources[mutant.file].bytes
+        return (whole[:begin] + text.encode() + whole[end:]).decode()
 
     def mutated(self, source):
         whole = Site(0, len(source.bytes))
@@ -550,7 +622,7 @@ class Catalogue:
         text = source.bytes[begin:end]
         for offset in sorted(source.blanked, reverse=True):
             if begin <= offset < end:
-                text = text[:offset - begin] + b"inline" + text[offset - begin + len(b"constexpr"):]
+                text = text[:offset - begin] + source.blanked[offset] + text[offset - begin + len(b"constexpr"):]
         return text.decode()
 
     def outer(self, source, site):

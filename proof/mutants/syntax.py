@@ -76,6 +76,8 @@ class Functions:
     def __init__(self):
         self.found = []  # (name, Node), instances of one template one after another
         self.variables = []  # (name, Node) of variables outside of functions
+        self.fields = []  # (name, Node) of fields with an initialiser in their class
+        self.enumerators = []  # (name, Node)
         self.patterns = {}  # body's place -> name
         self.patternIds = set()
 
@@ -97,6 +99,12 @@ class Functions:
             return
         if kind == "VarDecl" and not inPattern and "init" in tree:
             self.variables.append((tree.get("name"), build(tree)))
+            return
+        if kind == "FieldDecl" and not inPattern and tree.get("hasInClassInitializer"):
+            self.fields.append((tree.get("name"), build(tree)))
+            return
+        if kind == "EnumConstantDecl":
+            self.enumerators.append((tree.get("name"), build(tree)))
             return
         for child in tree.get("inner", []):
             if isinstance(child, dict):

@@ -52,7 +52,7 @@ class Pointer {
         replaceWith(other.addShare());
         return *this;
     }
-    Pointer& operator=(Pointer&& other) {
+    Pointer& operator=(Pointer&& other) noexcept {
         if (this != &other) {
             replaceWith(other.forget());
         }

@@ -166,7 +166,6 @@ struct Clock {
     using rep = duration::rep;
     using period = duration::period;
     using time_point = std::chrono::time_point<Clock>;
-    static constexpr bool is_steady = true;
     static time_point now() noexcept {
         Runner& self = runner(theCurrent);
         if (self.clockAnswers < mostClockAnswers && choose(2) == 0) {
@@ -421,8 +420,8 @@ void step(int number, DepthFirst& chooser) {
 // Two states are the same when every thread has met the same since its operation began, and will meet the same: what it
 // read, what it found under the lock, what is in each word now, who is awake.
 std::uint64_t stateNumber(unsigned int preemptions, int current, bool isBounded) {
-    std::uint64_t state = isBounded ? mixed(preemptions, static_cast<std::uint64_t>(current + 1)) : 0;
-    state = mixed(state, (isClosing ? 2 : 0) + (wasClosed ? 1 : 0));
+    std::uint64_t state = isBounded ? mixed(preemptions, static_cast<unsigned int>(current + 1)) : 0;
+    state = mixed(state, (isClosing ? 2U : 0U) + (wasClosed ? 1U : 0U));
     for (const Runner& thread : theRunners) {
         state = mixed(mixed(state, thread.history), thread.isAwake ? 1 : 0);
         // What an operation will be judged by.

@@ -5,12 +5,15 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstddef>
 #include <limits>
 #include <new>
 #include <stdexcept>
 #include <type_traits>
 #include <vector>
+
+#include <unistd.h>
 
 namespace Gilvane {
 
@@ -234,6 +237,22 @@ TEST(ObjectStorage, isReleasedByTheFunctionInItsHeaderWord) {
     void* const arrayStorage = detail::allocateRawBlock(sizeof(Witness));
     GVObject::operator delete[](arrayStorage);
     EXPECT_EQ(ledger.releaseCount(), 2U);
+}
+
+TEST(ObjectStorage, callsEvenANullDeallocationFunction) {
+#if defined(GILVANE_TEST_SANITIZED)
+    GTEST_SKIP() << "a sanitizer reports the call first";
+#else
+    EXPECT_EXIT(
+        {
+            void* const storage = GVObject::operator new(8);
+            *reinterpret_cast<GVDeallocatorFunction*>(detail::rawBlockStart(storage)) = nullptr;
+            std::signal(SIGSEGV, [](int) { _exit(0); });
+            GVObject::operator delete(storage);
+            _exit(1);
+        },
+        ::testing::ExitedWithCode(0), "");
+#endif
 }
 
 TEST(Object, isDestroyedWhollyThroughItsRoot) {

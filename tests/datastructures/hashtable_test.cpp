@@ -58,6 +58,39 @@ struct Unforgettable {
     }
 };
 
+/// A key that counts how often it is compared.
+struct ComparedKey {
+    static int& comparisons() {
+        static int theCount = 0;
+        return theCount;
+    }
+    bool operator==(const ComparedKey& other) const {
+        ++comparisons();
+        return number == other.number;
+    }
+    unsigned int number;
+};
+struct ComparedKeyHash {
+    unsigned int operator()(const ComparedKey& key) const { return key.number; }
+};
+
+/// Hooks that write down, at each release, how many keys a table says it has.
+struct CountsAtReleases {
+    static const Table*& table() {
+        static const Table* theTable = nullptr;
+        return theTable;
+    }
+    static std::vector<unsigned int>& counts() {
+        static std::vector<unsigned int> theCounts;
+        return theCounts;
+    }
+    static void* allocate(unsigned int numberOfBytes) { return std::malloc(numberOfBytes); }
+    static void release(void* block) {
+        counts().push_back(table()->getUsedCount());
+        std::free(block);
+    }
+};
+
 /// Never gives the same hash twice.
 struct UnsteadyHash {
     static unsigned int& next() {
@@ -520,6 +553,27 @@ TEST(HashTableClear, returnsAGrownTableToItsEmbeddedSlots) {
     EXPECT_EQ(GVTestPeer::fillCount(table), 0U);
     EXPECT_EQ(slotsOf(table), ". . . . . . . .");
     EXPECT_EQ(table.get(1), nullptr);
+}
+
+TEST(HashTableClear, givesTheArrayBackBeforeItForgetsTheKeys) {
+    GVObject::SetAllocationHooks(&CountsAtReleases::allocate, &CountsAtReleases::release);
+    Table table;
+    insertKeys(table, 0, 6);
+    CountsAtReleases::table() = &table;
+    table.clear();
+    GVObject::SetAllocationHooks(nullptr, nullptr);
+    EXPECT_EQ(CountsAtReleases::counts(), std::vector<unsigned int>{6});
+    EXPECT_EQ(table.getUsedCount(), 0U);
+    CountsAtReleases::counts().clear();
+}
+
+TEST(HashTableClear, leavesNoKeyWithWhichSearchesCompareTheirs) {
+    GVHashTable<ComparedKey, int, ComparedKeyHash> table;
+    table.insert({3}, 30);
+    table.clear();
+    ComparedKey::comparisons() = 0;
+    EXPECT_EQ(table.get({3}), nullptr);
+    EXPECT_EQ(ComparedKey::comparisons(), 0);
 }
 
 TEST(HashTableClear, isHarmlessTheSecondTime) {

@@ -305,6 +305,30 @@ TEST(HashTableInsertion, leavesADeletedSlotDeletedWhenACopyForItFails) {
     }
 }
 
+TEST(HashTableInsertion, writesTheKeyThenTheValueThenTheHashOfAReusedSlot) {
+    BrittleTable table;
+    table.insert(1U, 10U);
+    table.remove(1U);
+    const BrittleTable::Entry& slot = table.getEntry(1);
+    expectCopyToFail(0, [&table] { table.insert(9U, 90U); });
+    EXPECT_EQ(slot.theKey.number, 1U);
+    EXPECT_EQ(slot.theValue.number, 10U);
+    EXPECT_EQ(slot.theHash, 1U);
+    expectCopyToFail(1, [&table] { table.insert(9U, 90U); });
+    EXPECT_EQ(slot.theKey.number, 9U);
+    EXPECT_EQ(slot.theValue.number, 10U);
+    EXPECT_EQ(slot.theHash, 1U);
+}
+
+TEST(HashTableInsertion, copiesTheKeyAndTheValueOnceEachForAReplacement) {
+    BrittleTable table;
+    table.insert(1U, 10U);
+    Brittle::copiesLeft() = 2;
+    EXPECT_NO_THROW(table.insert(1U, 11U));
+    EXPECT_EQ(Brittle::copiesLeft(), 0);
+    Brittle::copiesLeft() = -1;
+}
+
 TEST(HashTableInsertion, keepsTheFormerValueWhenACopyForAReplacementFails) {
     for (const int copiesBefore : {0, 1}) {
         BrittleTable table;

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <new>
 #include <ostream>
 #include <string>
@@ -109,6 +110,17 @@ struct FragileValue {
         --constructionsLeft();
     }
 };
+
+/// What an array may have at most: the hooks count in 32 bits, and the language in differences of pointers.
+constexpr std::size_t mostBytes = std::min<std::size_t>(std::numeric_limits<unsigned int>::max(), PTRDIFF_MAX);
+
+/// A table whose entries have so many bytes.
+template <std::size_t Bytes>
+struct Vast {
+    char bytes[Bytes];
+};
+template <std::size_t EntryBytes>
+using TableOfEntriesOf = GVHashTable<unsigned int, Vast<EntryBytes - sizeof(void*) - 3 * sizeof(unsigned int)>>;
 
 /// A key that insert_helper, as specialised below, refuses when it is told to.
 struct RefusedKey {
@@ -405,6 +417,21 @@ TEST(HashTableResize, leavesTheEmbeddedArrayAliveWhenItMovesToTheHeap) {
     EXPECT_EQ(Diary::take(), std::vector<std::uintptr_t>({Diary::hashed}));
 }
 
+TEST(HashTableResize, leavesWhatTheEmbeddedSlotsHoldWhenItMovesToTheHeap) {
+    Table table;
+    table.insert(1, 10);
+    table.insert(2, 20);
+    table.remove(2);
+    EXPECT_EQ(table.resize(8), 2);
+    const Table::Entry* const slots = GVTestPeer::smallSlots(table);
+    EXPECT_EQ(slots[1].theKey, 1U);
+    EXPECT_EQ(slots[1].theValue, 10);
+    EXPECT_EQ(slots[1].theState, static_cast<unsigned int>(gvoccupiedentry));
+    EXPECT_EQ(slots[2].theKey, 2U);
+    EXPECT_EQ(slots[2].theValue, 20);
+    EXPECT_EQ(slots[2].theState, static_cast<unsigned int>(gvdeletedentry));
+}
+
 TEST(HashTableResize, destroysAHeapArrayBeforeStoringInTheEmbeddedOneAndTheCopyAfter) {
     DiaryTable table;
     table.insert(1, DiaryValue());
@@ -585,6 +612,31 @@ TEST(HashTableResize, countsAnArrayThatTheLanguageCannotMeasureAsExhaustion) {
     EXPECT_EQ(ledger.refusedCount(), isMeasurable ? 1U : 0U) << "asked for the array or not";
     EXPECT_EQ(stateOf(table), before);
     EXPECT_TRUE(ledger.liveBlocks().empty());
+}
+
+TEST(HashTableResize, asksForTheLargestArrayThatCanBeCounted) {
+    constexpr std::size_t entryBytes = mostBytes / 2049 / alignof(void*) * alignof(void*);
+    static_assert(2049 * entryBytes <= mostBytes && 2049 * (entryBytes + 1) > mostBytes, "a byte more, and none fits");
+    using LargeTable = TableOfEntriesOf<entryBytes>;
+    static_assert(sizeof(LargeTable::Entry) == entryBytes, "nothing is added");
+    const std::unique_ptr<LargeTable> table(new LargeTable);
+    HookLedger ledger;
+    ledger.refuseOnce(0);
+    expectTableException([&table] { table->resize(2047); }, gvoutofmemory, noMemoryMessage, 1);
+    EXPECT_EQ(ledger.refusedCount(), 1U);
+}
+
+TEST(HashTableResize, countsTheSmallestArrayThatIsTooLargeAsExhaustion) {
+    constexpr std::size_t entryBytes = mostBytes / 257 + 1;
+    static_assert(257 * entryBytes > mostBytes && 257 * (entryBytes - 1) <= mostBytes, "a byte less, and it fits");
+    using LargeTable = TableOfEntriesOf<entryBytes>;
+    static_assert(sizeof(LargeTable::Entry) == entryBytes, "nothing is added");
+    const std::unique_ptr<LargeTable> table(new LargeTable);
+    const HookLedger ledger;
+    expectTableException([&table] { table->resize(255); }, gvoutofmemory, noMemoryMessage, 1);
+    for (const unsigned int request : ledger.requests()) {
+        EXPECT_LT(request, entryBytes) << "asked for more than the exception's texts";
+    }
 }
 
 TEST(HashTableResize, doesNothingWhenItsSizeWouldNotFitIn32Bits) {

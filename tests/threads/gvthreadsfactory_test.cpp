@@ -26,6 +26,7 @@ std::atomic<bool> theMutexInitFails{false};
 namespace {
 
 std::atomic<int> theMutexInitCount{0};
+std::atomic<int> theMutexDestroyCount{0};
 
 GVMutexHandle* createByFactory(_gvmutex kind, bool flag) { return GVThreadsFactory().CreateUnnamedHandle(kind, flag); }
 
@@ -43,15 +44,22 @@ constexpr const char* sourceFile = "libsrc/threads/gvthreadsfactory";
 
 } // namespace Gilvane
 
-// The linker sends the library's calls of pthread_mutex_init here.
+// The linker sends the library's calls of pthread_mutex_init and pthread_mutex_destroy here.
 extern "C" {
 // NOLINTBEGIN(bugprone-reserved-identifier)
 int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
+int __real_pthread_mutex_destroy(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex);
 
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
     ++Gilvane::theMutexInitCount;
     return Gilvane::theMutexInitFails ? EAGAIN : __real_pthread_mutex_init(mutex, attributes);
+}
+
+int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex) {
+    ++Gilvane::theMutexDestroyCount;
+    return __real_pthread_mutex_destroy(mutex);
 }
 // NOLINTEND(bugprone-reserved-identifier)
 }
@@ -126,6 +134,16 @@ TEST(MutexCreation, buildsEachHandleOverOnePosixMutex) {
         theMutexInitCount = 0;
         const std::unique_ptr<GVMutexHandle> handle(maker.create(gvexclusivemutex, false));
         EXPECT_EQ(theMutexInitCount, 1);
+    }
+}
+
+TEST(MutexCreation, givesThePosixMutexBackWithTheHandle) {
+    for (const Maker& maker : makers) {
+        SCOPED_TRACE(maker.name);
+        std::unique_ptr<GVMutexHandle> handle(maker.create(gvexclusivemutex, false));
+        theMutexDestroyCount = 0;
+        handle.reset();
+        EXPECT_EQ(theMutexDestroyCount, 1);
     }
 }
 

@@ -194,6 +194,15 @@ TEST(PoolBlockSize, isOnlyRecordedByAPoolWithoutBlocks) {
     EXPECT_EQ(GVTestPeer::table(pool).get(token)->theValue->getLength(), 24U);
 }
 
+TEST(PoolBlockSize, clearsTheTableOfAPoolWhoseBlocksHaveAllBeenRemoved) {
+    GVMemoryPool pool(8, 16, false);
+    pool.resizePool(0);
+    ASSERT_EQ(GVTestPeer::fillCount(GVTestPeer::table(pool)), 8U);
+    pool.setNumberOfBytesInPoolObject(24);
+    EXPECT_EQ(GVTestPeer::fillCount(GVTestPeer::table(pool)), 0U);
+    EXPECT_EQ(GVTestPeer::mask(GVTestPeer::table(pool)), 7U);
+}
+
 TEST(PoolBlockSize, zeroRebuildsBlocksWithoutBytes) {
     GVMemoryPool pool(2, 16, false);
     pool.setNumberOfBytesInPoolObject(0);

@@ -10,6 +10,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
 #include <new>
 #include <random>
 #include <vector>
@@ -53,6 +56,13 @@ bool isLive(const HookLedger& ledger, const void* start) {
     const std::vector<HookLedger::Block> blocks = ledger.liveBlocks();
     return std::any_of(blocks.begin(), blocks.end(),
                        [start](const HookLedger::Block& block) { return block.start == start; });
+}
+
+// An allocation function behind whose blocks nothing but ones stand.
+void* allocateAmongOnes(unsigned int numberOfBytes) {
+    constexpr std::size_t ones = 64;
+    void* const memory = std::malloc(numberOfBytes + ones);
+    return memory == nullptr ? nullptr : std::memset(memory, 0xff, numberOfBytes + ones);
 }
 
 const void* startOf(const void* userBytes) { return static_cast<const char*>(userBytes) - detail::rawBlockHeaderBytes; }
@@ -124,6 +134,19 @@ TEST(PoolShrinking, toZeroLeavesAPoolThatBuildsItsInitialNumberAgain) {
     EXPECT_EQ(tokensInTable(pool), (Tokens{6, 7, 8}));
 }
 
+TEST(PoolShrinking, toZeroMarksSlotsDeletedAndKeepsTheTablesSizeToo) {
+    GVTestPeer::nextToken() = 0;
+    GVMemoryPool pool(8, 16, false);
+    pool.resizePool(0);
+    const TokenTable& table = GVTestPeer::table(pool);
+    EXPECT_EQ(GVTestPeer::mask(table), 31U);
+    EXPECT_EQ(GVTestPeer::usedCount(table), 0U);
+    EXPECT_EQ(GVTestPeer::fillCount(table), 8U);
+    for (unsigned int slot = 0; slot < 8; ++slot) {
+        EXPECT_EQ(GVTestPeer::slots(table)[slot].theState, static_cast<unsigned int>(gvdeletedentry)) << slot;
+    }
+}
+
 TEST(PoolShrinking, marksSlotsDeletedAndKeepsTheTablesSize) {
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(8, 16, false);
@@ -159,6 +182,29 @@ TEST(PoolShrinking, keepsTheOrderOfALongFreeList) {
     shuffled.erase(std::remove_if(shuffled.begin(), shuffled.end(), [](unsigned int token) { return token >= 300; }),
                    shuffled.end());
     EXPECT_EQ(GVTestPeer::freeTokens(pool), shuffled);
+}
+
+TEST(PoolShrinking, takesAllRemovedTokensOutOfTheFreeListHoweverManyTheyAre) {
+    GVObject::SetAllocationHooks(&allocateAmongOnes, &std::free);
+    for (unsigned int removed = 1; removed <= 200; ++removed) {
+        GVTestPeer::nextToken() = 0;
+        GVMemoryPool pool(1 + removed, 8, false);
+        pool.resizePool(1);
+        EXPECT_EQ(GVTestPeer::freeTokens(pool), (Tokens{0})) << removed;
+        EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 0U) << removed;
+    }
+    GVObject::SetAllocationHooks(nullptr, nullptr);
+}
+
+TEST(PoolShrinking, asksForABitForEachRemovedTokenAndForRoomForAllTokens) {
+    const HookLedger ledger;
+    GVMemoryPool pool(130, 16, false);
+    const std::size_t before = ledger.allocationCount();
+    pool.resizePool(2);
+    std::vector<unsigned int> requests = ledger.requests();
+    requests.erase(requests.begin(), requests.begin() + static_cast<std::ptrdiff_t>(before));
+    const unsigned int header = detail::rawBlockHeaderBytes;
+    EXPECT_EQ(requests, (std::vector<unsigned int>{header + 128 / 8, header + 130 * 4}));
 }
 
 TEST(PoolShrinking, releasesItsListOfTokens) {

@@ -103,6 +103,15 @@ TEST_P(SmartPointerReplacement, inADerivedClassCallsTheOverrideWhileItHoldsTheFo
     EXPECT_EQ(nextDeletions, 0);
 }
 
+TEST(SmartPointerClass, differsBothWaysFromThatOfAPointerOfADerivedClass) {
+    const Pointer pointer;
+    const Pointer another;
+    const WatchfulPointer derived;
+    EXPECT_TRUE(detail::haveSameVirtualTable(pointer, another));
+    EXPECT_FALSE(detail::haveSameVirtualTable(pointer, derived));
+    EXPECT_FALSE(detail::haveSameVirtualTable(derived, pointer));
+}
+
 TEST_P(SmartPointerReplacement, inADerivedClassLeavesTheFormerObjectToItsOtherSharers) {
     int deletions = 0;
     int nextDeletions = 0;

@@ -26,6 +26,11 @@ std::ostream& operator<<(std::ostream& stream, const PrintedObject& object) {
     return stream << "<PrintedObject>" << object.theNumber << "</PrintedObject>";
 }
 
+struct ChangedWhenWritten {
+    int writings;
+};
+std::ostream& operator<<(std::ostream& stream, ChangedWhenWritten& object) { return stream << ++object.writings; }
+
 const char* const dumpOfAnEmptyPool = "<GVMemoryPool><memoryPool><GVHashTable></GVHashTable></memoryPool>"
                                       "<bytesInEachObject>0</bytesInEachObject><theMutexHandle>0</theMutexHandle>"
                                       "<useMutexHandle>0</useMutexHandle></GVMemoryPool>";
@@ -172,6 +177,16 @@ TEST(SmartPointerDump, writesNothingInsideForAnObjectWithoutAStreamOperator) {
     const GVSmartPointer<SharedObject> pointer(&object, false, false);
     EXPECT_EQ(dumpOf(pointer), "<GVSmartPointer object=\"" + addressText(&object) +
                                    "\" refCount=\"1\" ownObject=\"0\"></GVSmartPointer>");
+}
+
+TEST(SmartPointerDump, writesNothingInsideForAnObjectWhoseStreamOperatorMayChangeIt) {
+    ChangedWhenWritten object{};
+    const GVSmartPointer<ChangedWhenWritten> pointer(&object, false, false);
+    EXPECT_EQ(dumpOf(pointer), "<GVSmartPointer object=\"" + addressText(&object) +
+                                   "\" refCount=\"1\" ownObject=\"0\"></GVSmartPointer>");
+    std::ostringstream stream;
+    stream << object;
+    EXPECT_EQ(stream.str(), "1");
 }
 
 } // namespace Gilvane

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -17,6 +18,8 @@
 #include <tuple>
 #include <type_traits>
 #include <vector>
+
+#include <unistd.h>
 
 namespace Gilvane {
 
@@ -286,6 +289,28 @@ TEST(SmartPointer, recordsTheDeallocationFunctionCurrentWhenItsCellsAreMade) {
         GVObject::SetAllocationHooks(nullptr, nullptr);
     }
     EXPECT_EQ(calls, 2);
+}
+
+TEST(SmartPointer, callsEvenANullDeallocationFunctionOfACell) {
+#if defined(GILVANE_TEST_SANITIZED)
+    GTEST_SKIP() << "a sanitizer reports the call first";
+#else
+    for (const bool isOfCount : {true, false}) {
+        EXPECT_EXIT(
+            {
+                int deletions = 0;
+                Pointer pointer(new SharedObject(deletions), true, false);
+                const void* const cell = isOfCount ? static_cast<const void*>(Peer::refCount(pointer))
+                                                   : static_cast<const void*>(Peer::ownObject(pointer));
+                *reinterpret_cast<GVDeallocatorFunction*>(detail::rawBlockStart(cell)) = nullptr;
+                std::signal(SIGSEGV, [](int) { _exit(0); });
+                pointer.decrementRefCount();
+                _exit(1);
+            },
+            ::testing::ExitedWithCode(0), "")
+            << (isOfCount ? "count" : "flag");
+    }
+#endif
 }
 
 TEST(SmartPointer, givesUpItsShareWhenOnlyTheCountIsThere) {

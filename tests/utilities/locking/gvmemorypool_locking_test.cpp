@@ -215,6 +215,12 @@ TEST(PoolLocking, setNumberOfBytesInPoolObjectLocksOnceForEachOfItsSteps) {
     EXPECT_EQ(logOf([&] { pool.setNumberOfBytesInPoolObject(8); }), lockedTwice);
 }
 
+TEST(PoolLocking, setNumberOfBytesInPoolObjectLocksOnceForEachOfItsStepsEvenWithoutBlocks) {
+    const FreshLog log;
+    GVMemoryPool pool(3, true);
+    EXPECT_EQ(logOf([&] { pool.setNumberOfBytesInPoolObject(8); }), lockedTwice);
+}
+
 TEST(PoolLocking, setNumberOfBytesInPoolObjectThatIsRefusedLocksOnce) {
     const FreshLog log;
     GVMemoryPool pool(3, 16, true);
