@@ -445,7 +445,7 @@ TEST(TokenLeaseAdoption, leavesTheLoanWithTheCallerWhenItsReturnCannotBeMadeSure
     const unsigned int token = pool.getTokenForFreeMemoryObject();
     pool.resizePool(3); // the free list has room for two
     ledger.refuseFrom(0);
-    EXPECT_THROW(GVTokenLease(pool, token, gvadoptedloan), std::bad_alloc);
+    EXPECT_THROW(const GVTokenLease lease(pool, token, gvadoptedloan), std::bad_alloc);
     ledger.refuseNothing();
     EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 1U);
     EXPECT_TRUE(GVTokenLease(pool, token, gvadoptedloan));
