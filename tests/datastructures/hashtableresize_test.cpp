@@ -601,8 +601,8 @@ TEST(HashTableResize, countsAnArrayThatTheLanguageCannotMeasureAsExhaustion) {
     const std::string before = stateOf(table);
     // The hook could be asked for so many bytes, but where a difference of pointers has 32 bits no array is as large.
     constexpr unsigned int slots = 134217728;
-    constexpr std::size_t mostBytes = std::numeric_limits<unsigned int>::max();
-    static_assert(slots > (mostBytes / 2) / sizeof(Table::Entry) && slots < mostBytes / sizeof(Table::Entry),
+    constexpr std::size_t countableBytes = std::numeric_limits<unsigned int>::max();
+    static_assert(slots > (countableBytes / 2) / sizeof(Table::Entry) && slots < countableBytes / sizeof(Table::Entry),
                   "more than half of what 32 bits can count, and less than all");
     constexpr bool isMeasurable = sizeof(std::ptrdiff_t) > sizeof(unsigned int);
     if (isMeasurable) {
