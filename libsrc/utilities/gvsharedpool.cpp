@@ -127,10 +127,7 @@ unsigned int GVSharedPoolAccess::lendMany(unsigned int* tokens, unsigned int cou
 }
 
 unsigned int GVSharedPoolAccess::fillCache(unsigned int* tokens, unsigned int count) noexcept {
-    if (thePool.theClosedFlag) {
-        return 0;
-    }
-    const unsigned int moved = (std::min)(count, numberOfFreeTokens(thePool));
+    const unsigned int moved = thePool.theClosedFlag ? 0 : (std::min)(count, numberOfFreeTokens(thePool));
     const auto first = freeTokens().end() - static_cast<std::ptrdiff_t>(moved);
     std::copy(first, freeTokens().end(), tokens);
     freeTokens().erase(first, freeTokens().end());
@@ -225,8 +222,10 @@ void GVSharedPoolAccess::serveWaiters(GVWakeList& wakeList) noexcept {
     }
     if (!thePool.theClosedFlag) {
         const auto now = std::chrono::steady_clock::now();
-        while (!freeTokens().empty() && thePool.theFirstWaiter != nullptr &&
-               now - thePool.theFirstWaiter->theBegin >= theLongestOvertaking) {
+        const auto isOvertakenForTooLong = [now](const GVSharedPoolWaiter* waiter) {
+            return waiter != nullptr && now - waiter->theBegin >= theLongestOvertaking;
+        };
+        while (!freeTokens().empty() && isOvertakenForTooLong(thePool.theFirstWaiter)) {
             wakeList.add(serve(*thePool.theFirstWaiter).theSignal);
         }
     }
@@ -424,14 +423,5 @@ std::ostream& GVSharedPool::print(std::ostream& stream) const {
 }
 
 std::ostream& operator<<(std::ostream& stream, const GVSharedPool& pool) { return pool.print(stream); }
-
-void GVSharedPool::checkThatNobodyUsesIt() const {
-    if (theFirstWaiter != nullptr) {
-        detail::reportMisuse("~GVSharedPool: pool %p: a thread waits for a block", static_cast<const void*>(this));
-    }
-    if (theFirstCache != nullptr) {
-        detail::reportMisuse("~GVSharedPool: pool %p: a cache is alive", static_cast<const void*>(this));
-    }
-}
 
 } // namespace Gilvane

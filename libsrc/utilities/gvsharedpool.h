@@ -455,7 +455,7 @@ inline unsigned int GVSharedPoolAccess::takeFreeToken() noexcept {
 inline void GVSharedPoolAccess::noteHighestLentCount() noexcept {
     const unsigned int outside = thePool.theNumberOfObjects - numberOfFreeTokens(thePool);
     if (expectFalse(outside > thePool.theHighestLentCount)) {
-        const unsigned int lent = outside > thePool.theIdleCachedCount ? outside - thePool.theIdleCachedCount : 0;
+        const unsigned int lent = outside - thePool.theIdleCachedCount;
         thePool.theHighestLentCount = lent > thePool.theHighestLentCount ? lent : thePool.theHighestLentCount;
     }
 }

@@ -43,6 +43,7 @@ GVTokenCache::GVTokenCache(GVSharedPool& pool, unsigned int capacity)
 GVTokenCache::~GVTokenCache() {
     {
         detail::GVSharedPoolAccess access(*thePool);
+        access.beginCacheWork();
         sendBackAll(access);
         access.leave(theRegistration);
     }
@@ -53,14 +54,19 @@ GVTokenCache::~GVTokenCache() {
 std::optional<unsigned int> GVTokenCache::tryBorrowWithLock() {
     const bool areOthersFirst = sendBackIfWanted();
     detail::GVSharedPoolAccess access(*thePool);
-    return !areOthersFirst && fill(access) ? lendLast(theCount.load(std::memory_order_relaxed)) : access.lend();
+    if (areOthersFirst || !fill(access)) {
+        return access.lend();
+    }
+    return lendLast(theCount.load(std::memory_order_relaxed));
 }
 
 std::optional<unsigned int> GVTokenCache::borrowWithLock(const detail::GVPatience& patience) {
     const bool areOthersFirst = sendBackIfWanted();
     detail::GVSharedPoolAccess access(*thePool);
-    return !areOthersFirst && fill(access) ? lendLast(theCount.load(std::memory_order_relaxed))
-                                           : access.lendOrWait(patience);
+    if (areOthersFirst || !fill(access)) {
+        return access.lendOrWait(patience);
+    }
+    return lendLast(theCount.load(std::memory_order_relaxed));
 }
 
 unsigned int GVTokenCache::tryBorrowMany(unsigned int* tokens, unsigned int count) {

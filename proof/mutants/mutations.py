@@ -39,7 +39,8 @@ NEEDED_BY_THE_LINKER = {"theKeptLoan", "theKeptLookup", "theKeptReturn"}
 # The conditions in here are seen by ThreadSanitizer alone.
 FILE_OF_MARKS = "libsrc/base/gvcompiler.h"
 # The files that the hardened build alone runs.
-FILES_OF_CHECKS = {"libsrc/base/gvhardened.h", "libsrc/base/gvhardened.cpp", "libsrc/utilities/gvmemorypoolchecks.cpp"}
+FILES_OF_CHECKS = {"libsrc/base/gvhardened.h", "libsrc/base/gvhardened.cpp", "libsrc/utilities/gvmemorypoolchecks.cpp",
+                   "libsrc/utilities/gvsharedpoolchecks.cpp"}
 WRAPPERS = {"ImplicitCastExpr", "ParenExpr", "ExprWithCleanups", "MaterializeTemporaryExpr", "CXXBindTemporaryExpr"}
 LEAVING = {"ReturnStmt", "ContinueStmt", "BreakStmt", "CXXThrowExpr"}
 

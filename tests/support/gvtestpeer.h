@@ -82,6 +82,7 @@ struct GVTestPeer {
 
     // Shared pools
     static GVMemoryPool& innerPool(GVSharedPool& pool) { return pool.thePool; }
+    static detail::GVAtomicWord& attention(GVSharedPool& pool) { return pool.theAttention; }
 
     /// What a shared pool's lock guards, beside its free list, and what decides what the pool does next.
     struct SharedPoolState {

@@ -6,6 +6,8 @@
 #include <gilvane/base/gvexception.h>
 #include <gilvane/utilities/gvtokencache.h>
 
+#include <gvtestpeer.h>
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -124,6 +126,18 @@ TEST(SharedPoolClosing, stopsCachesThatHoldTokens) {
     EXPECT_FALSE(cache.borrow().has_value());
     EXPECT_FALSE(cache.borrowFor(std::chrono::hours(1)).has_value());
     EXPECT_EQ(pool.getStatistics().theFreeCount, 8U) << "what it held went back";
+}
+
+TEST(SharedPoolClosing, fillsNoCacheThatHasLookedAMomentTooEarly) {
+    GVSharedPool pool(8, 16);
+    GVTokenCache cache(pool, 4);
+    pool.close();
+    // What the cache would have seen, had it looked before.
+    GVTestPeer::attention(pool).store(0);
+    EXPECT_FALSE(cache.tryBorrow().has_value());
+    GVTestPeer::attention(pool).store(0);
+    EXPECT_FALSE(cache.borrow().has_value());
+    EXPECT_EQ(pool.getStatistics().theFreeCount, 8U);
 }
 
 TEST(SharedPoolClosing, leavesABlockThatWasHandedOverBefore) {

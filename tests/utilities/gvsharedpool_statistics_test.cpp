@@ -88,6 +88,33 @@ TEST(SharedPoolStatistics, keepTheHighestNumberOfLentBlocksUntilTheReset) {
     returnAll(pool, tokens);
 }
 
+TEST(SharedPoolStatistics, countNoBlockTwiceInTheHighestNumberThatComesBackAndGoesAgain) {
+    GVSharedPool pool(6, 16);
+    GVTokenCache cache(pool, 4);
+    cache.releaseObject(*cache.tryBorrow()); // two lie in the cache
+    const unsigned int token = *pool.tryBorrow();
+    pool.resetHighestLentCount();
+    pool.releaseObject(token);
+    pool.releaseObject(*pool.tryBorrow());
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 1U);
+    const std::vector<unsigned int> tokens{*pool.tryBorrow(), *pool.tryBorrow()};
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 2U);
+    returnAll(pool, tokens);
+}
+
+TEST(SharedPoolStatistics, boundTheHighestNumberAfterAResetThoughACacheGoes) {
+    GVSharedPool pool(6, 16);
+    {
+        GVTokenCache cache(pool, 6);
+        cache.releaseObject(*cache.tryBorrow()); // three lie in the cache
+        pool.resetHighestLentCount();
+        EXPECT_EQ(pool.getStatistics().theHighestLentCount, 0U);
+    }
+    const std::vector<unsigned int> tokens = borrowAll(pool);
+    EXPECT_GE(pool.getStatistics().theHighestLentCount, 6U);
+    returnAll(pool, tokens);
+}
+
 TEST(SharedPoolStatistics, takeWhatLiesInCachesForLentInTheHighestNumber) {
     GVSharedPool pool(20, 16);
     GVTokenCache cache(pool, 8);

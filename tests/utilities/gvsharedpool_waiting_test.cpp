@@ -72,6 +72,24 @@ struct MovedClock {
 std::atomic<milliseconds::rep> MovedClock::theNow{0};
 std::atomic<int> MovedClock::theCallsBeforeAThrow{-1};
 
+// Returns a block when the wait is long enough for it to be handed over, and throws.
+struct GivingClock {
+    using duration = milliseconds;
+    using rep = duration::rep;
+    using period = duration::period;
+    using time_point = std::chrono::time_point<GivingClock>;
+    static time_point now() {
+        letTheOvertakingEnd();
+        thePool->releaseObject(theGift);
+        throw std::runtime_error("the clock is broken");
+    }
+    static GVSharedPool* thePool;
+    static unsigned int theGift;
+};
+
+GVSharedPool* GivingClock::thePool = nullptr;
+unsigned int GivingClock::theGift = 0;
+
 // The pool's lock is free while the clock is asked.
 struct LookingClock {
     using duration = milliseconds;
@@ -337,6 +355,17 @@ TEST(SharedPoolTimedWaiting, passesOnWhatTheClockThrowsAndLendsNothing) {
     }
     pool.releaseObject(token);
     expectThatNothingIsLost(pool);
+}
+
+TEST(SharedPoolTimedWaiting, givesTheBlockBackThatWasHandedOverWhileTheClockThrew) {
+    GVSharedPool pool(1, 16);
+    GivingClock::thePool = &pool;
+    GivingClock::theGift = *pool.borrow();
+    EXPECT_THROW(pool.borrowUntil(GivingClock::time_point(milliseconds(5))), std::runtime_error);
+    const GVSharedPoolStatistics statistics = pool.getStatistics();
+    EXPECT_EQ(statistics.theFreeCount, 1U);
+    EXPECT_EQ(statistics.theLentCount, 0U);
+    EXPECT_EQ(pool.tryBorrow(), GivingClock::theGift);
 }
 
 TEST(SharedPoolTimedWaiting, keepsTheLockFreeWhileTheClockIsAskedAndLooksOnceMore) {
