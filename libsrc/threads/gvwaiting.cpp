@@ -19,9 +19,9 @@ constexpr long theFutexCall = SYS_futex;
 
 } // namespace
 
-// Results are ignored. Where nobody sleeps, or nothing is mapped any longer, there is nothing to do.
-void GVSignal::wake(const void* address) noexcept {
-    static_cast<void>(syscall(theFutexCall, address, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0));
+// Results are ignored. Where nobody sleeps there is nothing to do.
+void GVSignal::wake() noexcept {
+    static_cast<void>(syscall(theFutexCall, &theWord, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0));
 }
 
 // Results are ignored: the caller looks for itself what has changed.

@@ -52,34 +52,31 @@ class GVPlainLock {
     pthread_mutex_t theMutex;
 };
 
-/// What one thread waits for and another raises. A lock guards it; all but `wake` is done under that lock.
+/// What one thread waits for and another raises, both under the same lock.
 ///
-/// It is a word that the kernel looks at before it lets a thread sleep, in place of a POSIX condition: whoever raises
-/// it wakes the thread after it has released the lock, when the signal may be gone already. That way, the thread that
-/// wakes up finds the lock free, and what it was woken for still there.
+/// It is a word that the kernel looks at before it lets a thread sleep. It is raised and the thread woken before the lock
+/// is released, since the signal may be gone afterwards.
 class GVSignal {
   public:
     GVSignal() noexcept = default;
     GVSignal(const GVSignal&) = delete;
     GVSignal& operator=(const GVSignal&) = delete;
 
-    /// Ends the thread's sleep, now or when it begins, as soon as wake is called with the result.
-    const void* raise() noexcept {
-        // Relaxed: the lock orders it among threads. The kernel's look comes before the store, and wake finds the
-        // thread asleep; or the look comes after it, and the thread does not sleep.
+    /// Ends the thread's sleep, now or when it begins.
+    void raise() noexcept {
+        // Relaxed: the lock orders it among threads. The kernel's look comes before the store, and wake finds the thread
+        // asleep; or the look comes after it, and the thread does not sleep.
         theWord.store(1, std::memory_order_relaxed);
-        return &theWord;
+        wake();
     }
-
-    /// Wakes the thread that sleeps at an address, if one does. With or without the lock: nothing is read there. Where
-    /// something else lies there by now, a thread may wake without reason, which all that sleep in the kernel allow for.
-    static void wake(const void* address) noexcept;
 
     /// Releases `lock` until the signal is raised, or without reason, and holds it again then.
     /// @param time  sleeps no longer than that; noLimit, or more than 0 and less than secondsWithoutLimit
     void wait(GVPlainLock& lock, std::chrono::nanoseconds time) noexcept;
 
   private:
+    void wake() noexcept;
+
     GVAtomicWord theWord{0}; // 1: raised
 };
 

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <iterator>
 #include <limits>
 #include <mutex>
 #include <new>
@@ -167,31 +166,8 @@ unsigned int GVSharedPoolAccess::numberOfCachedTokens(const GVSharedPool& pool) 
         (std::min)(cached, std::uint64_t{pool.theNumberOfObjects - numberOfFreeTokens(pool)}));
 }
 
-// Those who are woken need the lock. So they are woken after its release, as far as the list goes.
-class GVWakeList {
-  public:
-    GVWakeList() noexcept = default;
-    GVWakeList(const GVWakeList&) = delete;
-    GVWakeList& operator=(const GVWakeList&) = delete;
-    ~GVWakeList() { std::for_each(theAddresses, theAddresses + theCount, &GVSignal::wake); }
-
-    void add(GVSignal& signal) noexcept {
-        const void* const address = signal.raise();
-        if (theCount == std::size(theAddresses)) {
-            GVSignal::wake(address);
-        } else {
-            theAddresses[theCount++] = address;
-        }
-    }
-
-  private:
-    const void* theAddresses[16];
-    unsigned int theCount = 0;
-};
-
 void GVSharedPoolAccess::tellWatchersAndUnlock() noexcept {
-    GVWakeList wakeList;
-    serveWaiters(wakeList);
+    serveWaiters();
     tellWatchers();
     thePool.theLock.unlock();
 }
@@ -216,7 +192,7 @@ void GVSharedPoolAccess::tellWatchers() noexcept {
 
 // Hands free blocks to those who were overtaken for too long, and notifies a waiter for each of the others. Those that
 // were notified already, and have not looked yet, count. When the pool is closed, all are notified.
-void GVSharedPoolAccess::serveWaiters(GVWakeList& wakeList) noexcept {
+void GVSharedPoolAccess::serveWaiters() noexcept {
     if (thePool.theFirstWaiter == nullptr || (freeTokens().empty() && !thePool.theClosedFlag)) {
         return;
     }
@@ -226,7 +202,7 @@ void GVSharedPoolAccess::serveWaiters(GVWakeList& wakeList) noexcept {
             return waiter != nullptr && now - waiter->theBegin >= theLongestOvertaking;
         };
         while (!freeTokens().empty() && isOvertakenForTooLong(thePool.theFirstWaiter)) {
-            wakeList.add(serve(*thePool.theFirstWaiter).theSignal);
+            serve(*thePool.theFirstWaiter).theSignal.raise();
         }
     }
     for (GVSharedPoolWaiter* waiter = thePool.theFirstWaiter;
@@ -235,7 +211,7 @@ void GVSharedPoolAccess::serveWaiters(GVWakeList& wakeList) noexcept {
         if (!waiter->isNotified) {
             waiter->isNotified = true;
             ++thePool.theNotifiedCount;
-            wakeList.add(waiter->theSignal);
+            waiter->theSignal.raise();
         }
     }
 }

@@ -21,7 +21,6 @@ namespace detail {
 class GVSharedPoolAccess;
 struct GVRegisteredCache;
 struct GVSharedPoolWaiter;
-class GVWakeList;
 
 /// Where a token of a shared pool is.
 enum GVSharedTokenState : std::uint32_t {
@@ -403,7 +402,7 @@ class GILVANE_EXPORT GVSharedPoolAccess {
     void noteHighestLentCount() noexcept;
     void tellWatchersAndUnlock() noexcept;
     void tellWatchers() noexcept;
-    void serveWaiters(GVWakeList& wakeList) noexcept;
+    void serveWaiters() noexcept;
     void beginWait(GVSharedPoolWaiter& waiter) noexcept;
     void endWait(GVSharedPoolWaiter& waiter) noexcept;
     void leaveQueue(GVSharedPoolWaiter& waiter) noexcept;

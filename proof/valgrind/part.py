@@ -12,8 +12,10 @@ PROGRAMS = ["base_tests", "threads_tests", "datastructures_tests", "utilities_te
             "shared_library_tests"]
 # program, test, why memcheck must report it
 PROVOKING = [
+    ("base_tests", "ObjectStorage.callsEvenANullDeallocationFunction", "calls a null pointer"),
     ("utilities_tests", "MisuseOfTokens.addsAnEntryForAnUnknownToken", "reads through a null pointer"),
     ("utilities_tests", "PoolObject.callsEvenANullDeallocationFunction", "calls a null pointer"),
+    ("utilities_tests", "SmartPointer.callsEvenANullDeallocationFunctionOfACell", "calls a null pointer"),
     ("locking_tests", "TokenLending.popsAfterGrowthWithoutLookingAgain",
      "ends with its pool alive, after a pop from nothing"),
 ]

@@ -45,13 +45,14 @@ writeSources() {
     includes "${reversed[@]}" "${standard[@]}" >"$root/sources/all_before_standard_headers.cpp"
 }
 
-# commands ROOT SOURCES: the compiler's command for each of these sources in each combination, a line each. Headers
-# alone, which take most of the time, see the hardened build once: it includes nothing more.
+# commands ROOT SOURCES: the compiler's command for each of these sources in each combination, a line each. The hardened
+# build, which includes nothing more, is seen in one language version by each compiler, and by headers alone once.
 commands() {
     local root=$1 sources=$2 compiler version hardened source
     for compiler in "${compilers[@]}"; do
         for version in "${versions[@]}"; do
             for hardened in "" " -DGILVANE_HARDENED"; do
+                [[ -z $hardened || $version == "${versions[0]}" ]] || continue
                 for source in "$root"/sources/$sources.cpp; do
                     [[ $source != */alone_* || -z $hardened || $compiler$version == g++c++17 ]] || continue
                     echo "$compiler -std=$version$hardened -I $root/include $source"
