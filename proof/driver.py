@@ -160,6 +160,27 @@ class Proof:
         self.seen += 1
         return found
 
+    def explore(self, target, header, difference, *outputs):
+        """Builds the target over copies with switch points: it must find each planted fault and say so by this pattern,
+        and must find nothing in the sound library. Its figures, which it writes to the first output, are reported."""
+        self.say("planted faults")
+        switched = [fault for fault in faults.forPart(self.part) if fault.isSwitched]
+        planted = self.build(f"planted-{self.part}", [target], flags="-O2",
+                             library=self.plantSwitchPoints(switched, self.part, header)) / "proof" / target
+        for number, fault in self.faults():
+            found = self.find(fault, number, [planted, "--short"], difference, 600, 1)
+            print(f"   found: {fault.name}: in {found[1]}, {found[2]}")
+
+        sound = self.build(f"{self.part}-program", [target], flags="-O2",
+                           library=self.plantSwitchPoints([], f"{self.part}-points", header)) / "proof" / target
+        self.say("the programs")
+        form = ["--short"] if self.isShort else []
+        self.mustSucceed("the library does what it must not", [sound, *form, *outputs], self.folder / "log", 7200)
+        for line in text(outputs[0]).splitlines():
+            name, _, value = line.rpartition(": ")
+            self.figure(name, value)
+        self.countFaults()
+
     def countFaults(self):
         self.figure("planted faults found", self.seen)
 

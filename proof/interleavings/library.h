@@ -1,7 +1,7 @@
 /// @file
 /// The library's side of a program: pools and pointers whose locks and memory are watched.
-#ifndef GILVANE_TESTS_PROOF_INTERLEAVINGS_LIBRARY_H
-#define GILVANE_TESTS_PROOF_INTERLEAVINGS_LIBRARY_H
+#ifndef GILVANE_PROOF_INTERLEAVINGS_LIBRARY_H
+#define GILVANE_PROOF_INTERLEAVINGS_LIBRARY_H
 
 #include "programs.h"
 #include "reference.h"

@@ -3,29 +3,13 @@
 The library is a copy with calls put in where a thread may lose its turn besides its locks: at the accesses that take no
 lock on purpose, and where tokens are taken and looked up (switchpoints.txt)."""
 
-from driver import ROOT, faults, text
+from driver import ROOT
 
 HEADER = ROOT / "proof/interleavings/switchpoints.h"
 
 
 def run(proof):
-    proof.say("planted faults")
-    switched = [fault for fault in faults.forPart(proof.part) if fault.isSwitched]
-    planted = proof.build("planted-interleavings", ["interleavings"], flags="-O2",
-                          library=proof.plantSwitchPoints(switched, "interleavings", HEADER)) / "proof/interleavings"
-    for number, fault in proof.faults():
-        found = proof.find(fault, number, [planted, "--short"],
-                           r"^program ('.*'): the library differs from the reference: (.*); after$", 600, 1)
-        print(f"   found: {fault.name}: in {found[1]}, {found[2]}")
-
-    program = proof.build("interleavings-program", ["interleavings"], flags="-O2",
-                          library=proof.plantSwitchPoints([], "switchpoints", HEADER)) / "proof/interleavings"
-    figures, sights = proof.folder / "figures", proof.folder / "sights"
+    sights = proof.folder / "sights"
     sights.unlink(missing_ok=True)
-    proof.say("the programs")
-    form = ["--short"] if proof.isShort else []
-    proof.mustSucceed("the programs fail", [program, *form, figures, sights], proof.folder / "log", 7200)
-    for line in text(figures).splitlines():
-        name, _, value = line.rpartition(": ")
-        proof.figure(name, value)
-    proof.countFaults()
+    proof.explore("interleavings", HEADER, r"^program ('.*'): the library differs from the reference: (.*); after$",
+                  proof.folder / "figures", sights)

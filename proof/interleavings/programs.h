@@ -1,7 +1,7 @@
 /// @file
 /// The programs whose interleavings are explored.
-#ifndef GILVANE_TESTS_PROOF_INTERLEAVINGS_PROGRAMS_H
-#define GILVANE_TESTS_PROOF_INTERLEAVINGS_PROGRAMS_H
+#ifndef GILVANE_PROOF_INTERLEAVINGS_PROGRAMS_H
+#define GILVANE_PROOF_INTERLEAVINGS_PROGRAMS_H
 
 #include <vector>
 

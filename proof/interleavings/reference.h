@@ -3,8 +3,8 @@
 ///
 /// Its operations call at() exactly where a thread of the library may be stopped, so that the two can be run side by
 /// side under one schedule. Nothing in it needs destruction: it may be given up at any step.
-#ifndef GILVANE_TESTS_PROOF_INTERLEAVINGS_REFERENCE_H
-#define GILVANE_TESTS_PROOF_INTERLEAVINGS_REFERENCE_H
+#ifndef GILVANE_PROOF_INTERLEAVINGS_REFERENCE_H
+#define GILVANE_PROOF_INTERLEAVINGS_REFERENCE_H
 
 #include <array>
 #include <bitset>

@@ -1,7 +1,7 @@
 /// @file
 /// Coroutines in the place of threads, and the orders in which to run them.
-#ifndef GILVANE_TESTS_PROOF_INTERLEAVINGS_SCHEDULER_H
-#define GILVANE_TESTS_PROOF_INTERLEAVINGS_SCHEDULER_H
+#ifndef GILVANE_PROOF_INTERLEAVINGS_SCHEDULER_H
+#define GILVANE_PROOF_INTERLEAVINGS_SCHEDULER_H
 
 #include "switchpoints.h"
 

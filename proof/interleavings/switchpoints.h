@@ -1,7 +1,7 @@
 /// @file
 /// The moments at which one thread may be stopped and another go on.
-#ifndef GILVANE_TESTS_PROOF_INTERLEAVINGS_SWITCHPOINTS_H
-#define GILVANE_TESTS_PROOF_INTERLEAVINGS_SWITCHPOINTS_H
+#ifndef GILVANE_PROOF_INTERLEAVINGS_SWITCHPOINTS_H
+#define GILVANE_PROOF_INTERLEAVINGS_SWITCHPOINTS_H
 
 namespace Gilvane {
 namespace Interleavings {

@@ -7,7 +7,7 @@ def run(proof):
     form = ["--short"] if proof.isShort else []
     proof.mustSucceed("mutants survive, or the list of those that may is wrong",
                       [ROOT / "proof/mutants/prove", *form], proof.folder / "log", 4 * 3600)
-    for line in text(ROOT / "build/prove/mutants.result").splitlines():
+    for line in text(proof.folder / "figures").splitlines():
         name, _, value = line.rpartition(": ")
         if name != "findings":
             proof.figure(name, value)
