@@ -11,8 +11,8 @@ constexpr` and of `#if`, and what handwritten.py lists of that kind. Each such m
 
 Left out are: declarations and their order; `if constexpr (isHardened)`, whose branches are broken by themselves; the
 code of a macro; the conditions in gvcompiler.h, which mark functions for ThreadSanitizer and are watched by the part
-threads. Two assignments of plain values that do not read each other's are not swapped, since that changes
-nothing.
+threads; the order of an access to an atomic, where it is the weakest. Two assignments of plain values that do not read
+each other's are not swapped, since that changes nothing.
 
 Each mutant says whether the hardened build alone runs it: it is then behind `if constexpr (isHardened)`, or in one of
 the files that hold the checks.
@@ -25,6 +25,8 @@ import syntax
 
 WHOLE_NUMBERS = {"int", "short", "char", "long", "unsigned int", "unsigned short", "unsigned char", "unsigned long",
                  "unsigned long long", "long long"}
+# No access to an atomic can be wrong for a stronger order than this one.
+WEAKEST_ORDER = "memory_order_relaxed"
 # What an operator is changed to, besides its negation where it is a comparison.
 OTHER_OPERATORS = {"+": ["-"], "-": ["+"], "*": ["+", "/"], "/": ["*"], "%": ["*"], "&": ["|", "^"], "|": ["&", "^"],
                    "^": ["|", "&"], "<<": [">>"], ">>": ["<<"], "&&": ["||"], "||": ["&&"],
@@ -313,6 +315,8 @@ class Collector:
             self.offer(node, "nullptr")
 
     def onDeclRefExpr(self, node, role, isRvalue):
+        if node.tree["referencedDecl"].get("name") == WEAKEST_ORDER:
+            return
         if node.tree["referencedDecl"]["kind"] == "EnumConstantDecl":
             text = self.text(node)
             self.offer(node, *(f"static_cast<decltype({text})>({text} {change})" for change in ("+ 1", "- 1")))
