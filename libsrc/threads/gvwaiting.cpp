@@ -1,6 +1,7 @@
 #include <gilvane/threads/gvwaiting.h>
 
 #include <ctime>
+#include <limits>
 
 #include <linux/futex.h>
 #include <sys/syscall.h>
@@ -20,21 +21,25 @@ constexpr long theFutexCall = SYS_futex;
 } // namespace
 
 // Results are ignored. Where nobody sleeps there is nothing to do.
-void GVSignal::wake() noexcept {
-    static_cast<void>(syscall(theFutexCall, &theWord, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0));
+void GVEventCount::wake(Marks marks) noexcept {
+    constexpr int all = (std::numeric_limits<int>::max)();
+    static_cast<void>(syscall(theFutexCall, &theCount, FUTEX_WAKE_BITSET_PRIVATE, all, nullptr, nullptr, marks));
 }
 
 // Results are ignored: the caller looks for itself what has changed.
-void GVSignal::wait(GVPlainLock& lock, std::chrono::nanoseconds time) noexcept {
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
-    timespec limit = {};
-    limit.tv_sec = static_cast<decltype(limit.tv_sec)>(seconds.count());
-    limit.tv_nsec = static_cast<decltype(limit.tv_nsec)>((time - seconds).count());
-    theWord.store(0, std::memory_order_relaxed); // relaxed: the lock orders it, see raise
+void GVEventCount::wait(GVPlainLock& lock, Marks mark, std::chrono::nanoseconds time) noexcept {
+    timespec end = {};
+    if (time != noLimit) {
+        // The kernel counts in this clock's time, from its beginning.
+        const std::chrono::nanoseconds until = std::chrono::steady_clock::now().time_since_epoch() + time;
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(until);
+        end.tv_sec = static_cast<decltype(end.tv_sec)>(seconds.count());
+        end.tv_nsec = static_cast<decltype(end.tv_nsec)>((until - seconds).count());
+    }
+    const std::uint32_t count = theCount.load(std::memory_order_relaxed); // relaxed: the lock orders it, see advance
     lock.unlock();
-    // The kernel measures the time by the steady clock.
-    static_cast<void>(
-        syscall(theFutexCall, &theWord, FUTEX_WAIT_PRIVATE, 0, time == noLimit ? nullptr : &limit, nullptr, 0));
+    static_cast<void>(syscall(theFutexCall, &theCount, FUTEX_WAIT_BITSET_PRIVATE, count,
+                              time == noLimit ? nullptr : &end, nullptr, mark));
     lock.lock();
 }
 

@@ -52,32 +52,36 @@ class GVPlainLock {
     pthread_mutex_t theMutex;
 };
 
-/// What one thread waits for and another raises, both under the same lock.
+/// What threads sleep by until others, under the same lock, say that something has happened: an event count.
 ///
-/// It is a word that the kernel looks at before it lets a thread sleep. It is raised and the thread woken before the lock
-/// is released, since the signal may be gone afterwards.
-class GVSignal {
+/// It is a word that the kernel looks at before it lets a thread sleep. Each sleeper has a mark, so that only those are
+/// woken for whom something has happened; where several have the same one, all of them are. They are woken after the
+/// lock was released, since they want it at once.
+class GVEventCount {
   public:
-    GVSignal() noexcept = default;
-    GVSignal(const GVSignal&) = delete;
-    GVSignal& operator=(const GVSignal&) = delete;
+    /// A bit for each of the marks.
+    using Marks = std::uint32_t;
 
-    /// Ends the thread's sleep, now or when it begins.
-    void raise() noexcept {
+    /// One of the marks, in turn.
+    static Marks markOf(unsigned int number) noexcept { return Marks{1} << number % 32; }
+
+    /// To be called under the lock, before wake: nobody falls asleep any more who has not seen what happened.
+    void advance() noexcept {
         // Relaxed: the lock orders it among threads. The kernel's look comes before the store, and wake finds the thread
         // asleep; or the look comes after it, and the thread does not sleep.
-        theWord.store(1, std::memory_order_relaxed);
-        wake();
+        theCount.store(theCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
 
-    /// Releases `lock` until the signal is raised, or without reason, and holds it again then.
+    /// Wakes the sleepers with those marks.
+    void wake(Marks marks) noexcept;
+
+    /// Releases `lock` until the sleeper is woken, or without reason, and holds it again then.
+    /// @param mark  the sleeper's
     /// @param time  sleeps no longer than that; noLimit, or more than 0 and less than secondsWithoutLimit
-    void wait(GVPlainLock& lock, std::chrono::nanoseconds time) noexcept;
+    void wait(GVPlainLock& lock, Marks mark, std::chrono::nanoseconds time) noexcept;
 
   private:
-    void wake() noexcept;
-
-    GVAtomicWord theWord{0}; // 1: raised
+    GVAtomicWord theCount{0}; // modulo 2^32: nobody stays on his way to sleep for that long
 };
 
 /// How long a borrower waits.

@@ -20,7 +20,7 @@ namespace detail {
 
 /// A thread that waits for a block, in its pool's queue. It lives on the thread's own stack; the pool's lock guards it.
 struct GVSharedPoolWaiter {
-    GVSignal theSignal;
+    GVEventCount::Marks theMark = 0;
     std::chrono::steady_clock::time_point theBegin = std::chrono::steady_clock::now();
     GVSharedPoolWaiter* thePrevious = nullptr; // waits longer
     GVSharedPoolWaiter* theNext = nullptr;
@@ -167,9 +167,13 @@ unsigned int GVSharedPoolAccess::numberOfCachedTokens(const GVSharedPool& pool) 
 }
 
 void GVSharedPoolAccess::tellWatchersAndUnlock() noexcept {
-    serveWaiters();
+    const GVEventCount::Marks woken = serveWaiters();
     tellWatchers();
     thePool.theLock.unlock();
+    // The pool is there: this thread's operation has not ended.
+    if (woken != 0) {
+        thePool.theEvents.wake(woken);
+    }
 }
 
 // Says what is so to caches and to those who poll.
@@ -191,18 +195,20 @@ void GVSharedPoolAccess::tellWatchers() noexcept {
 }
 
 // Hands free blocks to those who were overtaken for too long, and notifies a waiter for each of the others. Those that
-// were notified already, and have not looked yet, count. When the pool is closed, all are notified.
-void GVSharedPoolAccess::serveWaiters() noexcept {
+// were notified already, and have not looked yet, count. When the pool is closed, all are notified. Returns whom to wake
+// when the lock is released.
+GVEventCount::Marks GVSharedPoolAccess::serveWaiters() noexcept {
     if (thePool.theFirstWaiter == nullptr || (freeTokens().empty() && !thePool.theClosedFlag)) {
-        return;
+        return 0;
     }
+    GVEventCount::Marks woken = 0;
     if (!thePool.theClosedFlag) {
         const auto now = std::chrono::steady_clock::now();
         const auto isOvertakenForTooLong = [now](const GVSharedPoolWaiter* waiter) {
             return waiter != nullptr && now - waiter->theBegin >= theLongestOvertaking;
         };
         while (!freeTokens().empty() && isOvertakenForTooLong(thePool.theFirstWaiter)) {
-            serve(*thePool.theFirstWaiter).theSignal.raise();
+            woken |= serve(*thePool.theFirstWaiter).theMark;
         }
     }
     for (GVSharedPoolWaiter* waiter = thePool.theFirstWaiter;
@@ -211,9 +217,13 @@ void GVSharedPoolAccess::serveWaiters() noexcept {
         if (!waiter->isNotified) {
             waiter->isNotified = true;
             ++thePool.theNotifiedCount;
-            waiter->theSignal.raise();
+            woken |= waiter->theMark;
         }
     }
+    if (woken != 0) {
+        thePool.theEvents.advance();
+    }
+    return woken;
 }
 
 void GVSharedPoolAccess::beginWait(GVSharedPoolWaiter& waiter) noexcept {
@@ -221,7 +231,7 @@ void GVSharedPoolAccess::beginWait(GVSharedPoolWaiter& waiter) noexcept {
     (waiter.thePrevious != nullptr ? waiter.thePrevious->theNext : thePool.theFirstWaiter) = &waiter;
     thePool.theLastWaiter = &waiter;
     waiter.isQueued = true;
-    ++thePool.theWaitCount;
+    waiter.theMark = GVEventCount::markOf(thePool.theWaitCount++);
 }
 
 // A waiter that was handed a block has it taken already, unless the clock threw.
@@ -260,7 +270,7 @@ GVSharedPoolWaiter& GVSharedPoolAccess::serve(GVSharedPoolWaiter& waiter) noexce
 // For a waiter that has looked, and found nothing.
 void GVSharedPoolAccess::sleep(GVSharedPoolWaiter& waiter, std::chrono::nanoseconds timeLeft) noexcept {
     forgetNotification(waiter);
-    waiter.theSignal.wait(thePool.theLock, timeLeft);
+    thePool.theEvents.wait(thePool.theLock, waiter.theMark, timeLeft);
 }
 
 std::chrono::nanoseconds GVSharedPoolAccess::askUnlocked(const GVPatience& patience) {
@@ -287,6 +297,19 @@ void GVSharedPoolAccess::announceReadiness() noexcept {
 }
 
 } // namespace detail
+
+// --- the numbers -----------------------------------------------------------------------------------------------------
+
+std::ostream& GVSharedPoolStatistics::print(std::ostream& stream) const {
+    using Milliseconds = std::chrono::duration<double, std::milli>;
+    return stream << theNumberOfObjects << " blocks: " << theLentCount << " lent, " << theCachedCount << " in caches, "
+                  << theFreeCount << " free; at most " << theHighestLentCount << " lent; " << theWaitCount << " waits, "
+                  << theTimeoutCount << " timeouts, the longest wait " << Milliseconds(theLongestWait).count() << " ms";
+}
+
+std::ostream& operator<<(std::ostream& stream, const GVSharedPoolStatistics& statistics) {
+    return statistics.print(stream);
+}
 
 // --- the pool --------------------------------------------------------------------------------------------------------
 

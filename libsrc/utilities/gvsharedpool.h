@@ -1,5 +1,6 @@
 /// @file
-/// The pool that threads share: bounded, waiting, checked.
+/// The pool that threads share: bounded, waiting, checked. GVSharedPool is what a program uses, with GVTokenCache where a
+/// thread borrows often and GVSharedTokenLease where a loan is to return by itself. What is in `detail` is theirs.
 #ifndef GILVANE_UTILITIES_GVSHAREDPOOL_H
 #define GILVANE_UTILITIES_GVSHAREDPOOL_H
 
@@ -127,17 +128,36 @@ class GILVANE_EXPORT GVSharedPoolStatistics : public GVObject {
     unsigned int theWaitCount = 0;    ///< waits that began, those with a time of 0 included
     unsigned int theTimeoutCount = 0; ///< waits that ended because their time was over, with nothing to lend
     std::chrono::nanoseconds theLongestWait = std::chrono::nanoseconds::zero(); ///< of the waits that ended
+
+    /// Writes the numbers in one line of text, without its end.
+    /// @returns `stream`
+    std::ostream& print(std::ostream& stream) const;
 };
+
+/// Writes the numbers of a shared pool, as GVSharedPoolStatistics::print.
+GILVANE_EXPORT std::ostream& operator<<(std::ostream& stream, const GVSharedPoolStatistics& statistics);
 
 /// Lends a fixed number of blocks of one size, by token, to many threads.
 ///
 /// All blocks are built at construction; the pool never grows, shrinks or is rebuilt. A borrower that finds no free
-/// block goes without, or waits. A token is turned into an address in one step, without a lock. Tokens are checked: one
-/// that is not this pool's, or that is free, is refused.
+/// block goes without, or waits. A token is turned into an address in one step, without a lock. Any number may be a
+/// token, also 0. Tokens are checked: one that is not this pool's, or that is free, is refused. One that was returned too
+/// often is taken for the loan of whoever has borrowed the block since.
+///
+///     GVSharedPool pool(32, 256);                             // 32 blocks of 256 bytes, for all threads
+///     // a thread that produces
+///     if (const std::optional<unsigned int> token = pool.borrow()) {
+///         write(pool.getMemoryForToken(*token), ...);
+///         queue.push(*token);                                 // any queue carries a number
+///     }                                                       // empty: the pool was closed
+///     // a thread that consumes
+///     const unsigned int token = queue.pop();
+///     read(pool.getMemoryForToken(token), ...);
+///     pool.releaseObject(token);
 ///
 /// The block returned last is lent first. A running thread may overtake those that wait, for speed; whoever has waited
-/// for a millisecond is handed the next block directly, the one that waits longest first. Waiting uses no processor
-/// time. What comes back in one step wakes as many waiters as it can serve.
+/// for a millisecond is handed the next block directly, the one that waits longest first. When it runs is the system's
+/// affair. Waiting uses no processor time. What comes back in one step wakes as many waiters as it can serve.
 ///
 /// The pool stands on a GVMemoryPool of its own, without a lock: blocks, tokens, header words and dumps are as there.
 /// Of several pools made by several threads at once each gets all its tokens before the next one gets any; allocation
@@ -179,19 +199,22 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVSharedPool : public GVObject {
     /// otherwise.
     /// @{
 
-    /// Lends a block, without waiting.
+    /// Lends a block, without waiting. Blocks in caches do not count as free, however often it is tried: only who waits
+    /// makes caches send back what they hold.
     /// @returns its token; empty when none is free or the pool is closed
-    std::optional<unsigned int> tryBorrow();
+    [[nodiscard]] std::optional<unsigned int> tryBorrow();
 
-    /// Lends a block; waits for one as long as it takes.
+    /// Lends a block; waits for one as long as it takes: for ever where nobody returns one, or where the free ones lie
+    /// in a cache whose thread does nothing (see GVTokenCache).
     /// @returns its token; empty when the pool is closed, now or while it waits
-    std::optional<unsigned int> borrow();
+    [[nodiscard]] std::optional<unsigned int> borrow();
 
     /// Lends a block; waits for one no longer than `time`.
-    /// @param time  0 or less asks once; more than thirty years waits without limit
+    /// @param time  0 or less asks once, and counts as a wait, for which caches that work send back what they hold; more
+    ///              than thirty years waits without limit
     /// @returns its token; empty when the time is over or the pool is closed
     template <typename Representation, typename Period>
-    std::optional<unsigned int> borrowFor(const std::chrono::duration<Representation, Period>& time) {
+    [[nodiscard]] std::optional<unsigned int> borrowFor(const std::chrono::duration<Representation, Period>& time) {
         return borrowUntil(detail::deadlineAfter(time));
     }
 
@@ -200,11 +223,12 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVSharedPool : public GVObject {
     /// @returns its token; empty when the time is over or the pool is closed
     /// @throws what the clock throws; nothing is lent then
     template <typename Clock, typename Duration>
-    std::optional<unsigned int> borrowUntil(const std::chrono::time_point<Clock, Duration>& deadline) {
+    [[nodiscard]] std::optional<unsigned int> borrowUntil(const std::chrono::time_point<Clock, Duration>& deadline) {
         return borrowWith({&detail::timeLeftUntil<std::chrono::time_point<Clock, Duration>>, &deadline});
     }
 
-    /// The address of a block's first byte; null in a pool whose blocks have none.
+    /// The address of a block's first byte, aligned for any type but an over-aligned one as long as the allocation hooks
+    /// give such memory, as the default ones do; null in a pool whose blocks have none.
     /// @param token  of this pool, lent or not
     /// @throws GVException     kind gvinvalidstate: the token is not this pool's; nothing has changed
     /// @throws std::bad_alloc  no memory for the exception's own texts; likewise
@@ -230,8 +254,8 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVSharedPool : public GVObject {
     /// @name Closing
     /// @{
 
-    /// Ends all waits, and lends nothing from now on, by caches neither. Blocks come back as before. A second call does
-    /// nothing.
+    /// Ends all waits, and lends nothing from now on, by caches neither. Blocks come back as before; those in a cache come
+    /// with its next work, or when it goes. A second call does nothing.
     /// @par Complexity  linear in the waiters
     void close() noexcept;
 
@@ -244,9 +268,11 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVSharedPool : public GVObject {
     /// @{
 
     /// A descriptor for poll and epoll: readable while a block is in the free list, and when the pool is closed. Made
-    /// when it is first asked for; each change of readiness costs a system call from then on. Poll it, never read it.
-    /// Blocks in caches do not count: while a descriptor exists and no block is free, that counts as somebody waiting,
-    /// and caches send back what they hold.
+    /// when it is first asked for; each change of readiness costs a system call from then on.
+    ///
+    /// Poll it, level-triggered, and never read it. Then call tryBorrow. It may find nothing, since other threads may be
+    /// faster: ask isClosed, and poll again. Blocks in caches do not count: while a descriptor exists and no block is
+    /// free, that counts as somebody waiting, and each cache sends back what it holds with its next work.
     /// @returns the same one at each call, non-blocking and closed by exec. It is closed with the pool
     /// @throws GVException     kind gvoutofmemory: there is no descriptor to be had; nothing has changed
     /// @throws std::bad_alloc  no memory for the exception's own texts; likewise
@@ -265,7 +291,8 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVSharedPool : public GVObject {
     /// Bytes in each of them.
     unsigned int getBytesInEachObject() const noexcept { return theBytesInEachObject; }
 
-    /// Writes the pool that the blocks are in as text. Takes no lock: what it writes never changes.
+    /// Writes the pool that the blocks are in as text; its numbers are in getStatistics. Takes no lock: what it writes
+    /// never changes.
     /// @returns `stream`
     std::ostream& print(std::ostream& stream) const;
 
@@ -302,8 +329,9 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVSharedPool : public GVObject {
     unsigned int theIdleCachedCount = 0;  // lie in caches since the last reset; 0 once any cache has worked
     unsigned int theWaitCount = 0;
     unsigned int theTimeoutCount = 0;
-    int theDescriptor = -1;    // an eventfd, or -1 when nobody has asked for one
-    bool theReadiness = false; // whether the descriptor is readable
+    detail::GVEventCount theEvents; // what the waiters sleep by
+    int theDescriptor = -1;         // an eventfd, or -1 when nobody has asked for one
+    bool theReadiness = false;      // whether the descriptor is readable
     bool theClosedFlag = false;
     bool isWatched = false; // whether there is a waiter, a descriptor, a closing or an idle count to see to
     std::chrono::nanoseconds theLongestWait = std::chrono::nanoseconds::zero();
@@ -402,7 +430,7 @@ class GILVANE_EXPORT GVSharedPoolAccess {
     void noteHighestLentCount() noexcept;
     void tellWatchersAndUnlock() noexcept;
     void tellWatchers() noexcept;
-    void serveWaiters() noexcept;
+    GVEventCount::Marks serveWaiters() noexcept;
     void beginWait(GVSharedPoolWaiter& waiter) noexcept;
     void endWait(GVSharedPoolWaiter& waiter) noexcept;
     void leaveQueue(GVSharedPoolWaiter& waiter) noexcept;

@@ -27,8 +27,8 @@ inline constexpr const char* sharedTokenLeaseFile = "libsrc/utilities/gvsharedto
 /// Borrows a block of a shared pool when it is made and returns it when it goes.
 ///
 /// It is made from a shared pool or from a cache. In both cases it returns to the pool: so a lease that was taken
-/// through a cache may end in any thread, and outlive the cache. A lease without more words does not wait, and is empty
-/// when nothing came; those that wait say so in their names.
+/// through a cache may end in any thread, and outlive the cache. The constructors do not wait, and make an empty lease
+/// when nothing came. To wait, call wait, waitFor or waitUntil.
 ///
 /// It is a class beside GVTokenLease, which keeps its layout: that one shares the ownership of its pool, and always
 /// holds a block.
@@ -52,7 +52,8 @@ class [[nodiscard]] GVSharedTokenLease : public GVObject {
     explicit GVSharedTokenLease(GVTokenCache& cache) { hold(poolOf(cache), cache.tryBorrow()); }
 
     /// Takes over a loan that was made before, maybe by another thread.
-    /// @param token  lent by the pool or by one of its caches
+    /// @param token  lent by the pool or by one of its caches, and adopted by no other lease: two would return it twice,
+    ///               the second time perhaps from whoever has borrowed the block since
     /// @throws GVException     kind gvinvalidstate: the token is not this pool's, or is free; nothing has changed
     /// @throws std::bad_alloc  no memory for the exception's own texts; likewise
     GVSharedTokenLease(GVSharedPool& pool, unsigned int token, GVAdoptedLoan) {
@@ -62,7 +63,7 @@ class [[nodiscard]] GVSharedTokenLease : public GVObject {
         hold(pool, token);
     }
 
-    /// As from the pool behind the cache.
+    /// As from the pool behind the cache. The block returns to the pool, not into the cache.
     GVSharedTokenLease(GVTokenCache& cache, unsigned int token, GVAdoptedLoan loan)
         : GVSharedTokenLease(poolOf(cache), token, loan) {}
 
@@ -73,17 +74,17 @@ class [[nodiscard]] GVSharedTokenLease : public GVObject {
     /// A lease that waits for its block as GVSharedPool::borrow; empty when the pool is closed.
     template <typename Lender>
     static GVSharedTokenLease wait(Lender& lender) {
-        return GVSharedTokenLease(poolOf(lender), lender.borrow());
+        return of(poolOf(lender), lender.borrow());
     }
     /// A lease that waits for its block as GVSharedPool::borrowFor; empty when nothing came.
     template <typename Lender, typename Representation, typename Period>
     static GVSharedTokenLease waitFor(Lender& lender, const std::chrono::duration<Representation, Period>& time) {
-        return GVSharedTokenLease(poolOf(lender), lender.borrowFor(time));
+        return of(poolOf(lender), lender.borrowFor(time));
     }
     /// A lease that waits for its block as GVSharedPool::borrowUntil; empty when nothing came.
     template <typename Lender, typename Clock, typename Duration>
     static GVSharedTokenLease waitUntil(Lender& lender, const std::chrono::time_point<Clock, Duration>& deadline) {
-        return GVSharedTokenLease(poolOf(lender), lender.borrowUntil(deadline));
+        return of(poolOf(lender), lender.borrowUntil(deadline));
     }
 
     /// @}
@@ -151,8 +152,11 @@ class [[nodiscard]] GVSharedTokenLease : public GVObject {
   private:
     friend struct GVTestPeer;
 
-    GVSharedTokenLease(GVSharedPool& pool, std::optional<unsigned int> token) { hold(pool, token); }
-
+    static GVSharedTokenLease of(GVSharedPool& pool, std::optional<unsigned int> token) {
+        GVSharedTokenLease lease;
+        lease.hold(pool, token);
+        return lease;
+    }
     static GVSharedPool& poolOf(GVSharedPool& pool) noexcept { return pool; }
     static GVSharedPool& poolOf(GVTokenCache& cache) noexcept { return cache.getPool(); }
     void hold(GVSharedPool& pool, std::optional<unsigned int> token) noexcept;

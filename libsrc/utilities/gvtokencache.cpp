@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <new>
 
 namespace Gilvane {
 
@@ -22,10 +21,9 @@ unsigned int* allocateTokens(unsigned int capacity) {
         throw GVException("A cache needs a capacity.", theSourceFile, __LINE__, gvinvalidstate, 0);
     }
     GVStdAllocator<unsigned int> allocator;
-    if (capacity > allocator.max_size() - 2 * thePaddingTokens) {
-        throw std::bad_alloc();
-    }
-    return allocator.allocate(capacity + 2 * thePaddingTokens) + thePaddingTokens;
+    // More than the allocator can have is refused by it. The sum does not wrap where it has 32 bits.
+    const std::size_t room = (std::min)(std::size_t{capacity}, allocator.max_size());
+    return allocator.allocate(room + 2 * thePaddingTokens) + thePaddingTokens;
 }
 
 void deallocateTokens(unsigned int* tokens) { GVStdAllocator<unsigned int>().deallocate(tokens - thePaddingTokens, 0); }

@@ -21,12 +21,14 @@ namespace Gilvane {
 /// its capacity already first gives the oldest half back, so that what is warm stays. The token returned last is lent
 /// first. Tokens may be returned to any cache of the pool, or to the pool itself.
 ///
-/// What lies in a cache is not free to others. The pool makes up for it:
-///   - while anybody waits for a block, or the pool is closed, the next loan from or return to a cache sends all that
-///     it holds to the pool. A descriptor waits as long as no block is free
-///   - a cache whose thread does nothing is not reached: call flush before idling
-///   - a cache never holds more than its capacity. So at least the pool's blocks, less those lent and less the sum of
-///     the caches' capacities, are free to whoever asks
+/// What lies in a cache is not free to others:
+///   - **call flush before the thread waits for anything but a block of this pool**: a queue, a socket, another thread.
+///     Nobody else reaches what lies in a cache whose thread does nothing, and others may wait for it for ever
+///   - keep the sum of the capacities below the number of blocks. At least the pool's blocks, less those lent and less
+///     that sum, are free to whoever asks. With few blocks, half a default capacity may be all that there are
+///   - while anybody waits for a block, or the pool is closed, the next loan from or return to a cache sends all that it
+///     holds to the pool. The loan is then one from the pool, behind whoever has waited for a millisecond. A descriptor
+///     counts as somebody waiting while no block is free; tryBorrow does not wait
 ///
 /// @par Invariants
 ///   1. theCount <= theCapacity
@@ -39,7 +41,8 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVTokenCache : public GVObject {
   public:
     /// An empty cache, known to its pool. No later operation allocates.
     /// @param pool      outlives the cache
-    /// @param capacity  tokens that the cache can hold
+    /// @param capacity  tokens that the cache can hold. A small one leaves more to others, a large one takes the lock
+    ///                  less often
     /// @throws GVException     kind gvinvalidstate: the capacity is 0; nothing has changed
     /// @throws std::bad_alloc  no memory for the tokens or for the exception's own texts; likewise
     /// @par Threads  takes the pool's lock
@@ -59,7 +62,7 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVTokenCache : public GVObject {
     /// @{
 
     /// As GVSharedPool::tryBorrow.
-    std::optional<unsigned int> tryBorrow() {
+    [[nodiscard]] std::optional<unsigned int> tryBorrow() {
         const unsigned int count = theCount.load(std::memory_order_relaxed); // relaxed: this thread alone writes it
         if (detail::expectFalse(count == 0 || isAttentionAsked())) {
             return tryBorrowWithLock();
@@ -68,17 +71,17 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVTokenCache : public GVObject {
     }
 
     /// As GVSharedPool::borrow.
-    std::optional<unsigned int> borrow() { return borrowWith({nullptr, nullptr}); }
+    [[nodiscard]] std::optional<unsigned int> borrow() { return borrowWith({nullptr, nullptr}); }
 
     /// As GVSharedPool::borrowFor.
     template <typename Representation, typename Period>
-    std::optional<unsigned int> borrowFor(const std::chrono::duration<Representation, Period>& time) {
+    [[nodiscard]] std::optional<unsigned int> borrowFor(const std::chrono::duration<Representation, Period>& time) {
         return borrowUntil(detail::deadlineAfter(time));
     }
 
     /// As GVSharedPool::borrowUntil.
     template <typename Clock, typename Duration>
-    std::optional<unsigned int> borrowUntil(const std::chrono::time_point<Clock, Duration>& deadline) {
+    [[nodiscard]] std::optional<unsigned int> borrowUntil(const std::chrono::time_point<Clock, Duration>& deadline) {
         return borrowWith({&detail::timeLeftUntil<std::chrono::time_point<Clock, Duration>>, &deadline});
     }
 
@@ -87,7 +90,7 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVTokenCache : public GVObject {
     /// @param tokens  where the tokens are written; room for `count`
     /// @returns how many came; 0 when the pool is closed
     /// @par Complexity  linear in what came
-    unsigned int tryBorrowMany(unsigned int* tokens, unsigned int count);
+    [[nodiscard]] unsigned int tryBorrowMany(unsigned int* tokens, unsigned int count);
 
     /// As GVSharedPool::getMemoryForToken.
     void* getMemoryForToken(unsigned int token) const {

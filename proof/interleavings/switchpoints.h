@@ -29,7 +29,7 @@ enum class Step : unsigned char {
     write,  ///< a word
     sleep,  ///< until somebody wakes the thread
     doze,   ///< likewise, or until it wakes up by itself
-    wake,   ///< the thread that sleeps at a word
+    wake,   ///< threads that sleep at a word
     choose, ///< one of so many ways to go on
 };
 

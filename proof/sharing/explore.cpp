@@ -31,7 +31,6 @@
 #include <new>
 #include <optional>
 #include <set>
-#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -87,6 +86,7 @@ struct Runner {
     bool isInOperation = false;
     bool isBetweenOperations = false; // has ended one, and has not done anything since
     bool isAwake = true;              // nobody has to wake it
+    std::uint32_t mark = 0;           // by which it is woken
     unsigned int mostBusy = 0;        // blocks that may have been out of reach at a time during the operation
     bool wasClosedBefore = false;     // the operation
     unsigned int clockAnswers = 0;
@@ -113,7 +113,6 @@ struct TraceEntry {
     unsigned int picked;
 };
 std::vector<TraceEntry> theTrace;
-std::unordered_map<const void*, unsigned int> theWords; // the number of the last one that was made at an address
 
 Runner& runner(int number) { return theRunners[static_cast<std::size_t>(number)]; }
 
@@ -358,7 +357,6 @@ void runThread(int number) {
 void prepare() {
     Arena::reset();
     theTrace.clear();
-    theWords.clear();
     theContents.fill(0);
     theSum = 0;
     theHolders.fill(-1);
@@ -585,7 +583,6 @@ Shared::Shared() noexcept
 }
 
 Word::Word(std::uint32_t value) noexcept : theValue(value) {
-    theWords[this] = theIdentity.number();
     setContent(theIdentity.number(), value);
 }
 
@@ -613,24 +610,23 @@ bool Word::compare_exchange_strong(std::uint32_t& expected, std::uint32_t desire
     return true;
 }
 
-void Word::sleepWhileZero(bool isTimed) noexcept {
+void Word::sleepAt(std::uint32_t value, std::uint32_t mark, bool isTimed) noexcept {
     // The kernel looks at the word, and lets the thread sleep, at one moment.
     Interleavings::at(Step::read, theIdentity.number());
     note(theValue);
-    if (theValue == 0) {
+    if (theValue == value) {
         runner(theCurrent).isAwake = false;
+        runner(theCurrent).mark = mark;
         Interleavings::at(isTimed ? Step::doze : Step::sleep, theIdentity.number());
         runner(theCurrent).isAwake = true;
     }
 }
 
-// Of a word that is gone nothing is read. At its address there may be another one by now, whose thread is then woken for
-// nothing, which it must bear.
-void Word::wake(const void* word) noexcept {
-    const unsigned int number = theWords.at(word);
+void Word::wake(std::uint32_t marks) const noexcept {
+    const unsigned int number = theIdentity.number();
     Interleavings::at(Step::wake, number);
     for (Runner& thread : theRunners) {
-        if (!thread.isAwake && thread.next.subject == number) {
+        if (!thread.isAwake && thread.next.subject == number && (thread.mark & marks) != 0) {
             thread.isAwake = true;
         }
     }

@@ -31,11 +31,12 @@ class Word {
     std::uint32_t load(std::memory_order) const noexcept;
     void store(std::uint32_t value, std::memory_order) noexcept;
     bool compare_exchange_strong(std::uint32_t& expected, std::uint32_t desired, std::memory_order) noexcept;
-    /// Releases nothing and holds nothing: sleeps while the word is 0, until somebody wakes the thread.
+    /// Releases nothing and holds nothing: sleeps if the word has that value, until somebody wakes the thread.
+    /// @param mark     by which it is woken
     /// @param isTimed  whether it may also wake up by itself
-    void sleepWhileZero(bool isTimed) noexcept;
-    /// Wakes the thread that sleeps at the word, which may be gone, if one does.
-    static void wake(const void* word) noexcept;
+    void sleepAt(std::uint32_t value, std::uint32_t mark, bool isTimed) noexcept;
+    /// Wakes the threads that sleep at the word and have one of those marks.
+    void wake(std::uint32_t marks) const noexcept;
 
   private:
     std::uint32_t theValue;

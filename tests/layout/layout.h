@@ -111,7 +111,7 @@
     FIELD(GVSharedPoolStatistics, theWaitCount, 24, 28)                                                 \
     FIELD(GVSharedPoolStatistics, theTimeoutCount, 28, 32)                                              \
     FIELD(GVSharedPoolStatistics, theLongestWait, 32, 40)                                               \
-    CLASS(GVSharedPool, GVSharedPool, 472, 8, 672, 8)                                                   \
+    CLASS(GVSharedPool, GVSharedPool, 480, 8, 672, 8)                                                   \
     FIELD(GVSharedPool, thePaddingBefore, 4, 8)                                                         \
     FIELD(GVSharedPool, theDirectory, 68, 72)                                                           \
     FIELD(GVSharedPool, theAttention, 84, 96)                                                           \
@@ -128,11 +128,12 @@
     FIELD(GVSharedPool, theIdleCachedCount, 444, 640)                                                   \
     FIELD(GVSharedPool, theWaitCount, 448, 644)                                                         \
     FIELD(GVSharedPool, theTimeoutCount, 452, 648)                                                      \
-    FIELD(GVSharedPool, theDescriptor, 456, 652)                                                        \
-    FIELD(GVSharedPool, theReadiness, 460, 656)                                                         \
-    FIELD(GVSharedPool, theClosedFlag, 461, 657)                                                        \
-    FIELD(GVSharedPool, isWatched, 462, 658)                                                            \
-    FIELD(GVSharedPool, theLongestWait, 464, 664)                                                       \
+    FIELD(GVSharedPool, theEvents, 456, 652)                                                            \
+    FIELD(GVSharedPool, theDescriptor, 460, 656)                                                        \
+    FIELD(GVSharedPool, theReadiness, 464, 660)                                                         \
+    FIELD(GVSharedPool, theClosedFlag, 465, 661)                                                        \
+    FIELD(GVSharedPool, isWatched, 466, 662)                                                            \
+    FIELD(GVSharedPool, theLongestWait, 472, 664)                                                       \
     CLASS(GVTokenCache, GVTokenCache, 180, 4, 216, 8)                                                   \
     FIELD(GVTokenCache, thePaddingBefore, 4, 8)                                                         \
     FIELD(GVTokenCache, theCount, 68, 72)                                                               \

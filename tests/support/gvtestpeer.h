@@ -99,6 +99,7 @@ struct GVTestPeer {
     }
 
     // Caches: where what every operation uses begins and ends, and where other threads write
+    static const unsigned int* tokensOf(const GVTokenCache& cache) { return cache.theTokens; }
     struct HotFields {
         const void* theFirst;
         const void* theLast;

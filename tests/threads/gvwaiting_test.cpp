@@ -2,16 +2,28 @@
 
 #include "hookledger.h"
 #include "noposixmutexes.h"
+#include "sharedpoolsupport.h"
 #include "throwsites.h"
 
 #include <gilvane/utilities/gvsharedpool.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <fstream>
 #include <limits>
+#include <mutex>
 #include <ratio>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace Gilvane {
 
@@ -47,6 +59,72 @@ nanoseconds leftOf(const Duration& time) {
 
 void expectOver(nanoseconds time) { EXPECT_LE(time.count(), 0); }
 
+// Whether the kernel has let a thread of this program sleep.
+bool isAsleep(pid_t thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    return text.rfind(") S ") != std::string::npos;
+}
+
+// Threads that sleep by an event count until they are woken once, each with a mark.
+class Sleepers {
+  public:
+    using Marks = detail::GVEventCount::Marks;
+
+    explicit Sleepers(const std::vector<Marks>& marks) {
+        for (const Marks mark : marks) {
+            theThreads.emplace_back([this, mark] {
+                theLock.lock();
+                theSleepers.push_back(static_cast<pid_t>(syscall(SYS_gettid)));
+                theEvents.wait(theLock, mark, detail::noLimit);
+                theWoken.push_back(mark);
+                theLock.unlock();
+            });
+        }
+        // Whoever is in the list and does not hold the lock is on his way to sleep.
+        await([&] {
+            const std::lock_guard<detail::GVPlainLock> guard(theLock);
+            return theSleepers.size() == marks.size() && std::all_of(theSleepers.begin(), theSleepers.end(), isAsleep);
+        });
+    }
+    Sleepers(const Sleepers&) = delete;
+    Sleepers& operator=(const Sleepers&) = delete;
+    ~Sleepers() {
+        wake(~Marks{0});
+        for (std::thread& thread : theThreads) {
+            thread.join();
+        }
+    }
+
+    void wake(Marks marks) {
+        {
+            const std::lock_guard<detail::GVPlainLock> guard(theLock);
+            theEvents.advance();
+        }
+        theEvents.wake(marks);
+    }
+
+    // The marks of those who are awake, once they are `count`, and some time for more.
+    std::multiset<Marks> awaitWoken(std::size_t count) {
+        await([&] { return woken().size() >= count; });
+        std::this_thread::sleep_for(milliseconds(20));
+        return woken();
+    }
+
+  private:
+    std::multiset<Marks> woken() {
+        const std::lock_guard<detail::GVPlainLock> guard(theLock);
+        return {theWoken.begin(), theWoken.end()};
+    }
+
+    detail::GVPlainLock theLock;
+    detail::GVEventCount theEvents;
+    std::vector<pid_t> theSleepers;
+    std::vector<Marks> theWoken;
+    std::vector<std::thread> theThreads;
+};
+
 void expectAbout(nanoseconds time, nanoseconds expected) {
     EXPECT_LE(time, expected);
     EXPECT_GT(time, expected - seconds(100));
@@ -60,6 +138,73 @@ TEST(PlainLock, thatPosixRefusesIsKindOutOfMemoryAndLeavesNothingOfAPoolBehind) 
     expectGVException([] { const GVSharedPool pool(1, 16); }, gvoutofmemory, "libsrc/threads/gvwaiting",
                       "Unable to create the lock of a shared pool.");
     EXPECT_EQ(ledger.liveBlocks().size(), 0U);
+}
+
+TEST(EventCount, hasThirtyTwoMarksAndGivesThemInTurn) {
+    Sleepers::Marks all = 0;
+    for (unsigned int number = 7; number < 7 + 32; ++number) {
+        const Sleepers::Marks mark = detail::GVEventCount::markOf(number);
+        EXPECT_EQ(mark & (mark - 1), 0U) << "one bit";
+        EXPECT_EQ(mark, detail::GVEventCount::markOf(number + 32));
+        all |= mark;
+    }
+    EXPECT_EQ(all, 0xFFFFFFFFU);
+}
+
+TEST(EventCount, wakesAllWhoHaveOneOfTheMarksAndNobodyElse) {
+    Sleepers sleepers({1, 2, 2, 4, 8});
+    sleepers.wake(2 | 8);
+    EXPECT_EQ(sleepers.awaitWoken(3), (std::multiset<Sleepers::Marks>{2, 2, 8}));
+    sleepers.wake(1);
+    EXPECT_EQ(sleepers.awaitWoken(4), (std::multiset<Sleepers::Marks>{1, 2, 2, 8}));
+}
+
+TEST(EventCount, letsNobodySleepWhoHasNotSeenTheEvent) {
+    constexpr unsigned int rounds = 2000;
+    detail::GVPlainLock lock;
+    detail::GVEventCount events;
+    unsigned int happened = 0;
+    std::atomic<unsigned int> asked(0);
+    std::thread raiser([&] {
+        for (unsigned int round = 1; round <= rounds; ++round) {
+            while (asked.load() != round) {
+                std::this_thread::yield();
+            }
+            lock.lock();
+            happened = round;
+            events.advance();
+            lock.unlock();
+            events.wake(1);
+        }
+    });
+    lock.lock();
+    for (unsigned int round = 1; round <= rounds; ++round) {
+        asked = round;
+        while (happened != round) {
+            events.wait(lock, 1, detail::noLimit);
+        }
+    }
+    lock.unlock();
+    raiser.join();
+    EXPECT_EQ(happened, rounds);
+}
+
+TEST(EventCount, letsTheTimeOfASleepPass) {
+    detail::GVPlainLock lock;
+    detail::GVEventCount events;
+    for (const auto time : {milliseconds(20), milliseconds(1010)}) {
+        auto shortest = (steady_clock::duration::max)();
+        for (int attempt = 0; attempt < 5 && shortest >= time + milliseconds(900);
+             ++attempt) { // the machine may be busy
+            const auto begin = steady_clock::now();
+            lock.lock();
+            events.wait(lock, 1, time);
+            lock.unlock();
+            shortest = (std::min)(shortest, steady_clock::now() - begin);
+        }
+        EXPECT_GE(shortest, time);
+        EXPECT_LT(shortest, time + milliseconds(900));
+    }
 }
 
 TEST(TimeOfAWait, isWhatIsLeftOfTheDuration) {

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <optional>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -35,6 +36,23 @@ TEST(SharedPoolStatistics, ofANewPoolCountFreeBlocksAlone) {
     EXPECT_EQ(statistics.theWaitCount, 0U);
     EXPECT_EQ(statistics.theTimeoutCount, 0U);
     EXPECT_EQ(statistics.theLongestWait.count(), 0);
+}
+
+TEST(SharedPoolStatistics, areWrittenAsALineOfText) {
+    GVSharedPoolStatistics statistics;
+    statistics.theNumberOfObjects = 8;
+    statistics.theLentCount = 3;
+    statistics.theCachedCount = 1;
+    statistics.theFreeCount = 4;
+    statistics.theHighestLentCount = 5;
+    statistics.theWaitCount = 7;
+    statistics.theTimeoutCount = 2;
+    statistics.theLongestWait = std::chrono::microseconds(1500);
+    std::ostringstream stream;
+    stream << statistics << "|";
+    EXPECT_EQ(stream.str(),
+              "8 blocks: 3 lent, 1 in caches, 4 free; at most 5 lent; 7 waits, 2 timeouts, the longest wait "
+              "1.5 ms|");
 }
 
 TEST(SharedPoolStatistics, countWhereTheBlocksAre) {

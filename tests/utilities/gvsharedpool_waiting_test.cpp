@@ -351,7 +351,7 @@ TEST(SharedPoolTimedWaiting, passesOnWhatTheClockThrowsAndLendsNothing) {
     MovedClock::theNow = 0;
     for (const int calls : {0, 1}) {
         MovedClock::theCallsBeforeAThrow = calls;
-        EXPECT_THROW(pool.borrowUntil(MovedClock::time_point(milliseconds(5))), std::runtime_error);
+        EXPECT_THROW(static_cast<void>(pool.borrowUntil(MovedClock::time_point(milliseconds(5)))), std::runtime_error);
     }
     pool.releaseObject(token);
     expectThatNothingIsLost(pool);
@@ -361,7 +361,7 @@ TEST(SharedPoolTimedWaiting, givesTheBlockBackThatWasHandedOverWhileTheClockThre
     GVSharedPool pool(1, 16);
     GivingClock::thePool = &pool;
     GivingClock::theGift = *pool.borrow();
-    EXPECT_THROW(pool.borrowUntil(GivingClock::time_point(milliseconds(5))), std::runtime_error);
+    EXPECT_THROW(static_cast<void>(pool.borrowUntil(GivingClock::time_point(milliseconds(5)))), std::runtime_error);
     const GVSharedPoolStatistics statistics = pool.getStatistics();
     EXPECT_EQ(statistics.theFreeCount, 1U);
     EXPECT_EQ(statistics.theLentCount, 0U);

@@ -460,4 +460,14 @@ TEST(TokenCacheLayout, keepsWhatItUsesInCacheLinesOfItsOwn) {
     EXPECT_GE(distance(hot.theLast, hot.theRegistration), 64U) << "other threads write the links";
 }
 
+TEST(TokenCacheLayout, keepsALineFreeBeforeAndBehindItsTokens) {
+    const HookLedger ledger;
+    GVSharedPool pool(20, 16);
+    const GVTokenCache cache(pool, 8);
+    constexpr unsigned int header = sizeof(void*);
+    const HookLedger::Block block = ledger.liveBlocks().back();
+    EXPECT_EQ(block.bytes, header + 64 + 8 * sizeof(unsigned int) + 64);
+    EXPECT_EQ(static_cast<const void*>(GVTestPeer::tokensOf(cache)), static_cast<char*>(block.start) + header + 64);
+}
+
 } // namespace Gilvane

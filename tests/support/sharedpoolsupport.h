@@ -1,7 +1,7 @@
 /// @file
 /// What tests of shared pools have in common.
-#ifndef GILVANE_TESTS_UTILITIES_SHAREDPOOLSUPPORT_H
-#define GILVANE_TESTS_UTILITIES_SHAREDPOOLSUPPORT_H
+#ifndef GILVANE_TESTS_SUPPORT_SHAREDPOOLSUPPORT_H
+#define GILVANE_TESTS_SUPPORT_SHAREDPOOLSUPPORT_H
 
 #include <gilvane/utilities/gvsharedpool.h>
 
