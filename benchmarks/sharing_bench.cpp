@@ -115,34 +115,94 @@ class Common {
     inline static std::unique_ptr<Subject> theSubject;
 };
 
-template <typename Subject, unsigned int NumberOfBlocks>
-benchmark::internal::Benchmark* add(const std::string& kindAndId, void (*function)(benchmark::State&)) {
+// Names the number of threads as Google Benchmark does.
+template <typename Subject, unsigned int NumberOfBlocks, typename Function>
+benchmark::internal::Benchmark* add(const std::string& kindAndId, int threads, Function function) {
     using Owner = Common<Subject, NumberOfBlocks>;
-    return benchmark::RegisterBenchmark(benchmarkName(kindAndId, nameOf<Subject>(), NumberOfBlocks).c_str(), function)
-        ->Setup(Owner::make)
-        ->Teardown(Owner::tearDown);
+    const std::string name =
+        benchmarkName(kindAndId, nameOf<Subject>(), NumberOfBlocks) + "/threads:" + std::to_string(threads);
+    return benchmark::RegisterBenchmark(name.c_str(), function)->Setup(Owner::make)->Teardown(Owner::tearDown);
+}
+
+// Seconds from the moment when all of so many threads have their seats until the last of them has ended its `work`. With
+// more threads than processors, this is the time that counts: Google Benchmark adds up that of each thread, from when it
+// is first given a processor.
+template <typename Subject, unsigned int NumberOfBlocks, typename Work>
+double secondsOfThreads(int number, Work work) {
+    std::mutex mutex;
+    std::condition_variable gate;
+    int seated = 0;
+    bool isOpen = false;
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < number; ++thread) {
+        threads.emplace_back([&, thread] {
+            typename Subject::Seat seat(Common<Subject, NumberOfBlocks>::get());
+            {
+                std::unique_lock<std::mutex> guard(mutex);
+                ++seated;
+                gate.notify_all();
+                gate.wait(guard, [&] { return isOpen; });
+            }
+            work(seat, thread);
+        });
+    }
+    Clock::time_point begin;
+    {
+        std::unique_lock<std::mutex> guard(mutex);
+        gate.wait(guard, [&] { return seated == number; });
+        begin = Clock::now();
+        isOpen = true;
+    }
+    gate.notify_all();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    return std::chrono::duration<double>(Clock::now() - begin).count();
 }
 
 // --- a turn: borrow, address, touch, return ---------------------------------------------------------------------------
 
+constexpr unsigned int turnsOfAllThreads = 4'000'000;
+
 template <typename Subject>
-void turns(benchmark::State& state) {
+void turn(typename Subject::Seat* seat) {
+    escape(seat);
+    auto loan = seat->borrow();
+    escapeRegister(loan);
+    touch(seat->address(loan));
+    seat->giveBack(loan);
+}
+
+template <typename Subject>
+void turnsOfOneThread(benchmark::State& state) {
     typename Subject::Seat seat(Common<Subject, blocksOfPool>::get());
-    typename Subject::Seat* const escaped = &seat;
     for (auto _ : state) {
-        escape(escaped);
-        auto loan = escaped->borrow();
-        escapeRegister(loan);
-        touch(escaped->address(loan));
-        escaped->giveBack(loan);
+        turn<Subject>(&seat);
     }
 }
 
 template <typename Subject>
+void turnsOfThreads(benchmark::State& state, int threads) {
+    const unsigned int turnsOfEach = turnsOfAllThreads / static_cast<unsigned int>(threads);
+    for (auto _ : state) {
+        state.SetIterationTime(secondsOfThreads<Subject, blocksOfPool>(threads, [=](auto& seat, int) {
+            for (unsigned int done = 0; done < turnsOfEach; ++done) {
+                turn<Subject>(&seat);
+            }
+        }));
+    }
+    setOperationsPerIteration(state, double{1} * turnsOfEach * threads);
+}
+
+template <typename Subject>
 void registerTurns(const std::string& kindAndId, int threads) {
-    auto* const added = add<Subject, blocksOfPool>(kindAndId, turns<Subject>)->Threads(threads);
-    if (threads > 1) {
-        added->UseRealTime();
+    if (threads == 1) {
+        add<Subject, blocksOfPool>(kindAndId, threads, turnsOfOneThread<Subject>);
+    } else {
+        add<Subject, blocksOfPool>(kindAndId, threads,
+                                   [threads](benchmark::State& state) { turnsOfThreads<Subject>(state, threads); })
+            ->UseManualTime()
+            ->Iterations(1);
     }
 }
 
@@ -218,7 +278,7 @@ void handOver(benchmark::State& state) {
 
 template <typename Subject>
 void registerHandOver() {
-    add<Subject, blocksOfPool>("row/hand_over", handOver<Subject>)->UseManualTime()->Iterations(1);
+    add<Subject, blocksOfPool>("row/hand_over", 2, handOver<Subject>)->UseManualTime()->Iterations(1);
 }
 
 // --- the address of a random token, looked up by two threads ----------------------------------------------------------
@@ -308,26 +368,31 @@ void makeLent(const benchmark::State& state) {
 
 template <typename Subject, unsigned int NumberOfBlocks>
 void addresses(benchmark::State& state) {
-    typename Subject::Seat seat(Common<Subject, NumberOfBlocks>::get());
-    typename Subject::Seat* const escaped = &seat;
-    const std::size_t visits = theLoans.size();
-    std::size_t next = visits / lookingThreads * static_cast<std::size_t>(state.thread_index());
+    constexpr unsigned int lookUpsOfEach = 4'000'000;
     for (auto _ : state) {
-        escape(escaped);
-        void* address = escaped->address(theLoans[next]);
-        escapeRegister(address);
-        if (++next == visits) {
-            next = 0;
-        }
+        state.SetIterationTime(secondsOfThreads<Subject, NumberOfBlocks>(lookingThreads, [](auto& seat, int thread) {
+            auto* const escaped = &seat;
+            const std::size_t visits = theLoans.size();
+            std::size_t next = visits / lookingThreads * static_cast<std::size_t>(thread);
+            for (unsigned int done = 0; done < lookUpsOfEach; ++done) {
+                escape(escaped);
+                void* address = escaped->address(theLoans[next]);
+                escapeRegister(address);
+                if (++next == visits) {
+                    next = 0;
+                }
+            }
+        }));
     }
+    setOperationsPerIteration(state, double{lookUpsOfEach} * lookingThreads);
 }
 
 template <typename Subject, unsigned int NumberOfBlocks>
 void registerAddresses() {
-    add<Subject, NumberOfBlocks>("row/shared_address", addresses<Subject, NumberOfBlocks>)
+    add<Subject, NumberOfBlocks>("row/shared_address", lookingThreads, addresses<Subject, NumberOfBlocks>)
         ->Setup(makeLent<Subject, NumberOfBlocks>)
-        ->Threads(lookingThreads)
-        ->UseRealTime();
+        ->UseManualTime()
+        ->Iterations(1);
 }
 
 // --- waiting ----------------------------------------------------------------------------------------------------------
@@ -350,10 +415,14 @@ void takeTurn(Subject& subject, std::vector<Clock::duration>* waits) {
 
 template <typename Subject>
 void mostlyWaiting(benchmark::State& state) {
-    typename Subject::Seat seat(Common<Subject, blocksOfDryPool>::get());
     for (auto _ : state) {
-        takeTurn(seat, nullptr);
+        state.SetIterationTime(secondsOfThreads<Subject, blocksOfDryPool>(waitingThreads, [](auto& seat, int) {
+            for (unsigned int done = 0; done < turnsOfWaiters; ++done) {
+                takeTurn(seat, nullptr);
+            }
+        }));
     }
+    setOperationsPerIteration(state, double{turnsOfWaiters} * waitingThreads);
 }
 
 // The wait that one of a thousand exceeds.
@@ -361,20 +430,16 @@ template <typename Subject>
 void longWaits(benchmark::State& state) {
     for (auto _ : state) {
         std::vector<std::vector<Clock::duration>> waits(waitingThreads);
-        std::vector<std::thread> threads;
-        for (auto& own : waits) {
+        secondsOfThreads<Subject, blocksOfDryPool>(waitingThreads, [&](auto& seat, int thread) {
+            auto& own = waits[static_cast<std::size_t>(thread)];
             own.reserve(turnsOfWaiters);
-            threads.emplace_back([&own] {
-                typename Subject::Seat seat(Common<Subject, blocksOfDryPool>::get());
-                for (unsigned int turn = 0; turn < turnsOfWaiters; ++turn) {
-                    takeTurn(seat, &own);
-                }
-            });
-        }
+            for (unsigned int done = 0; done < turnsOfWaiters; ++done) {
+                takeTurn(seat, &own);
+            }
+        });
         std::vector<Clock::duration> all;
-        for (int thread = 0; thread < waitingThreads; ++thread) {
-            threads[thread].join();
-            all.insert(all.end(), waits[thread].begin(), waits[thread].end());
+        for (const auto& own : waits) {
+            all.insert(all.end(), own.begin(), own.end());
         }
         const auto at = all.begin() + static_cast<std::ptrdiff_t>(all.size() * 999 / 1000);
         std::nth_element(all.begin(), at, all.end());
@@ -384,11 +449,10 @@ void longWaits(benchmark::State& state) {
 
 template <typename Subject>
 void registerWaiting() {
-    add<Subject, blocksOfDryPool>("row/mostly_waiting", mostlyWaiting<Subject>)
-        ->Threads(waitingThreads)
-        ->UseRealTime()
-        ->Iterations(turnsOfWaiters);
-    add<Subject, blocksOfDryPool>("row/long_waits", longWaits<Subject>)->UseManualTime()->Iterations(1);
+    add<Subject, blocksOfDryPool>("row/mostly_waiting", waitingThreads, mostlyWaiting<Subject>)
+        ->UseManualTime()
+        ->Iterations(1);
+    add<Subject, blocksOfDryPool>("row/long_waits", waitingThreads, longWaits<Subject>)->UseManualTime()->Iterations(1);
 }
 
 // --- waking up --------------------------------------------------------------------------------------------------------
@@ -433,7 +497,7 @@ template <typename Subject>
 void wakeUp(benchmark::State& state) {
     using Seat = typename Subject::Seat;
     for (auto _ : state) {
-        Subject subject(1);
+        Subject& subject = Common<Subject, 1>::get();
         Seat seat(subject);
         std::atomic<unsigned int> wokenRounds(0);
         std::atomic<unsigned int> asked(0);
@@ -470,9 +534,7 @@ void wakeUp(benchmark::State& state) {
 
 template <typename Subject>
 void registerWakeUp() {
-    benchmark::RegisterBenchmark(benchmarkName("row/wake_up", Subject::name, 1).c_str(), wakeUp<Subject>)
-        ->UseManualTime()
-        ->Iterations(1);
+    add<Subject, 1>("row/wake_up", 2, wakeUp<Subject>)->UseManualTime()->Iterations(1);
 }
 
 // --- all of them ------------------------------------------------------------------------------------------------------

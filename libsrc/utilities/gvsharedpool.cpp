@@ -348,7 +348,7 @@ GVSharedPool::GVSharedPool(unsigned int numberOfObjects, unsigned int bytesPerOb
         // Relaxed: no other thread knows the pool yet.
         block.theState.store(detail::gvtokenfree, std::memory_order_relaxed);
     }
-    theDirectory = detail::GVSharedDirectory(blocks, firstToken, span, bytesPerObject);
+    theDirectory = detail::GVSharedDirectory(blocks, firstToken, span, span != numberOfObjects, bytesPerObject);
 }
 
 GVSharedPool::~GVSharedPool() {
@@ -359,6 +359,14 @@ GVSharedPool::~GVSharedPool() {
         ::close(theDescriptor);
     }
     GVStdAllocator<detail::GVSharedBlock>().deallocate(theDirectory.getBlocks(), 0);
+}
+
+void* GVSharedPool::findOrRefuse(unsigned int token) const {
+    const detail::GVSharedBlock* const block = theDirectory.find(token);
+    if (block == nullptr) {
+        refuse(token);
+    }
+    return block->theBytes;
 }
 
 void GVSharedPool::refuse(unsigned int token) const {

@@ -48,19 +48,27 @@ class GVSharedDirectory {
     /// @param blocks      in the order of their tokens, gaps included
     /// @param firstToken  of the first block
     /// @param span        blocks and gaps
+    /// @param hasGaps     whether there are gaps
     /// @param length      bytes in each block
-    GVSharedDirectory(GVSharedBlock* blocks, unsigned int firstToken, unsigned int span, unsigned int length) noexcept
-        : theBlocks(blocks), theFirstToken(firstToken), theSpan(span), theLength(length) {}
+    GVSharedDirectory(GVSharedBlock* blocks, unsigned int firstToken, unsigned int span, bool hasGaps,
+                      unsigned int length) noexcept
+        : theBlocks(blocks), theFirstToken(firstToken), theSpan(span), theSpanWithoutGaps(hasGaps ? 0 : span),
+          theLength(length) {}
 
     /// The block of a token; null for a token that is not the pool's. Tokens may pass 2^32: their distance wraps too.
     GVSharedBlock* find(unsigned int token) const noexcept {
         const unsigned int index = token - theFirstToken;
-        if (expectFalse(index >= theSpan)) {
-            return nullptr;
-        }
-        GVSharedBlock& block = theBlocks[index];
         // Relaxed: gaps never change.
-        return expectTrue(block.theState.load(std::memory_order_relaxed) != gvnotoken) ? &block : nullptr;
+        return index < theSpan && theBlocks[index].theState.load(std::memory_order_relaxed) != gvnotoken
+                   ? &theBlocks[index]
+                   : nullptr;
+    }
+
+    /// The address of a token's block, at once where there are no gaps, else what `findOrRefuse` returns.
+    template <typename FindOrRefuse>
+    void* getBytes(unsigned int token, FindOrRefuse findOrRefuse) const {
+        const unsigned int index = token - theFirstToken;
+        return expectTrue(index < theSpanWithoutGaps) ? theBlocks[index].theBytes : findOrRefuse();
     }
 
     /// Whether a token is the pool's and with a borrower.
@@ -100,8 +108,9 @@ class GVSharedDirectory {
   private:
     GVSharedBlock* theBlocks = nullptr;
     unsigned int theFirstToken = 0;
-    unsigned int theSpan = 0;   // blocks and gaps
-    unsigned int theLength = 0; // bytes in each block
+    unsigned int theSpan = 0;            // blocks and gaps
+    unsigned int theSpanWithoutGaps = 0; // the same; 0 if there are gaps
+    unsigned int theLength = 0;          // bytes in each block
 };
 
 } // namespace detail
@@ -235,11 +244,7 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVSharedPool : public GVObject {
     /// @par Complexity  constant
     /// @par Threads     takes no lock
     void* getMemoryForToken(unsigned int token) const {
-        const detail::GVSharedBlock* const block = theDirectory.find(token);
-        if (detail::expectFalse(block == nullptr)) {
-            refuse(token);
-        }
-        return block->theBytes;
+        return theDirectory.getBytes(token, [this, token] { return findOrRefuse(token); });
     }
 
     /// Takes a block back, and wakes a waiter. Its bytes are left as they are. Goes on when the pool is closed.
@@ -303,6 +308,7 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVSharedPool : public GVObject {
     friend struct GVTestPeer;
 
     std::optional<unsigned int> borrowWith(const detail::GVPatience& patience);
+    void* findOrRefuse(unsigned int token) const;
     [[noreturn]] void refuse(unsigned int token) const;
 
     // The hardened build's check.
@@ -364,6 +370,8 @@ class GILVANE_EXPORT GVSharedPoolAccess {
     /// The pool that it stands on, and the lock that guards it.
     static const GVMemoryPool& innerPool(const GVSharedPool& pool) noexcept { return pool.thePool; }
     static GVPlainLock& lock(const GVSharedPool& pool) noexcept { return pool.theLock; }
+    /// The address of a token's block, or what the pool throws for a token that it does not take.
+    static void* findOrRefuse(const GVSharedPool& pool, unsigned int token) { return pool.findOrRefuse(token); }
     /// Throws what the pool throws for a token that it does not take.
     [[noreturn]] static void refuse(const GVSharedPool& pool, unsigned int token) { pool.refuse(token); }
 

@@ -94,11 +94,8 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVTokenCache : public GVObject {
 
     /// As GVSharedPool::getMemoryForToken.
     void* getMemoryForToken(unsigned int token) const {
-        const detail::GVSharedBlock* const block = theDirectory.find(token);
-        if (detail::expectFalse(block == nullptr)) {
-            detail::GVSharedPoolAccess::refuse(*thePool, token);
-        }
-        return block->theBytes;
+        return theDirectory.getBytes(
+            token, [this, token] { return detail::GVSharedPoolAccess::findOrRefuse(*thePool, token); });
     }
 
     /// As GVSharedPool::releaseObject, into the cache. A token that lies in any cache is free, and refused.

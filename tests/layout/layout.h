@@ -114,36 +114,36 @@
     CLASS(GVSharedPool, GVSharedPool, 480, 8, 672, 8)                                                   \
     FIELD(GVSharedPool, thePaddingBefore, 4, 8)                                                         \
     FIELD(GVSharedPool, theDirectory, 68, 72)                                                           \
-    FIELD(GVSharedPool, theAttention, 84, 96)                                                           \
-    FIELD(GVSharedPool, theNumberOfObjects, 88, 100)                                                    \
-    FIELD(GVSharedPool, theBytesInEachObject, 92, 104)                                                  \
-    FIELD(GVSharedPool, thePaddingBetween, 96, 108)                                                     \
-    FIELD(GVSharedPool, theLock, 160, 176)                                                              \
-    FIELD(GVSharedPool, thePool, 184, 216)                                                              \
-    FIELD(GVSharedPool, theFirstWaiter, 424, 608)                                                       \
-    FIELD(GVSharedPool, theLastWaiter, 428, 616)                                                        \
-    FIELD(GVSharedPool, theFirstCache, 432, 624)                                                        \
-    FIELD(GVSharedPool, theNotifiedCount, 436, 632)                                                     \
-    FIELD(GVSharedPool, theHighestLentCount, 440, 636)                                                  \
-    FIELD(GVSharedPool, theIdleCachedCount, 444, 640)                                                   \
-    FIELD(GVSharedPool, theWaitCount, 448, 644)                                                         \
-    FIELD(GVSharedPool, theTimeoutCount, 452, 648)                                                      \
-    FIELD(GVSharedPool, theEvents, 456, 652)                                                            \
-    FIELD(GVSharedPool, theDescriptor, 460, 656)                                                        \
-    FIELD(GVSharedPool, theReadiness, 464, 660)                                                         \
-    FIELD(GVSharedPool, theClosedFlag, 465, 661)                                                        \
-    FIELD(GVSharedPool, isWatched, 466, 662)                                                            \
+    FIELD(GVSharedPool, theAttention, 88, 96)                                                           \
+    FIELD(GVSharedPool, theNumberOfObjects, 92, 100)                                                    \
+    FIELD(GVSharedPool, theBytesInEachObject, 96, 104)                                                  \
+    FIELD(GVSharedPool, thePaddingBetween, 100, 108)                                                    \
+    FIELD(GVSharedPool, theLock, 164, 176)                                                              \
+    FIELD(GVSharedPool, thePool, 188, 216)                                                              \
+    FIELD(GVSharedPool, theFirstWaiter, 428, 608)                                                       \
+    FIELD(GVSharedPool, theLastWaiter, 432, 616)                                                        \
+    FIELD(GVSharedPool, theFirstCache, 436, 624)                                                        \
+    FIELD(GVSharedPool, theNotifiedCount, 440, 632)                                                     \
+    FIELD(GVSharedPool, theHighestLentCount, 444, 636)                                                  \
+    FIELD(GVSharedPool, theIdleCachedCount, 448, 640)                                                   \
+    FIELD(GVSharedPool, theWaitCount, 452, 644)                                                         \
+    FIELD(GVSharedPool, theTimeoutCount, 456, 648)                                                      \
+    FIELD(GVSharedPool, theEvents, 460, 652)                                                            \
+    FIELD(GVSharedPool, theDescriptor, 464, 656)                                                        \
+    FIELD(GVSharedPool, theReadiness, 468, 660)                                                         \
+    FIELD(GVSharedPool, theClosedFlag, 469, 661)                                                        \
+    FIELD(GVSharedPool, isWatched, 470, 662)                                                            \
     FIELD(GVSharedPool, theLongestWait, 472, 664)                                                       \
-    CLASS(GVTokenCache, GVTokenCache, 180, 4, 216, 8)                                                   \
+    CLASS(GVTokenCache, GVTokenCache, 184, 4, 216, 8)                                                   \
     FIELD(GVTokenCache, thePaddingBefore, 4, 8)                                                         \
     FIELD(GVTokenCache, theCount, 68, 72)                                                               \
     FIELD(GVTokenCache, theCapacity, 72, 76)                                                            \
     FIELD(GVTokenCache, theTokens, 76, 80)                                                              \
     FIELD(GVTokenCache, theDirectory, 80, 88)                                                           \
-    FIELD(GVTokenCache, theAttention, 96, 112)                                                          \
-    FIELD(GVTokenCache, thePool, 100, 120)                                                              \
-    FIELD(GVTokenCache, thePaddingBetween, 104, 128)                                                    \
-    FIELD(GVTokenCache, theRegistration, 168, 192)                                                      \
+    FIELD(GVTokenCache, theAttention, 100, 112)                                                         \
+    FIELD(GVTokenCache, thePool, 104, 120)                                                              \
+    FIELD(GVTokenCache, thePaddingBetween, 108, 128)                                                    \
+    FIELD(GVTokenCache, theRegistration, 172, 192)                                                      \
     CLASS(GVSharedTokenLease, GVSharedTokenLease, 20, 4, 32, 8)                                         \
     FIELD(GVSharedTokenLease, thePool, 4, 8)                                                            \
     FIELD(GVSharedTokenLease, theToken, 8, 16)                                                          \
