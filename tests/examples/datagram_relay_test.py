@@ -7,6 +7,7 @@ the system. Whatever does not happen within the time limit is a failure that say
 """
 
 import random
+import select
 import signal
 import socket
 import subprocess
@@ -50,6 +51,8 @@ class Relay:
         self.process = subprocess.Popen([*command, f"{LOOPBACK}:0", f"{LOOPBACK}:{to}", *options],
                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         test.addCleanup(self.kill)
+        if not select.select([self.process.stdout], [], [], TIME_LIMIT)[0]:
+            test.fail(f"the relay does not start within {TIME_LIMIT} s")
         line = self.process.stdout.readline()
         if not line.startswith("receiving at port "):
             test.fail(f"the relay does not start: {line}{self.process.communicate(timeout=TIME_LIMIT)[1]}")
@@ -90,6 +93,7 @@ class Relay:
         figures = {name: int(value) for name, value in (line.split(": ") for line in output.splitlines())}
         self.test.assertEqual(figures[LENT], 0, "blocks are lost")
         self.test.assertEqual(figures[RECEIVED], figures[SENT] + figures[REFUSED])
+        self.test.assertLessEqual(figures[PAUSES], figures[RECEIVED], "a pause ended without a block")
         return figures
 
 
@@ -107,7 +111,7 @@ class DatagramRelay(unittest.TestCase):
                 came = relay.receive()
                 sent = underWay.pop(came[:4], None)
                 if came != sent:
-                    self.fail(f"after {number} datagrams one came twice" if sent is None else
+                    self.fail(f"after {number} datagrams one came that was not under way" if sent is None else
                               f"datagram {int.from_bytes(came[:4], 'big')} is corrupted")
 
     def relays(self, count, *options):
