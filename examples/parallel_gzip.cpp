@@ -2,8 +2,8 @@
 //
 //     parallel_gzip INPUT OUTPUT [--dump] [--threads N]
 //
-// The file is read into blocks of one memory pool and compressed into blocks of another; between the threads travel
-// the blocks' tokens only. parallel_gzip/pipeline.h tells how.
+// The file is read into blocks of one shared pool and compressed into blocks of another. The threads hand each other the
+// loans, and the blocks bound the memory. parallel_gzip/pipeline.h tells how.
 #include "parallel_gzip/files.h"
 #include "parallel_gzip/pipeline.h"
 #include "parallel_gzip/progress.h"

@@ -1,7 +1,7 @@
 # The packages that the project's scripts need; sourced by them.
 
 # To build the library and the examples.
-buildPackages=(cmake ninja-build g++ zlib1g-dev gzip)
+buildPackages=(cmake ninja-build g++ zlib1g-dev libconcurrentqueue-dev gzip)
 
 # To make the site.
 sitePackages=(cmake ninja-build g++ doxygen python3)

@@ -3,29 +3,28 @@
 #ifndef PARALLEL_GZIP_PIPELINE_H
 #define PARALLEL_GZIP_PIPELINE_H
 
-#include "boundedqueue.h"
 #include "files.h"
 #include "progress.h"
+#include "queue.h"
 
-#include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvsharedpool.h>
+#include <gilvane/utilities/gvsharedtokenlease.h>
 
-#include <atomic>
 #include <cstdint>
 #include <exception>
-#include <functional>
 #include <mutex>
 #include <ostream>
+#include <thread>
 
 namespace ParallelGzip {
 
-using SharedPool = Gilvane::GVSmartPointer<Gilvane::GVMemoryPool>;
-
-/// A lent block on its way from one thread to the next. Its bytes stay where they are; the token travels.
+/// A chunk on its way from one thread to the next. The bytes stay where they are; the loans travel.
 struct Parcel {
-    std::uint64_t number;    // place in the file, counted from 0
-    unsigned int token;      // of a block of the input pool, then of one of the output pool
-    unsigned int byteCount;  // bytes used in the block
-    unsigned int chunkBytes; // bytes of input that it stands for
+    std::uint64_t number;               // place in the file, counted from 0
+    Gilvane::GVSharedTokenLease chunk;  // a block of the input pool; returned once the chunk is compressed
+    Gilvane::GVSharedTokenLease member; // a block of the output pool
+    unsigned int chunkBytes;
+    unsigned int memberBytes; // 0 until the chunk is compressed
 };
 
 /// What a finished pipeline has to tell.
@@ -41,18 +40,19 @@ struct Figures {
 
 /// Reads a file in chunks, compresses each on one of several threads, and writes the members in the chunks' order.
 ///
-///     reader --- chunks (tokens of input blocks) ---> workers --- members (tokens of output blocks) ---> writer
-///       ^                                                                                                  |
-///       +---------------------------------------- permits -----------------------------------------------+
+///     reader --- chunks ---> workers --- members ---> writer
+///       ^                       |                       |
+///       +----- input blocks ----+                       |
+///       +----------------- output blocks ---------------+
 ///
-/// A chunk needs a permit from before it is read until after its member is written, and holds at most one block of each
-/// pool meanwhile. There are as many permits as each pool has blocks, so no pool ever runs dry, memory stays the same
-/// whatever the file's size, and the writer can keep members that come early without asking where.
+/// The reader borrows both blocks of a chunk, and waits for them. So memory stays the same whatever the file's size. The
+/// block for the member is borrowed in the file's order, before the chunk is read: members that come early cannot use up
+/// the blocks, since the chunk whose turn it is has its own.
 ///
 /// @par Thread safety
 ///   None: it is made, run and asked by one thread, and has its own.
 /// @par Ownership
-///   Shares both pools with its threads; borrows the files and the progress line.
+///   Owns both pools; borrows the files and the progress line.
 class Pipeline {
   public:
     /// Fills both pools.
@@ -66,32 +66,29 @@ class Pipeline {
     void dump(std::ostream& stream) const;
 
   private:
-    void read(const SharedPool& inputBlocks);
-    void compress(const SharedPool& inputBlocks, const SharedPool& outputBlocks);
-    void write(const SharedPool& outputBlocks);
+    using Work = void (Pipeline::*)();
 
-    void guarded(const std::function<void()>& work) noexcept;
+    void read();
+    void compress();
+    void write();
+
+    std::thread start(Work work);
+    void guarded(Work work) noexcept;
     void stop(std::exception_ptr reason) noexcept;
-    void checkPools() const;
 
     InputFile& input;
     OutputFile& output;
     Progress& progress;
     const unsigned int workerCount;
-    const unsigned int blocksPerPool; // as many permits
-    const unsigned int memberBytes;   // in a block of the output pool
-    const SharedPool inputPool;       // blocks of a chunk's size
-    const SharedPool outputPool;
+    Gilvane::GVSharedPool inputPool;  // blocks of a chunk's size
+    Gilvane::GVSharedPool outputPool; // as many blocks of a member's size
 
-    Permits permits;
-    BoundedQueue<Parcel> chunks;
-    BoundedQueue<Parcel> members;
+    Queue<Parcel> chunks;
+    Queue<Parcel> members;
 
     std::uint64_t bytesRead = 0;    // the reader's
     std::uint64_t chunkCount = 0;   // the reader's
     std::uint64_t bytesWritten = 0; // the writer's
-    std::atomic<unsigned int> mostInputBlocksInUse{0};
-    std::atomic<unsigned int> mostOutputBlocksInUse{0};
 
     std::mutex failureMutex;
     std::exception_ptr failure; // the first; guarded by failureMutex
