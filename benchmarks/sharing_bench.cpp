@@ -334,18 +334,41 @@ class WideArray {
     };
     class Seat {
       public:
-        explicit Seat(WideArray& array) : theEntries(array.theEntries.data()) {}
+        explicit Seat(WideArray& array) : theEntries(array.theEntries.data()), theNumber(array.theEntries.size()) {}
         Loan borrow() { return theNext++; }
         void* address(Loan loan) { return theEntries[loan].theAddress; }
         void giveBack(Loan) {}
 
-      private:
+      protected:
         Entry* theEntries;
+        std::size_t theNumber;
         unsigned int theNext = 0;
     };
 
   private:
     std::vector<Entry> theEntries;
+};
+
+// The same, and it refuses what is no token: the least that a look-up must do which checks its tokens, of which the
+// first may be any.
+class CheckedArray : public WideArray {
+  public:
+    static constexpr const char* name = "the design alone";
+    using WideArray::WideArray;
+    class Seat : public WideArray::Seat {
+      public:
+        using WideArray::Seat::Seat;
+        void* address(Loan loan) {
+            const unsigned int index = loan - theFirst;
+            if (index >= theNumber) {
+                std::abort();
+            }
+            return theEntries[index].theAddress;
+        }
+
+      private:
+        unsigned int theFirst = 0;
+    };
 };
 
 constexpr int lookingThreads = 2;
@@ -545,7 +568,7 @@ void registerSharing(int crowd) {
         registerTurns<Subject>("row/shared_turn", threads);
     }
     registerTurns<Subject>("row/shared_turn", crowd);
-    for (const int threads : {1, 2, 4, 8, 16}) {
+    for (const int threads : {1, 2, 3, 4, 6, 8}) {
         registerTurns<Subject>("curve/shared_turn", threads);
     }
     registerHandOver<Subject>();
@@ -567,16 +590,20 @@ int main(int argc, char** argv) {
         Mimalloc::load();
         DpdkPool::load();
         registerSharing<SharedPoolCached>(crowd);
-        registerSharing<SharedPoolAlone>(crowd);
         registerSharing<Shared<LockedPool>>(crowd);
         registerSharing<Shared<WaitingByHand>>(crowd);
         registerSharing<Shared<BoostFreeList>>(crowd);
         registerSharing<Shared<Mimalloc>>(crowd);
         registerSharing<DpdkPool>(crowd);
+        registerTurns<SharedPoolAlone>("row/uncached_turn", 1);
+        registerTurns<Shared<LockedPool>>("row/uncached_turn", 1);
         registerHandOver<StaticArray>();
         registerAddresses<SharedPoolAlone, 1'000>();
         registerAddresses<SharedPoolAlone, 100'000>();
         registerAddresses<SharedPoolAlone, 1'000'000>();
+        registerAddresses<CheckedArray, 1'000>();
+        registerAddresses<CheckedArray, 100'000>();
+        registerAddresses<CheckedArray, 1'000'000>();
         registerAddresses<PlainArray, 1'000>();
         registerAddresses<PlainArray, 100'000>();
         registerAddresses<PlainArray, 1'000'000>();

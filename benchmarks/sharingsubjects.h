@@ -52,7 +52,7 @@ class LockedPool : public OurPool<true> {
 class SharedPoolAlone {
   public:
     using Loan = unsigned int;
-    static constexpr const char* name = "gilvane, no cache";
+    static constexpr const char* name = "gilvane";
     explicit SharedPoolAlone(unsigned int numberOfBlocks) : thePool(numberOfBlocks, blockBytes) {}
 
     class Seat {

@@ -7,7 +7,9 @@ planted to see whether it finds them, it gets from here, too.
 """
 
 import argparse
+import concurrent.futures
 import datetime
+import fcntl
 import importlib.util
 import os
 import pathlib
@@ -26,7 +28,10 @@ import faults  # noqa: E402
 import stamps  # noqa: E402
 
 # In the order of a reader's questions: what may go wrong, is it noticed, is everything reached, would a fault be seen.
+# They run side by side, as many as there are processors, but for those that use all processors by themselves.
 PARTS = ["failures", "misuse", "model", "interleavings", "sharing", "threads", "valgrind", "coverage", "mutants"]
+ON_ALL_PROCESSORS = ["mutants"]
+LONGEST = "model"  # begins first
 ARM_RUNNER = ["qemu-arm", "-L", "/usr/arm-linux-gnueabihf"]
 SANITIZED = "-O1 -g -fsanitize=address,undefined -fno-sanitize-recover=all"
 
@@ -106,6 +111,13 @@ class Proof:
         """Builds targets of the project in the way of that name; returns the folder. Another library has a way of its
         own, too, and may cause warnings."""
         folder = BUILD / name
+        folder.mkdir(parents=True, exist_ok=True)
+        with open(folder / "lock", "w") as lock:  # several parts may want what is built in this way
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            self.buildLocked(folder, targets, compiler, flags, library, options)
+        return folder
+
+    def buildLocked(self, folder, targets, compiler, flags, library, options):
         if not (folder / "build.ninja").exists():
             settings = [f"-DCMAKE_CXX_COMPILER={compiler}", "-DCMAKE_BUILD_TYPE=None", f"-DCMAKE_CXX_FLAGS={flags}"]
             if compiler.startswith("arm-"):
@@ -116,7 +128,6 @@ class Proof:
                          "-DGILVANE_BUILD_EXAMPLES=OFF", f"-DGILVANE_WERROR={'OFF' if library else 'ON'}",
                          f"-DGILVANE_LIBRARY={library or ROOT}", *settings, *options)
         self.quietly("cmake", "--build", folder, "-j", os.cpu_count(), "--target", *targets)
-        return folder
 
     # --- to find planted faults ---------------------------------------------------------------------------------------
 
@@ -214,6 +225,31 @@ def attempt(part, isShort, library):
     return True
 
 
+def attemptAlone(part, isShort):
+    """The same, in a process of its own, whose output is shown when it ends."""
+    begun = time.monotonic()
+    command = [sys.executable, __file__, "--alone", part, *(["--short"] if isShort else [])]
+    done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                          errors="replace")
+    print(f"{done.stdout}== {part} {'ended' if done.returncode == 0 else 'failed'} after "
+          f"{time.monotonic() - begun:.0f} s", flush=True)
+    return done.returncode == 0
+
+
+def attemptAll(parts, isShort, library):
+    """Those that failed."""
+    beside = [part for part in parts if part not in ON_ALL_PROCESSORS]
+    if len(beside) == 1:
+        ended = [attempt(beside[0], isShort, library)]
+    else:
+        beside.sort(key=lambda part: part != LONGEST)
+        with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+            ended = list(pool.map(lambda part: attemptAlone(part, isShort), beside))
+    last = [part for part in parts if part in ON_ALL_PROCESSORS]
+    ended += [attempt(part, isShort, library) for part in last]
+    return [part for part, isGood in zip(beside + last, ended) if not isGood]
+
+
 def scoreboard(parts):
     """(part, what, figure) for each line of the results there are; the part stands in its first line alone."""
     for part in parts:
@@ -261,6 +297,7 @@ made a mistake of which nothing is promised, and the schedule ends there.
 def main():
     parser = argparse.ArgumentParser(prog="prove", add_help=False)
     parser.add_argument("--short", action="store_true")
+    parser.add_argument("--alone", action="store_true")  # one part, without the scoreboard
     parser.add_argument("parts", nargs="*", metavar="PART")
     options = parser.parse_args()
     for part in options.parts:
@@ -269,7 +306,9 @@ def main():
     chosen = options.parts or PARTS
     BUILD.mkdir(parents=True, exist_ok=True)
     library = stamps.library()
-    failed = [part for part in chosen if not attempt(part, options.short, library)]
+    if options.alone:
+        sys.exit(not all([attempt(part, options.short, library) for part in chosen]))
+    failed = attemptAll(chosen, options.short, library)
     say("scoreboard")
     for part, what, figure in scoreboard(chosen):
         print(f"{part:<16} {what:<60} {figure}")

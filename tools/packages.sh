@@ -31,4 +31,5 @@ boostPackage=$(dpkg-query -W -f '${db:Status-Status} ${Package}\n' 'libboost1.[0
 benchPackages=(
     "${buildPackages[@]}"
     libbenchmark-dev "${boostPackage:-libboost1.81-dev}" libabsl-dev libmimalloc-dev gnuplot-nox python3 valgrind
+    libdpdk-dev libjemalloc2 libtcmalloc-minimal4 pkg-config
 )
