@@ -26,6 +26,7 @@ struct GVSharedPoolWaiter {
     GVSharedPoolWaiter* theNext = nullptr;
     bool isQueued = false;
     bool isNotified = false;              // was woken, and has not looked since
+    unsigned int theVainLooks = 0;        // how often it was woken and found nothing
     std::optional<unsigned int> theToken; // the block that was handed to it, which is lent with that
 };
 
@@ -35,8 +36,9 @@ namespace {
 
 constexpr const char* theSourceFile = "libsrc/utilities/gvsharedpool";
 
-// How long running threads may overtake one that waits.
+// How long running threads may overtake one that waits, and how often they may when it was woken for what they took.
 constexpr std::chrono::milliseconds theLongestOvertaking(1);
+constexpr unsigned int theMostVainLooks = 3;
 
 // Gives the tokens of pools that are built at once one after another. Constant-initialised: pools may be made before
 // main.
@@ -194,9 +196,9 @@ void GVSharedPoolAccess::tellWatchers() noexcept {
     thePool.isWatched = attention != 0 || hasDescriptor;
 }
 
-// Hands free blocks to those who were overtaken for too long, and notifies a waiter for each of the others. Those that
-// were notified already, and have not looked yet, count. When the pool is closed, all are notified. Returns whom to wake
-// when the lock is released.
+// Hands free blocks to those who were overtaken for too long or too often, and notifies a waiter for each of the others.
+// Those that were notified already, and have not looked yet, count. When the pool is closed, all are notified. Returns
+// whom to wake when the lock is released.
 GVEventCount::Marks GVSharedPoolAccess::serveWaiters() noexcept {
     if (thePool.theFirstWaiter == nullptr || (freeTokens().empty() && !thePool.theClosedFlag)) {
         return 0;
@@ -204,10 +206,11 @@ GVEventCount::Marks GVSharedPoolAccess::serveWaiters() noexcept {
     GVEventCount::Marks woken = 0;
     if (!thePool.theClosedFlag) {
         const auto now = std::chrono::steady_clock::now();
-        const auto isOvertakenForTooLong = [now](const GVSharedPoolWaiter* waiter) {
-            return waiter != nullptr && now - waiter->theBegin >= theLongestOvertaking;
+        const auto isToBeServed = [now](const GVSharedPoolWaiter* waiter) {
+            return waiter != nullptr &&
+                   (waiter->theVainLooks >= theMostVainLooks || now - waiter->theBegin >= theLongestOvertaking);
         };
-        while (!freeTokens().empty() && isOvertakenForTooLong(thePool.theFirstWaiter)) {
+        while (!freeTokens().empty() && isToBeServed(thePool.theFirstWaiter)) {
             woken |= serve(*thePool.theFirstWaiter).theMark;
         }
     }
@@ -256,6 +259,7 @@ void GVSharedPoolAccess::leaveQueue(GVSharedPoolWaiter& waiter) noexcept {
 void GVSharedPoolAccess::forgetNotification(GVSharedPoolWaiter& waiter) noexcept {
     if (waiter.isNotified) {
         waiter.isNotified = false;
+        ++waiter.theVainLooks; // what it finds otherwise ends its wait
         --thePool.theNotifiedCount;
     }
 }

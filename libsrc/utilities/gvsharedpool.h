@@ -165,8 +165,8 @@ GILVANE_EXPORT std::ostream& operator<<(std::ostream& stream, const GVSharedPool
 ///     pool.releaseObject(token);
 ///
 /// The block returned last is lent first. A running thread may overtake those that wait, for speed; whoever has waited
-/// for a millisecond is handed the next block directly, the one that waits longest first. When it runs is the system's
-/// affair. Waiting uses no processor time. What comes back in one step wakes as many waiters as it can serve.
+/// for a millisecond, or was woken three times for blocks that others took, is handed the next one directly, the one that
+/// waits longest first. When it runs is the system's affair. Waiting uses no processor time. What comes back in one step wakes as many waiters as it can serve.
 ///
 /// The pool stands on a GVMemoryPool of its own, without a lock: blocks, tokens, header words and dumps are as there.
 /// Of several pools made by several threads at once each gets all its tokens before the next one gets any; allocation

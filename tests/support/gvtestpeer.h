@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <mutex>
 #include <vector>
 
 namespace Gilvane {
@@ -93,6 +94,10 @@ struct GVTestPeer {
     static SharedPoolState stateOf(const GVSharedPool& pool) {
         return {pool.theFirstWaiter != nullptr, (pool.isWatched ? 2U : 0U) + (pool.theClosedFlag ? 1U : 0U),
                 pool.theIdleCachedCount};
+    }
+    static unsigned int notifiedCount(const GVSharedPool& pool) {
+        const std::lock_guard<detail::GVPlainLock> guard(pool.theLock);
+        return pool.theNotifiedCount;
     }
     static std::vector<unsigned int> tokensIn(const GVTokenCache& cache) {
         return {cache.theTokens, cache.theTokens + cache.theCount.load(std::memory_order_relaxed)};

@@ -241,6 +241,27 @@ TEST(SharedPoolWaiting, forLessThanAMillisecondMayBeOvertaken) {
     EXPECT_TRUE(wasOvertaken);
 }
 
+TEST(SharedPoolWaiting, isOvertakenThreeTimesAtMost) {
+    GVSharedPool pool(1, 16);
+    unsigned int most = 0;
+    const auto end = steady_clock::now() + seconds(20);
+    for (unsigned int attempt = 1; attempt <= 100 || (most < 3 && steady_clock::now() < end); ++attempt) {
+        const unsigned int token = *pool.borrow();
+        Borrower waiter(pool);
+        awaitWaits(pool, attempt);
+        unsigned int overtaken = 0;
+        for (pool.releaseObject(token); pool.tryBorrow().has_value(); pool.releaseObject(token)) {
+            ++overtaken;
+            await([&] { return GVTestPeer::notifiedCount(pool) == 0; }); // it has looked, and found nothing
+        }
+        EXPECT_LE(overtaken, 3U);
+        most = (std::max)(most, overtaken);
+        EXPECT_EQ(waiter.result(), token);
+        pool.releaseObject(token);
+    }
+    EXPECT_EQ(most, 3U);
+}
+
 TEST(SharedPoolWaiting, endsThoughARunningThreadTakesTheBlockAgainAndAgain) {
     GVSharedPool pool(1, 16);
     unsigned int token = *pool.borrow();
