@@ -7,8 +7,12 @@
 #include <gilvane/utilities/gvsharedpool.h>
 #include <gilvane/utilities/gvtokencache.h>
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
+#include <mutex>
 #include <vector>
 
 namespace Gilvane {
@@ -83,6 +87,22 @@ struct GVTestPeer {
     // Shared pools
     static GVMemoryPool& innerPool(GVSharedPool& pool) { return pool.thePool; }
     static detail::GVAtomicWord& attention(GVSharedPool& pool) { return pool.theAttention; }
+    static std::uint32_t eventCount(const detail::GVEventCount& events) {
+        return events.theCount.load(std::memory_order_relaxed);
+    }
+    static std::uint32_t eventCount(const GVSharedPool& pool) { return eventCount(pool.theEvents); }
+    static unsigned int notifiedCount(const GVSharedPool& pool) {
+        const std::lock_guard<detail::GVPlainLock> guard(pool.theLock);
+        return pool.theNotifiedCount;
+    }
+    /// Whether any thread holds the lock.
+    static bool isHeld(detail::GVPlainLock& lock) {
+        const bool isFree = pthread_mutex_trylock(&lock.theMutex) == 0;
+        if (isFree) {
+            lock.unlock();
+        }
+        return !isFree;
+    }
 
     /// What a shared pool's lock guards, beside its free list, and what decides what the pool does next.
     struct SharedPoolState {

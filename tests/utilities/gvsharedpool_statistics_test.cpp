@@ -1,11 +1,13 @@
 #include <gilvane/utilities/gvsharedpool.h>
 
+#include "gvtestpeer.h"
 #include "sharedpoolsupport.h"
 
 #include <gilvane/utilities/gvtokencache.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -90,6 +92,25 @@ TEST(SharedPoolStatistics, forgetACacheThatIsGone) {
     expectCounts(pool, 0, 1, 9);
 }
 
+TEST(SharedPoolStatistics, forgetCachesThatGoInAnyOrder) {
+    std::array<unsigned int, 3> order = {0, 1, 2};
+    do {
+        GVSharedPool pool(10, 16);
+        std::array<std::optional<GVTokenCache>, 3> caches;
+        for (std::optional<GVTokenCache>& cache : caches) {
+            cache.emplace(pool, 2U);
+            cache->releaseObject(*cache->tryBorrow());
+        }
+        unsigned int cached = 3;
+        for (const unsigned int number : order) {
+            expectCounts(pool, 0, cached, 10 - cached);
+            caches[number].reset();
+            --cached;
+        }
+        expectCounts(pool, 0, 0, 10);
+    } while (std::next_permutation(order.begin(), order.end()));
+}
+
 TEST(SharedPoolStatistics, keepTheHighestNumberOfLentBlocksUntilTheReset) {
     GVSharedPool pool(5, 16);
     const unsigned int first = *pool.tryBorrow();
@@ -164,6 +185,29 @@ TEST(SharedPoolStatistics, boundTheHighestNumberAfterAResetWhateverCachesDo) {
         second.releaseMany(tokens.data(), many);
         EXPECT_GE(pool.getStatistics().theHighestLentCount, many);
     }
+}
+
+TEST(SharedPoolStatistics, letCachesGoOnByThemselvesOnceOneHasWorkedAfterAReset) {
+    GVSharedPool pool(4, 16);
+    GVTokenCache cache(pool, 2);
+    cache.releaseObject(*cache.tryBorrow()); // one lies in the cache
+    pool.resetHighestLentCount();
+    const unsigned int token = *cache.tryBorrow();
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 1U) << "the cache has said so";
+    EXPECT_EQ(GVTestPeer::attention(pool).load(), 0U);
+    EXPECT_EQ(GVTestPeer::stateOf(pool).flags, 0U) << "there is nothing to see to";
+    cache.releaseObject(token);
+}
+
+TEST(SharedPoolStatistics, takeNothingFromCachesAtAResetThoughNoBlockIsFree) {
+    GVSharedPool pool(2, 16);
+    GVTokenCache cache(pool, 4);
+    const unsigned int token = *cache.tryBorrow();
+    expectCounts(pool, 1, 1, 0);
+    pool.resetHighestLentCount();
+    EXPECT_FALSE(pool.isClosed());
+    cache.releaseObject(token);
+    expectCounts(pool, 0, 2, 0);
 }
 
 TEST(SharedPoolStatistics, countAWaitWhenItBeginsAndTheRestWhenItEnds) {

@@ -10,6 +10,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <ctime>
 #include <mutex>
 #include <optional>
@@ -112,6 +113,24 @@ struct LookingClock {
 GVSharedPool* LookingClock::thePool = nullptr;
 std::optional<unsigned int> LookingClock::theGift;
 
+// Keeps waiters in the queue and awake, until they are let go. Then it says that their time is over.
+struct HoldingClock {
+    using duration = milliseconds;
+    using rep = duration::rep;
+    using period = duration::period;
+    using time_point = std::chrono::time_point<HoldingClock>;
+    static time_point now() {
+        ++theCallCount;
+        await([] { return !isHolding; });
+        return time_point(milliseconds(100));
+    }
+    static std::atomic<bool> isHolding;
+    static std::atomic<unsigned int> theCallCount;
+};
+
+std::atomic<bool> HoldingClock::isHolding{false};
+std::atomic<unsigned int> HoldingClock::theCallCount{0};
+
 } // namespace
 
 TEST(SharedPoolWaiting, endsWithTheBlockThatComesBack) {
@@ -138,6 +157,48 @@ TEST(SharedPoolWaiting, endsWithABlockForAsManyAsComeBackInOneStep) {
         EXPECT_TRUE(borrower->result().has_value());
     }
     EXPECT_EQ(pool.getStatistics().theFreeCount, 1U);
+}
+
+// Of the waiters, those who have waited for a millisecond are served at once, and notify nobody. On a busy machine these
+// may be all.
+TEST(SharedPoolWaiting, isToldOfToAsManyAsThereAreBlocksFor) {
+    bool wasToldOf = false;
+    for (int attempt = 0; attempt < 20 && !wasToldOf; ++attempt) {
+        GVSharedPool pool(3, 16);
+        GVTokenCache cache(pool, 4);
+        const std::vector<unsigned int> tokens = borrowAll(pool);
+        returnAll(cache, {tokens[0], tokens[1]});
+        HoldingClock::isHolding = true;
+        HoldingClock::theCallCount = 0;
+        std::array<std::thread, 4> waiters;
+        for (std::thread& waiter : waiters) {
+            waiter =
+                std::thread([&] { static_cast<void>(pool.borrowUntil(HoldingClock::time_point(milliseconds(50)))); });
+        }
+        await([&] { return HoldingClock::theCallCount == waiters.size(); });
+        cache.flush();
+        wasToldOf = GVTestPeer::notifiedCount(pool) != 0;
+        EXPECT_EQ(GVTestPeer::notifiedCount(pool), pool.getStatistics().theFreeCount);
+        pool.releaseObject(tokens[2]);
+        EXPECT_EQ(GVTestPeer::notifiedCount(pool), pool.getStatistics().theFreeCount);
+        HoldingClock::isHolding = false;
+        for (std::thread& waiter : waiters) {
+            waiter.join();
+        }
+        EXPECT_EQ(GVTestPeer::notifiedCount(pool), 0U) << "all have looked";
+        EXPECT_EQ(pool.getStatistics().theLentCount, 3U);
+    }
+}
+
+TEST(SharedPoolWaiting, isNotBegunByWhoHasNotSeenTheBlockThatCameBack) {
+    GVSharedPool pool(1, 16);
+    const unsigned int token = *pool.borrow();
+    Borrower borrower(pool);
+    awaitWaits(pool, 1);
+    const std::uint32_t before = GVTestPeer::eventCount(pool);
+    pool.releaseObject(token);
+    EXPECT_EQ(borrower.result(), token);
+    EXPECT_EQ(GVTestPeer::eventCount(pool), before + 1) << "a sleeper looks at the count before he sleeps";
 }
 
 TEST(SharedPoolWaiting, endsForFortyThreadsInOneStepWithBlocksOrWithoutThem) {
