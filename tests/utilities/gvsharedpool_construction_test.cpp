@@ -101,8 +101,10 @@ TEST(SharedPoolConstruction, takesItsTokensFromTheProcessesCounter) {
 
 TEST(SharedPoolConstruction, withoutBlocksIsRefused) {
     const HookLedger ledger;
-    expectGVException([] { const GVSharedPool pool(0, 16); }, gvinvalidstate, sharedPoolFile,
-                      "A shared pool needs at least one block.");
+    for (const unsigned int length : {16U, 4294967295U}) {
+        expectGVException([&] { const GVSharedPool pool(0, length); }, gvinvalidstate, sharedPoolFile,
+                          "A shared pool needs at least one block.");
+    }
 }
 
 TEST(SharedPoolConstruction, ofBlocksWithoutBytesGivesNullAsTheirAddresses) {
@@ -148,6 +150,12 @@ TEST(SharedPoolConstruction, asksForATableThatItsBlocksDoNotFillToTwoThirds) {
     EXPECT_EQ(firstRequestOfPool(10), bytesOfTable(32));
     EXPECT_EQ(firstRequestOfPool(20), bytesOfTable(32));
     EXPECT_EQ(firstRequestOfPool(21), bytesOfTable(64));
+}
+
+TEST(SharedPoolConstruction, asksForADirectoryFromItsFirstTokenToItsLast) {
+    const HookLedger ledger;
+    const GVSharedPool pool(5, 16);
+    EXPECT_EQ(ledger.requests().back(), sizeof(void*) + 5 * sizeof(detail::GVSharedBlock));
 }
 
 TEST(SharedPoolConstruction, asksForTheLargestTableOf32BitsAndRefusesTheNext) {

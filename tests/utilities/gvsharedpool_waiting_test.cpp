@@ -190,6 +190,47 @@ TEST(SharedPoolWaiting, isToldOfToAsManyAsThereAreBlocksFor) {
     }
 }
 
+// A waiter that has waited for a millisecond is served at once, and cannot be overtaken. On a busy machine it may always
+// have.
+TEST(SharedPoolWaiting, goesOnUntilItIsToldAgainWhenItWasOvertaken) {
+    bool wasOvertaken = false;
+    for (int attempt = 0; attempt < 20 && !wasOvertaken; ++attempt) {
+        GVSharedPool pool(1, 16);
+        const unsigned int token = *pool.borrow();
+        HoldingClock::isHolding = true;
+        HoldingClock::theCallCount = 0;
+        std::thread waiter([&] { EXPECT_EQ(pool.borrowUntil(HoldingClock::time_point(hours(1))), token); });
+        await([] { return HoldingClock::theCallCount == 1; });
+        pool.releaseObject(token);
+        wasOvertaken = pool.tryBorrow().has_value();
+        HoldingClock::isHolding = false;
+        if (wasOvertaken) {
+            await([&] { return GVTestPeer::notifiedCount(pool) == 0; }); // it has looked, and sleeps
+            pool.releaseObject(token);
+        }
+        waiter.join();
+        EXPECT_EQ(GVTestPeer::notifiedCount(pool), 0U);
+    }
+}
+
+TEST(SharedPoolWaiting, thatWasServedLeavesThoseAloneWhoHaveComeSince) {
+    GVSharedPool pool(2, 16);
+    const std::vector<unsigned int> tokens = borrowAll(pool);
+    HoldingClock::isHolding = true;
+    HoldingClock::theCallCount = 0;
+    std::thread first([&] { EXPECT_EQ(pool.borrowUntil(HoldingClock::time_point(hours(1))), tokens[0]); });
+    await([] { return HoldingClock::theCallCount == 1; });
+    letTheOvertakingEnd();
+    pool.releaseObject(tokens[0]);
+    Borrower second(pool);
+    awaitWaits(pool, 2);
+    HoldingClock::isHolding = false;
+    first.join();
+    EXPECT_TRUE(GVTestPeer::stateOf(pool).hasWaiters);
+    pool.releaseObject(tokens[1]);
+    EXPECT_EQ(second.result(), tokens[1]);
+}
+
 TEST(SharedPoolWaiting, isNotBegunByWhoHasNotSeenTheBlockThatCameBack) {
     GVSharedPool pool(1, 16);
     const unsigned int token = *pool.borrow();
