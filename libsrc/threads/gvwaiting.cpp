@@ -29,17 +29,18 @@ void GVEventCount::wake(Marks marks) noexcept {
 // Results are ignored: the caller looks for itself what has changed.
 void GVEventCount::wait(GVPlainLock& lock, Marks mark, std::chrono::nanoseconds time) noexcept {
     timespec end = {};
+    const timespec* limit = nullptr;
     if (time != noLimit) {
         // The kernel counts in this clock's time, from its beginning.
         const std::chrono::nanoseconds until = std::chrono::steady_clock::now().time_since_epoch() + time;
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(until);
         end.tv_sec = static_cast<decltype(end.tv_sec)>(seconds.count());
         end.tv_nsec = static_cast<decltype(end.tv_nsec)>((until - seconds).count());
+        limit = &end;
     }
     const std::uint32_t count = theCount.load(std::memory_order_relaxed); // relaxed: the lock orders it, see advance
     lock.unlock();
-    static_cast<void>(syscall(theFutexCall, &theCount, FUTEX_WAIT_BITSET_PRIVATE, count,
-                              time == noLimit ? nullptr : &end, nullptr, mark));
+    static_cast<void>(syscall(theFutexCall, &theCount, FUTEX_WAIT_BITSET_PRIVATE, count, limit, nullptr, mark));
     lock.lock();
 }
 

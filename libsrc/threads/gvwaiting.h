@@ -14,6 +14,8 @@
 
 namespace Gilvane {
 
+struct GVTestPeer;
+
 namespace detail {
 
 /// A number that threads read and write without a lock. It has 32 bits on every target, so that access needs no lock of
@@ -49,6 +51,8 @@ class GVPlainLock {
     void unlock() noexcept { pthread_mutex_unlock(&theMutex); }
 
   private:
+    friend struct Gilvane::GVTestPeer;
+
     pthread_mutex_t theMutex;
 };
 
@@ -81,6 +85,8 @@ class GVEventCount {
     void wait(GVPlainLock& lock, Marks mark, std::chrono::nanoseconds time) noexcept;
 
   private:
+    friend struct Gilvane::GVTestPeer;
+
     GVAtomicWord theCount{0}; // modulo 2^32: nobody stays on his way to sleep for that long
 };
 

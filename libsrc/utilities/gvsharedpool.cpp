@@ -57,16 +57,15 @@ std::uint64_t roomInTable(unsigned int numberOfObjects) {
     return std::uint64_t{numberOfObjects} + numberOfObjects / 2 + 1;
 }
 
-// Throws std::bad_alloc unless the hooks' 32 bits can say how many bytes the tables of so many blocks have.
+// Throws std::bad_alloc unless the hooks' 32 bits can say how many bytes the token table of so many blocks has.
 template <typename Table>
-void requireThatTablesFit(const Table&, unsigned int numberOfObjects) {
-    constexpr std::uint64_t mostBytes = (std::numeric_limits<unsigned int>::max)() - detail::rawBlockHeaderBytes;
-    constexpr std::uint64_t arrayCookieBytes = 2 * sizeof(std::size_t); // at most
+void requireThatTableFits(const Table&, unsigned int numberOfObjects) {
     std::uint64_t slots = 16;
     while (slots <= roomInTable(numberOfObjects)) {
         slots *= 2;
     }
-    if ((slots + 1) * sizeof(typename Table::Entry) + arrayCookieBytes > mostBytes) {
+    // So many slots are never just below 2^32 bytes: what the array has beside them decides nothing.
+    if (slots * sizeof(typename Table::Entry) > (std::numeric_limits<unsigned int>::max)()) {
         throw std::bad_alloc();
     }
 }
@@ -141,7 +140,6 @@ void GVSharedPoolAccess::emptyCache(const unsigned int* tokens, unsigned int cou
 }
 
 void GVSharedPoolAccess::join(GVRegisteredCache& cache) noexcept {
-    cache.thePrevious = nullptr;
     cache.theNext = thePool.theFirstCache;
     if (cache.theNext != nullptr) {
         cache.theNext->thePrevious = &cache;
@@ -330,7 +328,7 @@ GVSharedPool::GVSharedPool(unsigned int numberOfObjects, unsigned int bytesPerOb
     }
     auto& table = detail::GVSharedPoolAccess::tableOf(thePool);
     auto& freeTokens = detail::GVSharedPoolAccess::freeTokensOf(thePool);
-    requireThatTablesFit(table, numberOfObjects);
+    requireThatTableFits(table, numberOfObjects);
     table.resize(static_cast<unsigned int>(roomInTable(numberOfObjects)));
     freeTokens.reserve(numberOfObjects);
     {

@@ -347,8 +347,8 @@ namespace detail {
 
 /// A cache as its pool knows it; the cache owns it.
 struct GVRegisteredCache {
-    const GVAtomicWord* theCount; // tokens in the cache
-    GVRegisteredCache* thePrevious;
+    const GVAtomicWord* theCount;   // tokens in the cache
+    GVRegisteredCache* thePrevious; // null before it joins
     GVRegisteredCache* theNext;
 };
 

@@ -7,8 +7,11 @@
 #include <gilvane/utilities/gvsharedpool.h>
 #include <gilvane/utilities/gvtokencache.h>
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <vector>
 
@@ -84,6 +87,22 @@ struct GVTestPeer {
     // Shared pools
     static GVMemoryPool& innerPool(GVSharedPool& pool) { return pool.thePool; }
     static detail::GVAtomicWord& attention(GVSharedPool& pool) { return pool.theAttention; }
+    static std::uint32_t eventCount(const detail::GVEventCount& events) {
+        return events.theCount.load(std::memory_order_relaxed);
+    }
+    static std::uint32_t eventCount(const GVSharedPool& pool) { return eventCount(pool.theEvents); }
+    static unsigned int notifiedCount(const GVSharedPool& pool) {
+        const std::lock_guard<detail::GVPlainLock> guard(pool.theLock);
+        return pool.theNotifiedCount;
+    }
+    /// Whether any thread holds the lock.
+    static bool isHeld(detail::GVPlainLock& lock) {
+        const bool isFree = pthread_mutex_trylock(&lock.theMutex) == 0;
+        if (isFree) {
+            lock.unlock();
+        }
+        return !isFree;
+    }
 
     /// What a shared pool's lock guards, beside its free list, and what decides what the pool does next.
     struct SharedPoolState {
@@ -94,10 +113,6 @@ struct GVTestPeer {
     static SharedPoolState stateOf(const GVSharedPool& pool) {
         return {pool.theFirstWaiter != nullptr, (pool.isWatched ? 2U : 0U) + (pool.theClosedFlag ? 1U : 0U),
                 pool.theIdleCachedCount};
-    }
-    static unsigned int notifiedCount(const GVSharedPool& pool) {
-        const std::lock_guard<detail::GVPlainLock> guard(pool.theLock);
-        return pool.theNotifiedCount;
     }
     static std::vector<unsigned int> tokensIn(const GVTokenCache& cache) {
         return {cache.theTokens, cache.theTokens + cache.theCount.load(std::memory_order_relaxed)};

@@ -20,7 +20,7 @@ inline constexpr const char* notOfThisPool = "Token is not of this pool.";
 inline constexpr const char* freeAlready = "Token is free: returned already, or never lent.";
 
 /// Long enough for a waiter that it is handed the next block.
-inline void letTheOvertakingEnd() { std::this_thread::sleep_for(std::chrono::milliseconds(3)); }
+inline void letTheOvertakingEnd() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
 
 /// Returns when `condition` holds, and fails the test after half a minute.
 template <typename Condition>

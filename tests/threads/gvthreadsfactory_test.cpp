@@ -22,11 +22,11 @@
 namespace Gilvane {
 
 std::atomic<bool> theMutexInitFails{false};
+std::atomic<int> theMutexDestroyCount{0};
 
 namespace {
 
 std::atomic<int> theMutexInitCount{0};
-std::atomic<int> theMutexDestroyCount{0};
 
 GVMutexHandle* createByFactory(_gvmutex kind, bool flag) { return GVThreadsFactory().CreateUnnamedHandle(kind, flag); }
 

@@ -1,5 +1,6 @@
 #include <gilvane/threads/gvwaiting.h>
 
+#include "gvtestpeer.h"
 #include "hookledger.h"
 #include "noposixmutexes.h"
 #include "sharedpoolsupport.h"
@@ -140,15 +141,44 @@ TEST(PlainLock, thatPosixRefusesIsKindOutOfMemoryAndLeavesNothingOfAPoolBehind) 
     EXPECT_EQ(ledger.liveBlocks().size(), 0U);
 }
 
+TEST(PlainLock, isHeldFromLockToUnlock) {
+    detail::GVPlainLock lock;
+    EXPECT_FALSE(GVTestPeer::isHeld(lock));
+    lock.lock();
+    EXPECT_TRUE(GVTestPeer::isHeld(lock));
+    lock.unlock();
+    EXPECT_FALSE(GVTestPeer::isHeld(lock));
+}
+
+TEST(PlainLock, destroysItsPosixMutex) {
+    theMutexDestroyCount = 0;
+    { const detail::GVPlainLock lock; }
+    EXPECT_EQ(theMutexDestroyCount, 1);
+}
+
 TEST(EventCount, hasThirtyTwoMarksAndGivesThemInTurn) {
-    Sleepers::Marks all = 0;
-    for (unsigned int number = 7; number < 7 + 32; ++number) {
-        const Sleepers::Marks mark = detail::GVEventCount::markOf(number);
-        EXPECT_EQ(mark & (mark - 1), 0U) << "one bit";
-        EXPECT_EQ(mark, detail::GVEventCount::markOf(number + 32));
-        all |= mark;
+    Sleepers::Marks expected = 1;
+    for (unsigned int number = 0; number < 32; ++number) {
+        EXPECT_EQ(detail::GVEventCount::markOf(number), expected);
+        EXPECT_EQ(detail::GVEventCount::markOf(number + 32), expected);
+        expected *= 2;
     }
-    EXPECT_EQ(all, 0xFFFFFFFFU);
+}
+
+TEST(EventCount, countsAnEventSoThatNobodyFallsAsleepWhoHasNotSeenIt) {
+    detail::GVEventCount events;
+    const std::uint32_t before = GVTestPeer::eventCount(events);
+    events.advance();
+    EXPECT_EQ(GVTestPeer::eventCount(events), before + 1);
+}
+
+TEST(EventCount, givesTheLockBackAfterASleep) {
+    detail::GVPlainLock lock;
+    detail::GVEventCount events;
+    lock.lock();
+    events.wait(lock, 1, nanoseconds(1));
+    EXPECT_TRUE(GVTestPeer::isHeld(lock));
+    lock.unlock();
 }
 
 TEST(EventCount, wakesAllWhoHaveOneOfTheMarksAndNobodyElse) {
@@ -219,6 +249,7 @@ TEST(TimeOfAWait, isOverForADurationOfZeroOrLess) {
     expectOver(leftOf(nanoseconds(0)));
     expectOver(leftOf(seconds(-1)));
     expectOver(leftOf((hours::min)()));
+    expectOver(leftOf(hours(-3000000))); // less than 64 bits of nanoseconds hold
     expectOver(leftOf((nanoseconds::min)()));
     expectOver(leftOf(duration<double>(-std::numeric_limits<double>::infinity())));
     expectOver(leftOf(duration<double>(std::numeric_limits<double>::quiet_NaN())));
@@ -251,6 +282,7 @@ TEST(TimeOfAWait, isOverOrWithoutLimitAtTheEndsOfAClock) {
     StandingClock::theNow = StandingClock::time_point(seconds(5000));
     EXPECT_EQ(left((FarPoint::max)()), detail::noLimit);
     expectOver(left((FarPoint::min)()));
+    expectOver(left(FarPoint(hours(-300000)))); // less than 64 bits of picoseconds hold
     EXPECT_EQ(left((system_clock::time_point::max)()), detail::noLimit);
     expectOver(left((system_clock::time_point::min)()));
     expectOver(left((steady_clock::time_point::min)()));

@@ -1,5 +1,6 @@
 /// @file
-/// Makes pthread_mutex_init fail, in the program of tests whose calls of it the linker sends to this folder.
+/// Makes pthread_mutex_init fail, and counts what is destroyed, in the program of tests whose calls the linker sends to
+/// this folder.
 #ifndef GILVANE_TESTS_THREADS_NOPOSIXMUTEXES_H
 #define GILVANE_TESTS_THREADS_NOPOSIXMUTEXES_H
 
@@ -9,6 +10,9 @@ namespace Gilvane {
 
 /// Whether pthread_mutex_init fails.
 extern std::atomic<bool> theMutexInitFails;
+
+/// POSIX mutexes that were destroyed.
+extern std::atomic<int> theMutexDestroyCount;
 
 /// While it lives, no POSIX mutex can be made.
 class NoPosixMutexes {

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <exception>
 #include <fcntl.h>
 #include <optional>
 #include <poll.h>
@@ -48,7 +49,64 @@ class NoDescriptors {
     rlimit theLimit = {};
 };
 
+// While it lives, standard input is closed, and the next descriptor has its number.
+class NoStandardInput {
+  public:
+    NoStandardInput() { ::close(STDIN_FILENO); }
+    NoStandardInput(const NoStandardInput&) = delete;
+    NoStandardInput& operator=(const NoStandardInput&) = delete;
+    ~NoStandardInput() {
+        dup2(theInput, STDIN_FILENO);
+        ::close(theInput);
+    }
+
+  private:
+    int theInput = dup(STDIN_FILENO);
+};
+
+// Closes the pool and returns a block, while a wait that is long enough for the block to be handed over goes on.
+struct ClosingClock {
+    using duration = std::chrono::milliseconds;
+    using rep = duration::rep;
+    using period = duration::period;
+    using time_point = std::chrono::time_point<ClosingClock>;
+    static time_point now() {
+        letTheOvertakingEnd();
+        thePool->close();
+        thePool->releaseObject(theToken);
+        return time_point();
+    }
+    static GVSharedPool* thePool;
+    static unsigned int theToken;
+};
+
+GVSharedPool* ClosingClock::thePool = nullptr;
+unsigned int ClosingClock::theToken = 0;
+
+const GVSharedPool* theWatchedPool = nullptr; // null: nothing is noted
+bool wasHeldAtWrites = false;                 // whether its lock was held when a descriptor was last written
+
 } // namespace
+
+} // namespace Gilvane
+
+// The linker sends the library's calls of eventfd_write here.
+extern "C" {
+// NOLINTBEGIN(bugprone-reserved-identifier)
+int __real_eventfd_write(int descriptor, eventfd_t value);
+int __wrap_eventfd_write(int descriptor, eventfd_t value);
+
+int __wrap_eventfd_write(int descriptor, eventfd_t value) {
+    using namespace Gilvane;
+    if (theWatchedPool != nullptr) {
+        wasHeldAtWrites = GVTestPeer::isHeld(detail::GVSharedPoolAccess::lock(*theWatchedPool));
+    }
+    return __real_eventfd_write(descriptor, value);
+}
+// NOLINTEND(bugprone-reserved-identifier)
+}
+
+namespace Gilvane {
 
 TEST(SharedPoolClosing, lendsNothingFromThenOn) {
     GVSharedPool pool(2, 16);
@@ -155,6 +213,14 @@ TEST(SharedPoolClosing, leavesABlockThatWasHandedOverBefore) {
     EXPECT_EQ(pool.getStatistics().theFreeCount, 1U);
 }
 
+TEST(SharedPoolClosing, handsNothingToThoseWhoStillWait) {
+    GVSharedPool pool(1, 16);
+    ClosingClock::thePool = &pool;
+    ClosingClock::theToken = *pool.tryBorrow();
+    EXPECT_FALSE(pool.borrowUntil(ClosingClock::time_point(std::chrono::hours(1))).has_value());
+    EXPECT_EQ(pool.getStatistics().theFreeCount, 1U);
+}
+
 TEST(SharedPoolDescriptor, isReadableWhileABlockIsFree) {
     GVSharedPool pool(2, 16);
     const int descriptor = pool.getDescriptor();
@@ -163,6 +229,7 @@ TEST(SharedPoolDescriptor, isReadableWhileABlockIsFree) {
     EXPECT_TRUE(isReadable(descriptor));
     const unsigned int second = *pool.tryBorrow();
     EXPECT_FALSE(isReadable(descriptor));
+    EXPECT_FALSE(pool.isClosed());
     pool.releaseObject(first);
     EXPECT_TRUE(isReadable(descriptor));
     pool.releaseObject(second);
@@ -182,6 +249,40 @@ TEST(SharedPoolDescriptor, thatIsFirstAskedForWhenNoneIsFreeIsNotReadable) {
     EXPECT_FALSE(isReadable(descriptor));
     pool.releaseObject(token);
     EXPECT_TRUE(isReadable(descriptor));
+}
+
+TEST(SharedPoolDescriptor, thatIsFirstAskedForAfterAResetIsReadable) {
+    GVSharedPool pool(4, 16);
+    GVTokenCache cache(pool, 2);
+    cache.releaseObject(*cache.tryBorrow()); // one lies in the cache
+    pool.resetHighestLentCount();
+    pool.releaseObject(*pool.tryBorrow());
+    EXPECT_TRUE(isReadable(pool.getDescriptor()));
+}
+
+TEST(SharedPoolDescriptor, isWrittenUnderTheLock) {
+    GVSharedPool pool(1, 16);
+    static_cast<void>(pool.getDescriptor());
+    const unsigned int token = *pool.tryBorrow();
+    wasHeldAtWrites = false;
+    theWatchedPool = &pool;
+    pool.releaseObject(token);
+    theWatchedPool = nullptr;
+    EXPECT_TRUE(wasHeldAtWrites);
+}
+
+TEST(SharedPoolDescriptor, mayHaveTheNumberZero) {
+    const NoStandardInput closed;
+    {
+        GVSharedPool pool(1, 16);
+        EXPECT_EQ(pool.getDescriptor(), 0);
+        EXPECT_EQ(pool.getDescriptor(), 0) << "it is there already";
+        const unsigned int token = *pool.tryBorrow();
+        EXPECT_FALSE(isReadable(0));
+        pool.releaseObject(token);
+        EXPECT_TRUE(isReadable(0));
+    }
+    EXPECT_EQ(fcntl(0, F_GETFD), -1) << "it is closed with the pool";
 }
 
 TEST(SharedPoolDescriptor, isReadableWhenThePoolIsClosed) {
@@ -242,16 +343,18 @@ TEST(SharedPoolDescriptor, isMadeWhenItIsAskedForAndClosedWithThePool) {
 
 TEST(SharedPoolDescriptor, thatCannotBeHadIsKindOutOfMemoryAndChangesNothing) {
     GVSharedPool pool(1, 16);
+    std::exception_ptr failure;
     {
-        const NoDescriptors none;
+        const NoDescriptors none; // the source, in which the line is looked up, cannot be read either
         try {
             pool.getDescriptor();
-            ADD_FAILURE() << "there was a descriptor";
-        } catch (const GVException& exception) {
-            EXPECT_EQ(exception.getKind(), gvoutofmemory);
-            EXPECT_STREQ(exception.getMessage(), "Unable to create the descriptor of a shared pool.");
+        } catch (const GVException&) {
+            failure = std::current_exception();
         }
     }
+    ASSERT_NE(failure, nullptr);
+    expectGVException([&] { std::rethrow_exception(failure); }, gvoutofmemory, sharedPoolFile,
+                      "Unable to create the descriptor of a shared pool.");
     returnAll(pool, borrowAll(pool));
     EXPECT_TRUE(isReadable(pool.getDescriptor()));
 }
@@ -266,6 +369,8 @@ TEST(SharedPoolDescriptor, doesNotCountBlocksInCachesWhichComeBackAtTheCachesNex
     cache.releaseObject(token);
     EXPECT_TRUE(isReadable(descriptor)) << "that no block is free counts as somebody waiting";
     EXPECT_EQ(pool.getStatistics().theCachedCount, 0U);
+    EXPECT_EQ(pool.tryBorrow(), token) << "it came back last";
+    pool.releaseObject(token);
 }
 
 TEST(SharedPoolDescriptor, letsCachesKeepWhatTheyHoldWhileABlockIsFree) {

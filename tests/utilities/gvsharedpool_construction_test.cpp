@@ -54,6 +54,23 @@ bool isBuiltWithARefusal(HookLedger& ledger, std::size_t before) {
     return isBuilt;
 }
 
+// The bytes that the hooks are asked for first, and refuse; 0 when they are not asked.
+template <typename Operation>
+unsigned int firstRequestOf(Operation operation) {
+    HookLedger ledger;
+    ledger.refuseOnce(0);
+    EXPECT_ANY_THROW(operation());
+    return ledger.allocationCount() == 0 ? 0 : ledger.requests().front();
+}
+
+unsigned int bytesOfTable(unsigned int slots) {
+    return firstRequestOf([&] { TokenTable().resize(slots - 1); });
+}
+
+unsigned int firstRequestOfPool(unsigned int numberOfObjects) {
+    return firstRequestOf([&] { const GVSharedPool pool(numberOfObjects, 0); });
+}
+
 } // namespace
 
 static_assert(!std::is_copy_constructible_v<GVSharedPool> && !std::is_copy_assignable_v<GVSharedPool>);
@@ -84,8 +101,10 @@ TEST(SharedPoolConstruction, takesItsTokensFromTheProcessesCounter) {
 
 TEST(SharedPoolConstruction, withoutBlocksIsRefused) {
     const HookLedger ledger;
-    expectGVException([] { const GVSharedPool pool(0, 16); }, gvinvalidstate, sharedPoolFile,
-                      "A shared pool needs at least one block.");
+    for (const unsigned int length : {16U, 4294967295U}) {
+        expectGVException([&] { const GVSharedPool pool(0, length); }, gvinvalidstate, sharedPoolFile,
+                          "A shared pool needs at least one block.");
+    }
 }
 
 TEST(SharedPoolConstruction, ofBlocksWithoutBytesGivesNullAsTheirAddresses) {
@@ -121,6 +140,31 @@ TEST(SharedPoolConstruction, asksTheHooksForTheLongestBlockThatDoesNotWrap) {
     ledger.refuseFrom(3); // table, free list and the block's object come before its bytes
     EXPECT_THROW(GVSharedPool(6, 4294967295U - sizeof(void*)), std::bad_alloc);
     EXPECT_EQ(ledger.requests().back(), 4294967295U);
+}
+
+TEST(SharedPoolConstruction, asksForATableThatItsBlocksDoNotFillToTwoThirds) {
+    const unsigned int header = sizeof(void*);
+    EXPECT_EQ(firstRequestOfPool(4), header + 4 * sizeof(unsigned int)) << "8 slots lie in the pool; the free list";
+    EXPECT_EQ(firstRequestOfPool(5), bytesOfTable(16));
+    EXPECT_EQ(firstRequestOfPool(9), bytesOfTable(16));
+    EXPECT_EQ(firstRequestOfPool(10), bytesOfTable(32));
+    EXPECT_EQ(firstRequestOfPool(20), bytesOfTable(32));
+    EXPECT_EQ(firstRequestOfPool(21), bytesOfTable(64));
+}
+
+TEST(SharedPoolConstruction, asksForADirectoryFromItsFirstTokenToItsLast) {
+    const HookLedger ledger;
+    const GVSharedPool pool(5, 16);
+    EXPECT_EQ(ledger.requests().back(), sizeof(void*) + 5 * sizeof(detail::GVSharedBlock));
+}
+
+TEST(SharedPoolConstruction, asksForTheLargestTableOf32BitsAndRefusesTheNext) {
+    constexpr bool has64Bits = sizeof(void*) == 8; // an entry has 32 bytes then, and 20 otherwise
+    constexpr unsigned int mostBlocks = has64Bits ? 44739241 : 89478484;
+    EXPECT_EQ(firstRequestOfPool(mostBlocks), bytesOfTable(1U << (has64Bits ? 26 : 27)));
+    const HookLedger ledger;
+    EXPECT_THROW(GVSharedPool(mostBlocks + 1, 0), std::bad_alloc);
+    EXPECT_EQ(ledger.allocationCount(), 0U);
 }
 
 TEST(SharedPoolConstruction, refusesACountWhoseTablesExceedTheHooks32Bits) {

@@ -1,14 +1,18 @@
 #include <gilvane/utilities/gvsharedpool.h>
 
+#include "gvtestpeer.h"
 #include "sharedpoolsupport.h"
 
 #include <gilvane/utilities/gvtokencache.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <new>
 #include <optional>
 #include <sstream>
 #include <thread>
@@ -36,10 +40,15 @@ TEST(SharedPoolStatistics, ofANewPoolCountFreeBlocksAlone) {
     EXPECT_EQ(statistics.theWaitCount, 0U);
     EXPECT_EQ(statistics.theTimeoutCount, 0U);
     EXPECT_EQ(statistics.theLongestWait.count(), 0);
+    EXPECT_EQ(GVTestPeer::stateOf(pool).flags, 0U) << "there is nothing to see to";
 }
 
 TEST(SharedPoolStatistics, areWrittenAsALineOfText) {
     GVSharedPoolStatistics statistics;
+    std::ostringstream nothing;
+    nothing << statistics;
+    EXPECT_EQ(nothing.str(), "0 blocks: 0 lent, 0 in caches, 0 free; at most 0 lent; 0 waits, 0 timeouts, the longest "
+                             "wait 0 ms");
     statistics.theNumberOfObjects = 8;
     statistics.theLentCount = 3;
     statistics.theCachedCount = 1;
@@ -90,6 +99,34 @@ TEST(SharedPoolStatistics, forgetACacheThatIsGone) {
     expectCounts(pool, 0, 1, 9);
 }
 
+TEST(SharedPoolStatistics, forgetCachesThatGoInAnyOrder) {
+    std::array<unsigned int, 3> order = {0, 1, 2};
+    do {
+        GVSharedPool pool(10, 16);
+        std::array<std::optional<GVTokenCache>, 3> caches;
+        for (std::optional<GVTokenCache>& cache : caches) {
+            cache.emplace(pool, 2U);
+            cache->releaseObject(*cache->tryBorrow());
+        }
+        unsigned int cached = 3;
+        for (const unsigned int number : order) {
+            expectCounts(pool, 0, cached, 10 - cached);
+            caches[number].reset();
+            --cached;
+        }
+        expectCounts(pool, 0, 0, 10);
+    } while (std::next_permutation(order.begin(), order.end()));
+}
+
+TEST(SharedPoolStatistics, readNothingOfACacheThatIsGone) {
+    GVSharedPool pool(10, 16);
+    alignas(GVTokenCache) std::array<unsigned char, sizeof(GVTokenCache)> memory = {};
+    GVTokenCache* const cache = ::new (memory.data()) GVTokenCache(pool, 2);
+    cache->~GVTokenCache();
+    memory.fill(0xFF);
+    expectCounts(pool, 0, 0, 10);
+}
+
 TEST(SharedPoolStatistics, keepTheHighestNumberOfLentBlocksUntilTheReset) {
     GVSharedPool pool(5, 16);
     const unsigned int first = *pool.tryBorrow();
@@ -129,8 +166,63 @@ TEST(SharedPoolStatistics, boundTheHighestNumberAfterAResetThoughACacheGoes) {
         EXPECT_EQ(pool.getStatistics().theHighestLentCount, 0U);
     }
     const std::vector<unsigned int> tokens = borrowAll(pool);
-    EXPECT_GE(pool.getStatistics().theHighestLentCount, 6U);
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 6U);
     returnAll(pool, tokens);
+}
+
+TEST(SharedPoolStatistics, keepTheHighestNumberThoughBlocksLieInCaches) {
+    GVSharedPool pool(6, 16);
+    GVTokenCache cache(pool, 4);
+    cache.releaseObject(*cache.tryBorrow()); // two lie in the cache
+    const std::vector<unsigned int> tokens{*pool.tryBorrow(), *pool.tryBorrow()};
+    pool.resetHighestLentCount();
+    returnAll(pool, tokens);
+    pool.releaseObject(*pool.tryBorrow());
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 2U);
+}
+
+TEST(SharedPoolStatistics, takeWhatLiesInCachesForLentAfterAResetWhateverACacheDoesFirst) {
+    using Cache = std::optional<GVTokenCache>;
+    const std::vector<std::function<void(Cache&, unsigned int)>> ways = {
+        [](Cache& cache, unsigned int) { EXPECT_TRUE(cache->tryBorrow().has_value()); },
+        [](Cache& cache, unsigned int) { EXPECT_TRUE(cache->borrow().has_value()); },
+        [](Cache& cache, unsigned int) {
+            unsigned int token = 0;
+            EXPECT_EQ(cache->tryBorrowMany(&token, 1), 1U);
+        },
+        [](Cache& cache, unsigned int lent) { cache->releaseObject(lent); },
+        [](Cache& cache, unsigned int) { cache->flush(); },
+        [](Cache& cache, unsigned int) { cache.reset(); },
+    };
+    for (const auto& work : ways) {
+        GVSharedPool pool(10, 16);
+        Cache cache;
+        cache.emplace(pool, 6U);
+        cache->releaseObject(*cache->tryBorrow()); // three lie in the cache
+        const unsigned int lent = *pool.tryBorrow();
+        pool.resetHighestLentCount();
+        EXPECT_EQ(pool.getStatistics().theHighestLentCount, 1U);
+        work(cache, lent);
+        EXPECT_EQ(pool.getStatistics().theHighestLentCount, 4U);
+        EXPECT_EQ(GVTestPeer::stateOf(pool).idleCachedCount, 0U);
+        const unsigned int stillLent = pool.getStatistics().theLentCount;
+        cache.reset();
+        EXPECT_EQ(borrowAll(pool).size(), 10U - stillLent) << "nothing is lost";
+    }
+}
+
+TEST(SharedPoolStatistics, takeWhatACacheSendsToAWaiterForLentAfterAReset) {
+    GVSharedPool pool(4, 16);
+    GVTokenCache cache(pool, 6);
+    const std::vector<unsigned int> tokens = borrowAll(pool);
+    returnAll(cache, {tokens[0], tokens[1], tokens[2]});
+    pool.resetHighestLentCount();
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 1U);
+    std::thread waiter([&] { EXPECT_TRUE(pool.borrow().has_value()); });
+    awaitWaits(pool, 1);
+    cache.releaseObject(tokens[3]);
+    waiter.join();
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 4U);
 }
 
 TEST(SharedPoolStatistics, takeWhatLiesInCachesForLentInTheHighestNumber) {
@@ -163,7 +255,31 @@ TEST(SharedPoolStatistics, boundTheHighestNumberAfterAResetWhateverCachesDo) {
         ASSERT_EQ(lender.tryBorrowMany(tokens.data(), many), many);
         second.releaseMany(tokens.data(), many);
         EXPECT_GE(pool.getStatistics().theHighestLentCount, many);
+        EXPECT_LE(pool.getStatistics().theHighestLentCount, 40U);
     }
+}
+
+TEST(SharedPoolStatistics, letCachesGoOnByThemselvesOnceOneHasWorkedAfterAReset) {
+    GVSharedPool pool(4, 16);
+    GVTokenCache cache(pool, 2);
+    cache.releaseObject(*cache.tryBorrow()); // one lies in the cache
+    pool.resetHighestLentCount();
+    const unsigned int token = *cache.tryBorrow();
+    EXPECT_EQ(pool.getStatistics().theHighestLentCount, 1U) << "the cache has said so";
+    EXPECT_EQ(GVTestPeer::attention(pool).load(), 0U);
+    EXPECT_EQ(GVTestPeer::stateOf(pool).flags, 0U) << "there is nothing to see to";
+    cache.releaseObject(token);
+}
+
+TEST(SharedPoolStatistics, takeNothingFromCachesAtAResetThoughNoBlockIsFree) {
+    GVSharedPool pool(2, 16);
+    GVTokenCache cache(pool, 4);
+    const unsigned int token = *cache.tryBorrow();
+    expectCounts(pool, 1, 1, 0);
+    pool.resetHighestLentCount();
+    EXPECT_FALSE(pool.isClosed());
+    cache.releaseObject(token);
+    expectCounts(pool, 0, 2, 0);
 }
 
 TEST(SharedPoolStatistics, countAWaitWhenItBeginsAndTheRestWhenItEnds) {

@@ -10,6 +10,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <ctime>
 #include <mutex>
 #include <optional>
@@ -112,6 +113,24 @@ struct LookingClock {
 GVSharedPool* LookingClock::thePool = nullptr;
 std::optional<unsigned int> LookingClock::theGift;
 
+// Keeps waiters in the queue and awake, until they are let go. Then it says that their time is over.
+struct HoldingClock {
+    using duration = milliseconds;
+    using rep = duration::rep;
+    using period = duration::period;
+    using time_point = std::chrono::time_point<HoldingClock>;
+    static time_point now() {
+        ++theCallCount;
+        await([] { return !isHolding; });
+        return time_point(milliseconds(100));
+    }
+    static std::atomic<bool> isHolding;
+    static std::atomic<unsigned int> theCallCount;
+};
+
+std::atomic<bool> HoldingClock::isHolding{false};
+std::atomic<unsigned int> HoldingClock::theCallCount{0};
+
 } // namespace
 
 TEST(SharedPoolWaiting, endsWithTheBlockThatComesBack) {
@@ -138,6 +157,89 @@ TEST(SharedPoolWaiting, endsWithABlockForAsManyAsComeBackInOneStep) {
         EXPECT_TRUE(borrower->result().has_value());
     }
     EXPECT_EQ(pool.getStatistics().theFreeCount, 1U);
+}
+
+// Of the waiters, those who have waited for a millisecond are served at once, and notify nobody. On a busy machine these
+// may be all.
+TEST(SharedPoolWaiting, isToldOfToAsManyAsThereAreBlocksFor) {
+    bool wasToldOf = false;
+    for (int attempt = 0; attempt < 20 && !wasToldOf; ++attempt) {
+        GVSharedPool pool(3, 16);
+        GVTokenCache cache(pool, 4);
+        const std::vector<unsigned int> tokens = borrowAll(pool);
+        returnAll(cache, {tokens[0], tokens[1]});
+        HoldingClock::isHolding = true;
+        HoldingClock::theCallCount = 0;
+        std::array<std::thread, 4> waiters;
+        for (std::thread& waiter : waiters) {
+            waiter =
+                std::thread([&] { static_cast<void>(pool.borrowUntil(HoldingClock::time_point(milliseconds(50)))); });
+        }
+        await([&] { return HoldingClock::theCallCount == waiters.size(); });
+        cache.flush();
+        wasToldOf = GVTestPeer::notifiedCount(pool) != 0;
+        EXPECT_EQ(GVTestPeer::notifiedCount(pool), pool.getStatistics().theFreeCount);
+        pool.releaseObject(tokens[2]);
+        EXPECT_EQ(GVTestPeer::notifiedCount(pool), pool.getStatistics().theFreeCount);
+        HoldingClock::isHolding = false;
+        for (std::thread& waiter : waiters) {
+            waiter.join();
+        }
+        EXPECT_EQ(GVTestPeer::notifiedCount(pool), 0U) << "all have looked";
+        EXPECT_EQ(pool.getStatistics().theLentCount, 3U);
+    }
+}
+
+// A waiter that has waited for a millisecond is served at once, and cannot be overtaken. On a busy machine it may always
+// have.
+TEST(SharedPoolWaiting, goesOnUntilItIsToldAgainWhenItWasOvertaken) {
+    bool wasOvertaken = false;
+    for (int attempt = 0; attempt < 20 && !wasOvertaken; ++attempt) {
+        GVSharedPool pool(1, 16);
+        const unsigned int token = *pool.borrow();
+        HoldingClock::isHolding = true;
+        HoldingClock::theCallCount = 0;
+        std::thread waiter([&] { EXPECT_EQ(pool.borrowUntil(HoldingClock::time_point(hours(1))), token); });
+        await([] { return HoldingClock::theCallCount == 1; });
+        pool.releaseObject(token);
+        wasOvertaken = pool.tryBorrow().has_value();
+        HoldingClock::isHolding = false;
+        if (wasOvertaken) {
+            await([&] { return GVTestPeer::notifiedCount(pool) == 0; }); // it has looked, and sleeps
+            pool.releaseObject(token);
+        }
+        waiter.join();
+        EXPECT_EQ(GVTestPeer::notifiedCount(pool), 0U);
+    }
+}
+
+TEST(SharedPoolWaiting, thatWasServedLeavesThoseAloneWhoHaveComeSince) {
+    GVSharedPool pool(2, 16);
+    const std::vector<unsigned int> tokens = borrowAll(pool);
+    HoldingClock::isHolding = true;
+    HoldingClock::theCallCount = 0;
+    std::thread first([&] { EXPECT_EQ(pool.borrowUntil(HoldingClock::time_point(hours(1))), tokens[0]); });
+    await([] { return HoldingClock::theCallCount == 1; });
+    letTheOvertakingEnd();
+    pool.releaseObject(tokens[0]);
+    Borrower second(pool);
+    awaitWaits(pool, 2);
+    HoldingClock::isHolding = false;
+    first.join();
+    EXPECT_TRUE(GVTestPeer::stateOf(pool).hasWaiters);
+    pool.releaseObject(tokens[1]);
+    EXPECT_EQ(second.result(), tokens[1]);
+}
+
+TEST(SharedPoolWaiting, isNotBegunByWhoHasNotSeenTheBlockThatCameBack) {
+    GVSharedPool pool(1, 16);
+    const unsigned int token = *pool.borrow();
+    Borrower borrower(pool);
+    awaitWaits(pool, 1);
+    const std::uint32_t before = GVTestPeer::eventCount(pool);
+    pool.releaseObject(token);
+    EXPECT_EQ(borrower.result(), token);
+    EXPECT_EQ(GVTestPeer::eventCount(pool), before + 1) << "a sleeper looks at the count before he sleeps";
 }
 
 TEST(SharedPoolWaiting, endsForFortyThreadsInOneStepWithBlocksOrWithoutThem) {

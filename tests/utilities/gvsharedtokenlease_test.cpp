@@ -148,6 +148,7 @@ TEST(SharedTokenLease, showsItsBytesAsAType) {
     unsigned int read = 0;
     std::memcpy(&read, lease.getBytes(), sizeof(read));
     EXPECT_EQ(read, 7U);
+    EXPECT_EQ(static_cast<void*>(&lease.as<char[8]>()), lease.getBytes()) << "it may take up the whole block";
     expectGVException([&] { lease.as<char[9]>(); }, gvinvalidstate, "libsrc/utilities/gvtokenlease",
                       "Block is too short for the type.");
 }

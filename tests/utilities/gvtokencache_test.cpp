@@ -314,6 +314,14 @@ TEST(TokenCacheWaiting, getsTheBlockThatComesBack) {
     }
 }
 
+TEST(TokenCacheWaiting, takesHalfTheCapacityWhereNobodyNeedsToWait) {
+    GVSharedPool pool(10, 16);
+    GVTokenCache cache(pool, 8);
+    EXPECT_TRUE(cache.borrow().has_value());
+    EXPECT_EQ(cachedIn(pool), 3U);
+    EXPECT_EQ(freeIn(pool), 6U);
+}
+
 TEST(TokenCacheWaiting, endsEmptyWhenTheTimeIsOver) {
     GVSharedPool pool(1, 16);
     GVTokenCache cache(pool, 4);
@@ -328,23 +336,25 @@ TEST(TokenCacheWaiting, endsEmptyWhenTheTimeIsOver) {
 }
 
 TEST(TokenCacheWaiting, byAnybodySendsWhatACacheHoldsAtItsNextLoan) {
-    GVSharedPool pool(4, 16);
-    GVTokenCache cache(pool, 8);
-    const unsigned int mine = *cache.tryBorrow();
-    EXPECT_EQ(cachedIn(pool), 3U);
-    std::vector<std::thread> waiters;
-    for (int number = 0; number < 2; ++number) {
-        waiters.emplace_back([&] { EXPECT_TRUE(pool.borrow().has_value()); });
+    for (const bool mayWait : {false, true}) {
+        GVSharedPool pool(5, 16);
+        GVTokenCache cache(pool, 10);
+        const unsigned int mine = *cache.tryBorrow();
+        EXPECT_EQ(cachedIn(pool), 4U);
+        std::vector<std::thread> waiters;
+        for (int number = 0; number < 2; ++number) {
+            waiters.emplace_back([&] { EXPECT_TRUE(pool.borrow().has_value()); });
+        }
+        awaitWaits(pool, 2);
+        letTheOvertakingEnd();
+        EXPECT_TRUE((mayWait ? cache.borrow() : cache.tryBorrow()).has_value());
+        EXPECT_EQ(cachedIn(pool), 0U) << "it takes no more than it asked for";
+        for (std::thread& waiter : waiters) {
+            waiter.join();
+        }
+        EXPECT_EQ(pool.getStatistics().theLentCount, 4U);
+        cache.releaseObject(mine);
     }
-    awaitWaits(pool, 2);
-    letTheOvertakingEnd();
-    EXPECT_TRUE(cache.tryBorrow().has_value()) << "it takes no more than it asked for";
-    EXPECT_EQ(cachedIn(pool), 0U);
-    for (std::thread& waiter : waiters) {
-        waiter.join();
-    }
-    EXPECT_EQ(pool.getStatistics().theLentCount, 4U);
-    cache.releaseObject(mine);
 }
 
 TEST(TokenCacheWaiting, byAnybodySendsWhatACacheHoldsAtItsNextReturn) {
@@ -440,6 +450,7 @@ TEST(TokenCacheWork, takesNoLockUntilItIsEmptyOrFull) {
     EXPECT_EQ(cache.tryBorrowMany(tokens.data(), 4), 4U);
     cache.releaseMany(tokens.data(), 4);
     for (unsigned int& token : tokens) {
+        cache.releaseObject(*cache.tryBorrow());
         token = *cache.borrow();
         EXPECT_NE(cache.getMemoryForToken(token), nullptr);
     }
