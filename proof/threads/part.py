@@ -1,4 +1,5 @@
-"""Runs the suite's thread tests and a stress program under ThreadSanitizer, which must find nothing.
+"""Runs the suite's thread tests and a stress program under ThreadSanitizer, which must find nothing, and a long storm of
+threads over a shared pool without it.
 
 Four accesses take no lock on purpose and are excused in the library, each by an attribute of the function that does
 nothing else (GILVANE_UNGUARDED). One planted fault takes the excuses away: each of the four must then be reported, so
@@ -71,6 +72,16 @@ def run(proof):
     proof.mustSucceed("ThreadSanitizer finds races", [folder / "stress", rounds], proof.folder / "stress.log", 3600,
                       OPTIONS, "^(WARNING|SUMMARY)")
 
+    storm = 5_000 if proof.isShort else 1_250_000
+    proof.say(f"a storm of 8 threads over a shared pool, {8 * storm} operations, without ThreadSanitizer")
+    proof.mustSucceed("blocks are lost, or lent twice",
+                      [proof.build("plain", ["thread_tests"]) / "proof/thread_tests",
+                       "--gtest_filter=SharedPoolStorm.ofEightThreadsLosesNothing"], proof.folder / "storm.log", 3600,
+                      {"GILVANE_STORM_OPERATIONS": str(storm)}, "FAILED|Failure")
+    if "[  PASSED  ] 1 test." not in text(proof.folder / "storm.log"):
+        proof.fail("the storm was not raised")
+
+    proof.figure("operations of the storm over a shared pool", 8 * storm)
     proof.figure("tests", f"{tests}, each {repetitions} times")
     proof.figure("stress rounds", rounds)
     proof.figure("excused accesses, each reported without its excuse", accesses)

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <deque>
 #include <mutex>
 #include <optional>
@@ -175,6 +176,12 @@ void raise(Storm& storm, const std::vector<unsigned int>& capacities) {
 
 constexpr int theOperations = 4000;
 
+// Of each thread of the longest storm: so many, or what the environment asks for.
+int operationsAskedFor() {
+    const char* const asked = std::getenv("GILVANE_STORM_OPERATIONS");
+    return asked != nullptr ? std::atoi(asked) : theOperations;
+}
+
 } // namespace
 
 TEST(SharedPoolStorm, withCachesOfEverySizeAndWithoutLosesNothing) {
@@ -182,6 +189,13 @@ TEST(SharedPoolStorm, withCachesOfEverySizeAndWithoutLosesNothing) {
     raise(storm, {0, 1, 64, 0, 1, 64});
     expectThatNothingIsLost(storm.thePool);
     EXPECT_GT(storm.theLoans, 0U);
+}
+
+TEST(SharedPoolStorm, ofEightThreadsLosesNothing) {
+    Storm storm(32, operationsAskedFor());
+    raise(storm, {0, 1, 64, 4, 0, 2, 16, 8});
+    expectThatNothingIsLost(storm.thePool);
+    EXPECT_GE(storm.theLoans, static_cast<unsigned int>(operationsAskedFor()));
 }
 
 TEST(SharedPoolStorm, ofMoreThreadsThanBlocksLosesNothing) {
