@@ -69,6 +69,7 @@ int main() {
     std::atomic<unsigned long> sum = 0;
 
     std::thread producer([&] {
+        // [producer]
         GVTokenCache cache(pool, 2);
         for (unsigned int message = 1; message <= numberOfMessages; ++message) {
             // Waits while all blocks are on their way: so the producer is never more than 8 messages ahead.
@@ -79,6 +80,7 @@ int main() {
             *static_cast<unsigned int*>(cache.getMemoryForToken(*token)) = message;
             queue.push(*token);
         }
+        // [producer]
         queue.end();
     }); // the cache gives back what it holds
 
