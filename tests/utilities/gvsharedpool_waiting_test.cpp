@@ -260,10 +260,12 @@ TEST(SharedPoolWaiting, endsForFortyThreadsInOneStepWithBlocksOrWithoutThem) {
         }
         awaitWaits(pool, many);
         letTheOvertakingEnd();
+        const std::uint32_t before = GVTestPeer::eventCount(pool);
         if (closes) {
             pool.close();
         }
         cache.flush();
+        EXPECT_NE(GVTestPeer::eventCount(pool), before) << "it is an event whoever has which mark";
         for (auto& borrower : borrowers) {
             EXPECT_EQ(borrower->result().has_value(), !closes);
         }
