@@ -250,6 +250,16 @@ class Report(Picture):
 
 
 class WrongInput(Picture):
+    def test_isReadFromAFileAsFromStandardInput(self):
+        name = folder + "/pool.dump"
+        fromFile = subprocess.run([gvview, name], capture_output=True, timeout=100, check=True)
+        self.assertEqual(fromFile.stdout, run(read(name)).stdout)
+
+    def test_isRefusedInOneLineWhenThereIsNoSuchFile(self):
+        refused = subprocess.run([gvview, folder + "/none"], capture_output=True, timeout=100, check=False)
+        self.assertNotEqual(refused.returncode, 0)
+        self.assertRegex(refused.stderr.decode(), r"\Agvview: .*none.*\n\Z")
+
     def test_isRefusedInOneLine(self):
         self.assertIn("the input is empty", self.refusal(""))
         self.assertIn("not text", self.refusal(b"\xff\xfe\x00"))
