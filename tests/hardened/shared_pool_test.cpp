@@ -82,6 +82,7 @@ TEST(HardenedSharedPool, thatGoesWhileAThreadWaitsEndsTheProgram) {
         {
             std::optional<GVSharedPool> pool;
             pool.emplace(1U, 16U);
+            const GVTokenCache cache(*pool); // the waiter is told of first
             static_cast<void>(pool->tryBorrow());
             std::thread waiter([&] { static_cast<void>(pool->borrow()); });
             while (pool->getStatistics().theWaitCount == 0) {
@@ -101,6 +102,22 @@ TEST(HardenedSharedPool, thatGoesWhileABlockIsLentDoesNotEndTheProgram) {
 TEST(HardenedSharedPool, thatGetsATokenFromTwoThreadsAtOnceEndsTheProgram) {
     EXPECT_DEATH(returnByTwoThreadsAtOnce(),
                  onlyLine("releaseObject: token [0-9]+ of a shared pool: returned by two threads at once"));
+}
+
+TEST(HardenedSharedPool, thatGetsATokenThatIsNotLentAnyMoreTellsWhich) {
+    detail::GVSharedBlock block = {nullptr, {detail::gvtokenlent}};
+    const detail::GVSharedDirectory directory(&block, 7, 1, 0);
+    directory.takeBack(7);
+    EXPECT_FALSE(directory.isLent(7));
+    EXPECT_EQ(directory.find(7), &block) << "it is free";
+    EXPECT_DEATH(directory.takeBack(7),
+                 onlyLine("releaseObject: token 7 of a shared pool: returned by two threads at once"));
+}
+
+TEST(HardenedSharedTokenLease, thatEndsAsItShouldDoesNotEndTheProgram) {
+    GVSharedPool pool(1, 16);
+    { const GVSharedTokenLease lease(pool); }
+    EXPECT_EQ(pool.getStatistics().theFreeCount, 1U);
 }
 
 TEST(HardenedSharedTokenLease, whoseTokenWasReturnedBehindItsBackEndsTheProgram) {

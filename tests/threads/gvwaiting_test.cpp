@@ -167,9 +167,11 @@ TEST(EventCount, hasThirtyTwoMarksAndGivesThemInTurn) {
 
 TEST(EventCount, countsAnEventSoThatNobodyFallsAsleepWhoHasNotSeenIt) {
     detail::GVEventCount events;
-    const std::uint32_t before = GVTestPeer::eventCount(events);
-    events.advance();
-    EXPECT_EQ(GVTestPeer::eventCount(events), before + 1);
+    for (int event = 0; event < 3; ++event) {
+        const std::uint32_t before = GVTestPeer::eventCount(events);
+        events.advance();
+        EXPECT_EQ(GVTestPeer::eventCount(events), before + 1);
+    }
 }
 
 TEST(EventCount, givesTheLockBackAfterASleep) {
