@@ -26,8 +26,9 @@ import faults  # noqa: E402
 import stamps  # noqa: E402
 
 # In the order of a reader's questions: what may go wrong, is it noticed, is everything reached, would a fault be seen.
-PARTS = ["failures", "misuse", "model", "interleavings", "sharing", "threads", "valgrind", "coverage", "mutants"]
-ARM_RUNNER = ["qemu-arm", "-L", "/usr/arm-linux-gnueabihf"]
+PARTS = ["failures", "misuse", "model", "interleavings", "sharing", "threads", "valgrind", "platforms", "coverage",
+         "mutants"]
+ARM = "arm-linux-gnueabihf-g++"
 SANITIZED = "-O1 -g -fsanitize=address,undefined -fno-sanitize-recover=all"
 
 
@@ -37,6 +38,19 @@ class Failed(Exception):
 
 def say(text):
     print(f"== {text}", flush=True)
+
+
+def triplet(compiler):
+    """The target of one of Debian's cross compilers, or nothing for a compiler for this machine."""
+    return compiler.removesuffix("-g++") if "-linux-" in compiler else None
+
+
+def emulator(compiler):
+    """What runs the programs of a compiler: the beginning of a command."""
+    target = triplet(compiler)
+    if target is None or target.startswith("i686-"):
+        return []
+    return [f"qemu-{target.partition('-')[0]}", "-L", f"/usr/{target}"]
 
 
 def words(command):
@@ -108,8 +122,9 @@ class Proof:
         folder = BUILD / name
         if not (folder / "build.ninja").exists():
             settings = [f"-DCMAKE_CXX_COMPILER={compiler}", "-DCMAKE_BUILD_TYPE=None", f"-DCMAKE_CXX_FLAGS={flags}"]
-            if compiler.startswith("arm-"):
-                settings[0] = f"-DCMAKE_TOOLCHAIN_FILE={ROOT}/cmake/arm-linux-gnueabihf.cmake"
+            if triplet(compiler):
+                settings[:1] = [f"-DCMAKE_TOOLCHAIN_FILE={ROOT}/cmake/debian-cross.cmake",
+                                f"-DGILVANE_TRIPLET={triplet(compiler)}"]
             if "-fsanitize" in flags: # tests leave out what a sanitizer ends
                 settings.append("-DGILVANE_SANITIZE=" + re.search(r"-fsanitize=(\S+)", flags)[1])
             self.quietly("cmake", "-S", ROOT, "-B", folder, "-G", "Ninja", "-DGILVANE_BUILD_PROOF=ON",
