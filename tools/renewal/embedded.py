@@ -16,7 +16,8 @@ BUILD = ROOT / "build/embedded"
 TARGETS = {"armhf": ("arm-linux-gnueabihf", "qemu-arm"), "aarch64": ("aarch64-linux-gnu", "qemu-aarch64")}
 LEVELS = ["-Os", "-O2"]
 WAYS = [(target, level) for target in TARGETS for level in LEVELS]
-FLAGS = ["-std=c++17", "-DNDEBUG", "-ffunction-sections", "-fdata-sections", "-fcallgraph-info=su", "-I", ROOT / "include"]
+FLAGS = ["-std=c++17", "-DNDEBUG", "-ffunction-sections", "-fdata-sections", "-fcallgraph-info=su",
+         f"-I{ROOT}/include"]
 MEASURED = ["nothing", "pool", "shared_pool", "everything", "operations", "paths", "bytes_per_block"]
 
 
@@ -50,7 +51,7 @@ def build():
         for source in [*library, *(SOURCES / f"{name}.cpp" for name in MEASURED)]:
             objects[source.stem] = folder / f"{source.stem}.o"
             rules.append(f"build {objects[source.stem]}: compile {source}\n  compiler = {compiler}\n"
-                         f"  flags = {' '.join(map(str, FLAGS))} {way[1]}\n")
+                         f"  flags = {' '.join(FLAGS)} {way[1]}\n")
         for name in MEASURED:
             if name != "operations":
                 own = [name, "operations"] if name == "paths" else [name]
@@ -75,7 +76,8 @@ def table(title, head, rows, widths):
     """Lines of text: a title above the names of the rows, and columns that end where their heads do."""
     first = max(len(title), *(len(name) for name, _ in rows)) + 2
     for name, cells in [(title, head), *rows]:
-        yield (name.ljust(first) + "".join(str(cell).rjust(width) for cell, width in zip(cells, widths))).rstrip() + "\n"
+        columns = "".join(str(cell).rjust(width) for cell, width in zip(cells, widths))
+        yield (name.ljust(first) + columns).rstrip() + "\n"
 
 
 # --- code and data ----------------------------------------------------------------------------------------------------
@@ -192,7 +194,8 @@ class CallGraph:
 
 def stack():
     graphs = [CallGraph(way) for way in WAYS]
-    names = re.findall(r"^OPERATION\([^,]+, (\w+__\w*),", (SOURCES / "operations.cpp").read_text(), re.MULTILINE)
+    source = (SOURCES / "operations.cpp").read_text()
+    names = re.findall(r"^OPERATION\([^,]+, (\w+__\w*),", source, re.MULTILINE)
     if len(names) < 40:
         raise Wrong(f"{len(names)} operations")
     rows = []
@@ -210,8 +213,8 @@ def stack():
         letters = "".join(letter for letter in LEGEND if any(letter in more for _, more in found))
         title = re.sub(r"^(virtual )?(void\*? |bool )?|Gilvane::(\{anonymous\}::)?|\(.*", "", name)
         rows.append((title, [*(depth for depth, _ in found), "  " + letters.ljust(len(LEGEND))]))
-    yield from table("bytes of stack, at most", [" ".join(way) for way in WAYS] + ["  beside it".ljust(2 + len(LEGEND))],
-                     rows, [11, 11, 13, 13, 2 + len(LEGEND)])
+    head = [*(" ".join(way) for way in WAYS), "  beside it".ljust(2 + len(LEGEND))]
+    yield from table("bytes of stack, at most", head, rows, [11, 11, 13, 13, 2 + len(LEGEND)])
     yield "\n"
     for letter, what in LEGEND.items():
         yield f"{letter}  {what}\n"

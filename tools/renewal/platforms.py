@@ -1,5 +1,5 @@
-"""docs/platforms.md: what ./test and ./prove platforms have run, each in a chapter of its own that says of which library
-it is. A chapter stays as it stands if its command has not run."""
+"""docs/platforms.md: what ./test and ./prove platforms have run, each in a chapter of its own that says of which
+library it is. A chapter stays as it stands if its command has not run."""
 
 import json
 import pathlib
@@ -113,10 +113,12 @@ def platforms():
     outcomes = [json.loads(path.read_text()) for path in OUTCOMES.glob("*.json")]
     outcomes.sort(key=lambda outcome: outcome["place"])
     rows = "".join(
-        f"| `{one['name']}` | {one['title']} | {one['target']} | {one['compiler']} | {one['emulator'] or 'the machine'} | "
-        f"{one['failed']} of {one['tests']} failed, {one['skipped']} skipped |\n" for one in outcomes)
-    return f"""The suite's programs of tests, over a library of that target, with the layout of the classes asserted while they are
-compiled. As many tests must have run as the programs list. Each run was seen to fail where a failure was planted.
+        f"| `{one['name']}` | {one['title']} | {one['target']} | {one['compiler']} | "
+        f"{one['emulator'] or 'the machine'} | {one['failed']} of {one['tests']} failed, {one['skipped']} skipped |\n"
+        for one in outcomes)
+    return f"""The suite's programs of tests, over a library of that target, with the layout of the classes asserted while
+they are compiled. As many tests must have run as the programs list. Each run was seen to fail where a failure was
+planted.
 
 | Name | Target | What it says of itself | Compiler | Run by | Tests |
 |---|---|---|---|---|---|
