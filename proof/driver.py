@@ -29,10 +29,11 @@ import stamps  # noqa: E402
 
 # In the order of a reader's questions: what may go wrong, is it noticed, is everything reached, would a fault be seen.
 # They run side by side, as many as there are processors, but for those that use all processors by themselves.
-PARTS = ["failures", "misuse", "model", "interleavings", "sharing", "threads", "valgrind", "coverage", "mutants"]
-ON_ALL_PROCESSORS = ["mutants"]
+PARTS = ["failures", "misuse", "model", "interleavings", "sharing", "threads", "valgrind", "platforms", "coverage",
+         "mutants"]
+ON_ALL_PROCESSORS = ["platforms", "mutants"]
 LONGEST = "model"  # begins first
-ARM_RUNNER = ["qemu-arm", "-L", "/usr/arm-linux-gnueabihf"]
+ARM = "arm-linux-gnueabihf-g++"
 SANITIZED = "-O1 -g -fsanitize=address,undefined -fno-sanitize-recover=all"
 
 
@@ -42,6 +43,19 @@ class Failed(Exception):
 
 def say(text):
     print(f"== {text}", flush=True)
+
+
+def triplet(compiler):
+    """The target of one of Debian's cross compilers, or nothing for a compiler for this machine."""
+    return compiler.removesuffix("-g++") if "-linux-" in compiler else None
+
+
+def emulator(compiler):
+    """What runs the programs of a compiler: the beginning of a command."""
+    target = triplet(compiler)
+    if target is None or target.startswith("i686-"):
+        return []
+    return [f"qemu-{target.partition('-')[0]}", "-L", f"/usr/{target}"]
 
 
 def words(command):
@@ -120,8 +134,9 @@ class Proof:
     def buildLocked(self, folder, targets, compiler, flags, library, options):
         if not (folder / "build.ninja").exists():
             settings = [f"-DCMAKE_CXX_COMPILER={compiler}", "-DCMAKE_BUILD_TYPE=None", f"-DCMAKE_CXX_FLAGS={flags}"]
-            if compiler.startswith("arm-"):
-                settings[0] = f"-DCMAKE_TOOLCHAIN_FILE={ROOT}/cmake/arm-linux-gnueabihf.cmake"
+            if triplet(compiler):
+                settings[:1] = [f"-DCMAKE_TOOLCHAIN_FILE={ROOT}/cmake/debian-cross.cmake",
+                                f"-DGILVANE_TRIPLET={triplet(compiler)}"]
             if "-fsanitize" in flags: # tests leave out what a sanitizer ends
                 settings.append("-DGILVANE_SANITIZE=" + re.search(r"-fsanitize=(\S+)", flags)[1])
             self.quietly("cmake", "-S", ROOT, "-B", folder, "-G", "Ninja", "-DGILVANE_BUILD_PROOF=ON",

@@ -19,7 +19,13 @@ testPackages=(
 )
 
 # To prove.
-provePackages=("${testPackages[@]}" clang-19 llvm-19 libclang-rt-19-dev valgrind libc6-dbg)
+provePackages=(
+    "${testPackages[@]}" clang-19 llvm-19 libclang-rt-19-dev valgrind libc6-dbg
+    g++-aarch64-linux-gnu g++-riscv64-linux-gnu g++-s390x-linux-gnu g++-i686-linux-gnu g++-arm-linux-gnueabi
+)
+
+# To take the figures of embedded use.
+embeddedPackages=(ninja-build g++-arm-linux-gnueabihf g++-aarch64-linux-gnu qemu-user python3)
 
 # To count instructions.
 countPackages=("${buildPackages[@]}" valgrind python3)

@@ -3,7 +3,7 @@ does it under sanitizers and on 32-bit ARM, too."""
 
 import re
 
-from driver import ARM_RUNNER, SANITIZED, text
+from driver import ARM, SANITIZED, emulator, text
 
 DIFFERENCE = r"^difference: "
 
@@ -29,8 +29,8 @@ def run(proof):
     if not proof.isShort:
         sanitized = proof.build("sanitized", ["failures"], "clang++", SANITIZED)
         visit(proof, "sanitized", [sanitized / "proof/failures"])
-        arm = proof.build("arm", ["failures"], "arm-linux-gnueabihf-g++")
-        points = sum(int(number) for name, number in visit(proof, "arm", [*ARM_RUNNER, arm / "proof/failures"])
+        arm = proof.build("arm", ["failures"], ARM)
+        points = sum(int(number) for name, number in visit(proof, "arm", [*emulator(ARM), arm / "proof/failures"])
                      if name.startswith("failure points"))
 
     for name, number in figures:

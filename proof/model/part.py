@@ -6,7 +6,7 @@ import re
 import shutil
 import subprocess
 
-from driver import ARM_RUNNER, ROOT, SANITIZED, text
+from driver import ARM, ROOT, SANITIZED, emulator, text
 
 CORPUS = ROOT / "proof/model/corpus"
 LISTS = ROOT / "proof/model/fuzz.lists"
@@ -23,10 +23,10 @@ def plantedFaults(proof, corpus):
     command = f'"{fronts}/enumerate" short && "{fronts}/replay" "$@"'
     for number, fault in proof.faults():
         proof.find(fault, number, ["bash", "-c", command, "fronts", *corpus], DIFFERENCE)
-    arm = proof.build("planted-model-arm", ["replay"], "arm-linux-gnueabihf-g++",
+    arm = proof.build("planted-model-arm", ["replay"], ARM,
                       library=proof.plantAll("model on ARM"))
     for number, fault in proof.faults("model on ARM"):
-        proof.find(fault, number, [*ARM_RUNNER, arm / "proof/replay", *corpus], DIFFERENCE)
+        proof.find(fault, number, [*emulator(ARM), arm / "proof/replay", *corpus], DIFFERENCE)
     fuzzer = proof.build("planted-model-fuzzer", ["fuzz"], "clang++", FUZZING, proof.plantAll("model's fuzzer"))
     for number, fault in proof.faults("model's fuzzer"):
         proof.find(fault, number, [fuzzer / "proof/fuzz", "-runs=0", f"-artifact_prefix={proof.folder}/", CORPUS],
@@ -38,13 +38,13 @@ def run(proof):
     plantedFaults(proof, corpus)
 
     native = proof.build("plain", ["enumerate", "replay"]) / "proof"
-    arm = proof.build("arm", ["replay"], "arm-linux-gnueabihf-g++") / "proof"
+    arm = proof.build("arm", ["replay"], ARM) / "proof"
     fuzzing = proof.build("fuzzing", ["fuzz"], "clang++", FUZZING) / "proof"
 
     proof.say(f"the corpus of {len(corpus)} programs, here and on 32-bit ARM")
     here, there = proof.folder / "replayed", proof.folder / "replayed-arm"
     proof.mustSucceed("the library differs from the model", [native / "replay", *corpus], here, 300)
-    proof.mustSucceed("the library differs from the model", [*ARM_RUNNER, arm / "replay", *corpus], there, 600)
+    proof.mustSucceed("the library differs from the model", [*emulator(ARM), arm / "replay", *corpus], there, 600)
     if text(here) != text(there):
         proof.fail("ARM made other operations than this machine")
 

@@ -5,7 +5,8 @@
 /// GILVANE_LAYOUT(CLASS, FIELD) expands, in the order of the fields in memory, to
 ///   CLASS(name, type, size32, align32, size64, align64)
 ///   FIELD(name, field, offset32, offset64)
-/// in bytes, for 32-bit ARM and for x86-64. A field belongs to the class before it.
+/// in bytes, for targets of 32 and of 64 bits. A field belongs to the class before it. The figures are those of 32-bit
+/// ARM and of x86-64 with libstdc++. Target says in what other targets differ.
 #ifndef GILVANE_TESTS_LAYOUT_LAYOUT_H
 #define GILVANE_TESTS_LAYOUT_LAYOUT_H
 
@@ -19,20 +20,43 @@
 #include <gilvane/utilities/gvtokencache.h>
 #include <gilvane/utilities/gvtokenlease.h>
 
+namespace Gilvane {
+
+/// The three sizes of others that the layout of the classes hangs on, beside the word.
+struct Target {
+#if defined(__i386__)
+    static constexpr std::size_t wide = 4; ///< what values of 8 bytes are aligned to in a class
+#else
+    static constexpr std::size_t wide = 8;
+#endif
+#if defined(__aarch64__)
+    static constexpr std::size_t mutex = 8; ///< bytes of a POSIX mutex beyond those on 32-bit ARM and x86-64
+#else
+    static constexpr std::size_t mutex = 0;
+#endif
+#if defined(_LIBCPP_VERSION)
+    static constexpr std::size_t text = 8; ///< bytes of a string that libstdc++ takes and this library does not
+#else
+    static constexpr std::size_t text = 0;
+#endif
+};
+
+} // namespace Gilvane
+
 // clang-format off
 #define GILVANE_LAYOUT(CLASS, FIELD)                                                                    \
     CLASS(GVObject, GVObject, 4, 4, 8, 8)                                                               \
     CLASS(GVDeallocatorFunction, GVDeallocatorFunction, 4, 4, 8, 8)                                     \
     CLASS(GVStdAllocator, GVStdAllocator<unsigned int>, 4, 4, 8, 8)                                     \
     CLASS(GVStdAllocator<void>, GVStdAllocator<void>, 4, 4, 8, 8)                                       \
-    CLASS(GVExceptionMessage, GVExceptionMessage, 60, 4, 88, 8)                                         \
+    CLASS(GVExceptionMessage, GVExceptionMessage, 60, 4, 88 - 2 * Target::text, 8)                      \
     FIELD(GVExceptionMessage, theMessage, 4, 8)                                                         \
-    FIELD(GVExceptionMessage, theFile, 32, 48)                                                          \
-    CLASS(GVException, GVException, 76, 4, 112, 8)                                                      \
+    FIELD(GVExceptionMessage, theFile, 32, 48 - Target::text)                                           \
+    CLASS(GVException, GVException, 76, 4, 112 - 2 * Target::text, 8)                                   \
     FIELD(GVException, theMessage, 4, 8)                                                                \
-    FIELD(GVException, theLine, 64, 96)                                                                 \
-    FIELD(GVException, theKind, 68, 100)                                                                \
-    FIELD(GVException, theCode, 72, 104)                                                                \
+    FIELD(GVException, theLine, 64, 96 - 2 * Target::text)                                              \
+    FIELD(GVException, theKind, 68, 100 - 2 * Target::text)                                             \
+    FIELD(GVException, theCode, 72, 104 - 2 * Target::text)                                             \
     CLASS(gvexceptiontype, gvexceptiontype, 4, 4, 4, 4)                                                 \
     CLASS(GVMutexHandle, GVMutexHandle, 4, 4, 8, 8)                                                     \
     CLASS(GVMutex, GVMutex, 4, 4, 8, 8)                                                                 \
@@ -102,7 +126,7 @@
     FIELD(GVMemoryPoolInspector, theTokensUnknown, 92, 184)                                             \
     FIELD(GVMemoryPoolInspector, theTokensUnreachable, 108, 216)                                        \
     FIELD(GVMemoryPoolInspector, theTokensWithoutBlock, 124, 248)                                       \
-    CLASS(GVSharedPoolStatistics, GVSharedPoolStatistics, 40, 8, 48, 8)                                 \
+    CLASS(GVSharedPoolStatistics, GVSharedPoolStatistics, 40, Target::wide, 48, 8)                      \
     FIELD(GVSharedPoolStatistics, theNumberOfObjects, 4, 8)                                             \
     FIELD(GVSharedPoolStatistics, theLentCount, 8, 12)                                                  \
     FIELD(GVSharedPoolStatistics, theCachedCount, 12, 16)                                               \
@@ -111,7 +135,7 @@
     FIELD(GVSharedPoolStatistics, theWaitCount, 24, 28)                                                 \
     FIELD(GVSharedPoolStatistics, theTimeoutCount, 28, 32)                                              \
     FIELD(GVSharedPoolStatistics, theLongestWait, 32, 40)                                               \
-    CLASS(GVSharedPool, GVSharedPool, 480, 8, 672, 8)                                                   \
+    CLASS(GVSharedPool, GVSharedPool, 480, Target::wide, 672 + Target::mutex, 8)                        \
     FIELD(GVSharedPool, thePaddingBefore, 4, 8)                                                         \
     FIELD(GVSharedPool, theDirectory, 68, 72)                                                           \
     FIELD(GVSharedPool, theAttention, 88, 96)                                                           \
@@ -119,21 +143,21 @@
     FIELD(GVSharedPool, theBytesInEachObject, 96, 104)                                                  \
     FIELD(GVSharedPool, thePaddingBetween, 100, 108)                                                    \
     FIELD(GVSharedPool, theLock, 164, 176)                                                              \
-    FIELD(GVSharedPool, thePool, 188, 216)                                                              \
-    FIELD(GVSharedPool, theFirstWaiter, 428, 608)                                                       \
-    FIELD(GVSharedPool, theLastWaiter, 432, 616)                                                        \
-    FIELD(GVSharedPool, theFirstCache, 436, 624)                                                        \
-    FIELD(GVSharedPool, theNotifiedCount, 440, 632)                                                     \
-    FIELD(GVSharedPool, theHighestLentCount, 444, 636)                                                  \
-    FIELD(GVSharedPool, theIdleCachedCount, 448, 640)                                                   \
-    FIELD(GVSharedPool, theWaitCount, 452, 644)                                                         \
-    FIELD(GVSharedPool, theTimeoutCount, 456, 648)                                                      \
-    FIELD(GVSharedPool, theEvents, 460, 652)                                                            \
-    FIELD(GVSharedPool, theDescriptor, 464, 656)                                                        \
-    FIELD(GVSharedPool, theReadiness, 468, 660)                                                         \
-    FIELD(GVSharedPool, theClosedFlag, 469, 661)                                                        \
-    FIELD(GVSharedPool, isWatched, 470, 662)                                                            \
-    FIELD(GVSharedPool, theLongestWait, 472, 664)                                                       \
+    FIELD(GVSharedPool, thePool, 188, 216 + Target::mutex)                                              \
+    FIELD(GVSharedPool, theFirstWaiter, 428, 608 + Target::mutex)                                       \
+    FIELD(GVSharedPool, theLastWaiter, 432, 616 + Target::mutex)                                        \
+    FIELD(GVSharedPool, theFirstCache, 436, 624 + Target::mutex)                                        \
+    FIELD(GVSharedPool, theNotifiedCount, 440, 632 + Target::mutex)                                     \
+    FIELD(GVSharedPool, theHighestLentCount, 444, 636 + Target::mutex)                                  \
+    FIELD(GVSharedPool, theIdleCachedCount, 448, 640 + Target::mutex)                                   \
+    FIELD(GVSharedPool, theWaitCount, 452, 644 + Target::mutex)                                         \
+    FIELD(GVSharedPool, theTimeoutCount, 456, 648 + Target::mutex)                                      \
+    FIELD(GVSharedPool, theEvents, 460, 652 + Target::mutex)                                            \
+    FIELD(GVSharedPool, theDescriptor, 464, 656 + Target::mutex)                                        \
+    FIELD(GVSharedPool, theReadiness, 468, 660 + Target::mutex)                                         \
+    FIELD(GVSharedPool, theClosedFlag, 469, 661 + Target::mutex)                                        \
+    FIELD(GVSharedPool, isWatched, 470, 662 + Target::mutex)                                            \
+    FIELD(GVSharedPool, theLongestWait, 472, 664 + Target::mutex)                                       \
     CLASS(GVTokenCache, GVTokenCache, 184, 4, 216, 8)                                                   \
     FIELD(GVTokenCache, thePaddingBefore, 4, 8)                                                         \
     FIELD(GVTokenCache, theCount, 68, 72)                                                               \

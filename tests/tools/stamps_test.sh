@@ -22,8 +22,8 @@ cp -r tools/renew tools/renewal "$scratch/tools"
 cd "$scratch"
 PYTHONPATH=tools/renewal python3 - <<'STAMP'
 import pathlib, stamps
-for page in ("docs/proof.md", "docs/performance.md", "docs/platforms.md", "benchmarks/hardened-cost.txt"):
-    path = pathlib.Path(page)
+for path in [*(pathlib.Path("docs") / f"{page}.md" for page in ("proof", "performance", "platforms")),
+             pathlib.Path("benchmarks/hardened-cost.txt"), *pathlib.Path("benchmarks/embedded").glob("*.txt")]:
     path.write_text(stamps.stamped(stamps.STAMP.sub("\n", path.read_text())))
 STAMP
 tools/renew facts >/dev/null

@@ -48,7 +48,8 @@ void expectEveryTokenFreeOnce(GVMemoryPool& pool) {
 TEST(PoolAmongThreads, lendsEachTokenToOneThreadAtATime) {
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(blockCount, blockBytes, true);
-    std::array<std::atomic<bool>, blockCount> lent{};
+    // Words: compilers for RISC-V exchange bytes in a library of their own.
+    std::array<std::atomic<unsigned int>, blockCount> lent{};
     std::atomic<int> lentTwice{0};
     std::atomic<int> overwritten{0};
     runInThreads([&](unsigned int number) {
@@ -60,7 +61,7 @@ TEST(PoolAmongThreads, lendsEachTokenToOneThreadAtATime) {
         for (int step = 0; step < 20000; ++step) {
             if (held.empty() || (held.size() < loansAtOnce && random() % 2 == 0)) {
                 const unsigned int token = pool.getTokenForFreeMemoryObject();
-                lentTwice += lent.at(token).exchange(true) ? 1 : 0;
+                lentTwice += static_cast<int>(lent.at(token).exchange(1));
                 std::memset(pool.getMemoryForToken(token), mark, blockBytes);
                 held.push_back(token);
             } else {
@@ -68,12 +69,12 @@ TEST(PoolAmongThreads, lendsEachTokenToOneThreadAtATime) {
                 const unsigned int token = held.back();
                 held.pop_back();
                 overwritten += std::memcmp(pool.getMemoryForToken(token), expected.data(), blockBytes) != 0 ? 1 : 0;
-                lent.at(token) = false;
+                lent.at(token) = 0;
                 pool.releaseObject(token);
             }
         }
         for (const unsigned int token : held) {
-            lent.at(token) = false;
+            lent.at(token) = 0;
             pool.releaseObject(token);
         }
     });

@@ -66,11 +66,11 @@ struct MovedClock {
         }
         return time_point(milliseconds(theNow));
     }
-    static std::atomic<milliseconds::rep> theNow;
+    static std::atomic<int> theNow; // milliseconds
     static std::atomic<int> theCallsBeforeAThrow; // less than 0: never
 };
 
-std::atomic<milliseconds::rep> MovedClock::theNow{0};
+std::atomic<int> MovedClock::theNow{0};
 std::atomic<int> MovedClock::theCallsBeforeAThrow{-1};
 
 // Returns a block when the wait is long enough for it to be handed over, and throws.

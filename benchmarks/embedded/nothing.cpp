@@ -1,0 +1,2 @@
+// What the others are compared with.
+int main() {}
