@@ -87,6 +87,7 @@ struct Runner {
     bool isBetweenOperations = false; // has ended one, and has not done anything since
     bool isAwake = true;              // nobody has to wake it
     std::uint32_t mark = 0;           // by which it is woken
+    std::uint32_t marksToWake = 0;    // it is on its way to wake these
     unsigned int mostBusy = 0;        // blocks that may have been out of reach at a time during the operation
     bool wasClosedBefore = false;     // the operation
     unsigned int clockAnswers = 0;
@@ -297,9 +298,13 @@ void forgetHistory(Runner& self) {
     self.isBetweenOperations = true;
 }
 
-// Who sleeps for a block, and in which of its operations; from 1 on.
+// Who sleeps for a block, and in which of its operations; from 1 on. Whom another thread is about to wake has been seen to
+// already.
 unsigned int asleepIn(const Runner& thread) {
-    return !thread.isAwake && thread.isInOperation ? thread.operationsDone + 1 : 0;
+    const bool isSeenTo = std::any_of(theRunners.begin(), theRunners.end(), [&thread](const Runner& other) {
+        return (other.marksToWake & thread.mark) != 0;
+    });
+    return !thread.isAwake && !isSeenTo && thread.isInOperation ? thread.operationsDone + 1 : 0;
 }
 
 void noteSleepers(Runner& self) {
@@ -369,6 +374,7 @@ void prepare() {
         each.isInOperation = false;
         each.isBetweenOperations = false;
         each.isAwake = true;
+        each.marksToWake = 0;
         each.sharedMade = 0;
         each.operationsDone = 0;
     }
@@ -582,9 +588,7 @@ Shared::Shared() noexcept
     }
 }
 
-Word::Word(std::uint32_t value) noexcept : theValue(value) {
-    setContent(theIdentity.number(), value);
-}
+Word::Word(std::uint32_t value) noexcept : theValue(value) { setContent(theIdentity.number(), value); }
 
 std::uint32_t Word::load(std::memory_order) const noexcept {
     Interleavings::at(Step::read, theIdentity.number());
@@ -624,7 +628,9 @@ void Word::sleepAt(std::uint32_t value, std::uint32_t mark, bool isTimed) noexce
 
 void Word::wake(std::uint32_t marks) const noexcept {
     const unsigned int number = theIdentity.number();
+    runner(theCurrent).marksToWake = marks;
     Interleavings::at(Step::wake, number);
+    runner(theCurrent).marksToWake = 0;
     for (Runner& thread : theRunners) {
         if (!thread.isAwake && thread.next.subject == number && (thread.mark & marks) != 0) {
             thread.isAwake = true;

@@ -200,6 +200,37 @@ TEST(SharedPoolConstruction, worksWithTokensThatPass2ToThe32) {
     expectThatNothingIsLost(pool);
 }
 
+TEST(SharedPoolConstruction, findsAddressesAtOnceWhereThereAreNoGaps) {
+    Peer::nextToken() = 4294967294U;
+    GVSharedPool pool(4, 16);
+    const detail::GVSharedDirectory& directory = detail::GVSharedPoolAccess::directory(pool);
+    const auto notAtOnce = [&pool]() -> void* { return &pool; };
+    for (const unsigned int token : {4294967294U, 4294967295U, 0U, 1U}) {
+        EXPECT_EQ(directory.getBytes(token, notAtOnce), pool.getMemoryForToken(token));
+    }
+    for (const unsigned int token : {4294967293U, 2U}) {
+        EXPECT_EQ(directory.getBytes(token, notAtOnce), &pool);
+    }
+}
+
+TEST(SharedPoolConstruction, findsNoAddressAtOnceBesideGaps) {
+    const HookLedger ledger;
+    GVObject::SetAllocationHooks(&allocateWithGaps, &HookLedger::release);
+    theGap = 2;
+    Peer::nextToken() = 0;
+    {
+        GVSharedPool pool(2, 16);
+        theGap = 0;
+        const detail::GVSharedDirectory& directory = detail::GVSharedPoolAccess::directory(pool);
+        for (unsigned int token = 0; token < 20; ++token) {
+            EXPECT_EQ(directory.getBytes(token, [&pool]() -> void* { return &pool; }), &pool);
+        }
+        for (const unsigned int token : borrowAll(pool)) {
+            EXPECT_NE(pool.getMemoryForToken(token), nullptr);
+        }
+    }
+}
+
 TEST(SharedPoolConstruction, refusesNumbersInTheGapsBetweenItsTokens) {
     const HookLedger ledger;
     GVObject::SetAllocationHooks(&allocateWithGaps, &HookLedger::release);
