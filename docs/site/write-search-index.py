@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Writes search-index.js, what the site's search looks through. It is a script, since a page that is opened as a file may
-load scripts and nothing else.
+"""Writes search-index.js, what the site's search looks through. It is a script, since a page that is opened as a file
+may load scripts and nothing else.
 
     write-search-index.py HTML_DIR DUK
 
