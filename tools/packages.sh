@@ -3,8 +3,8 @@
 # To build the library and the examples.
 buildPackages=(cmake ninja-build g++ zlib1g-dev libconcurrentqueue-dev gzip)
 
-# To make the site.
-sitePackages=(cmake ninja-build g++ doxygen python3)
+# To make the site, with its search.
+sitePackages=(cmake ninja-build g++ doxygen python3 libjs-lunr duktape)
 
 # To take its picture.
 sitePicturePackages=("${sitePackages[@]}" chromium fonts-dejavu-core)
