@@ -106,7 +106,7 @@ TEST(HardenedSharedPool, thatGetsATokenFromTwoThreadsAtOnceEndsTheProgram) {
 
 TEST(HardenedSharedPool, thatGetsATokenThatIsNotLentAnyMoreTellsWhich) {
     detail::GVSharedBlock block = {nullptr, {detail::gvtokenlent}};
-    const detail::GVSharedDirectory directory(&block, 7, 1, 0);
+    const detail::GVSharedDirectory directory(&block, 7, 1, false, 0);
     directory.takeBack(7);
     EXPECT_FALSE(directory.isLent(7));
     EXPECT_EQ(directory.find(7), &block) << "it is free";
