@@ -66,7 +66,7 @@ struct MovedClock {
         }
         return time_point(milliseconds(theNow));
     }
-    static std::atomic<int> theNow; // milliseconds
+    static std::atomic<int> theNow;               // milliseconds
     static std::atomic<int> theCallsBeforeAThrow; // less than 0: never
 };
 
