@@ -77,8 +77,8 @@ class Source:
         self.addLines(regions)
 
     def addLines(self, regions):
-        body = regions[0][0]
-        for line in range(body[0], body[2] + 1):
+        # The first region is the body, or a constructor's first initialiser that has regions of its own.
+        for line in range(min(place[0] for place, _, _ in regions), max(place[2] for place, _, _ in regions) + 1):
             text = self.texts[line - 1]
             if not text.strip() or text.lstrip().startswith(("//", "#")):
                 continue
