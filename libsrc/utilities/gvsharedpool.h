@@ -98,9 +98,8 @@ class GVSharedDirectory {
                 reportMisuse("releaseObject: token %u of a shared pool: returned by two threads at once", token);
             }
             markBytesUntouchable(block.theBytes, theLength);
-        } else {
-            block.theState.store(gvtokenfree, std::memory_order_relaxed); // relaxed: see above
         }
+        block.theState.store(gvtokenfree, std::memory_order_relaxed); // relaxed: see above
     }
 
     /// The blocks, in the order of their tokens.

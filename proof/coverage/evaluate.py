@@ -83,8 +83,6 @@ class Source:
             if not text.strip() or text.lstrip().startswith(("//", "#")):
                 continue
             runs = [count for place, kind, count in regions if kind == CODE and place[0] == line]
-            if not runs and text.strip() == "} else {":
-                continue  # it belongs to both branches
             if not runs:
                 start = (line, len(text) - len(text.lstrip()) + 1)
                 around = [region for region in regions if region[0][:2] <= start < region[0][2:]]
