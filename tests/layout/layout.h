@@ -14,6 +14,7 @@
 #include <gilvane/threads/gvmutex.h>
 #include <gilvane/threads/gvthreadsfactory.h>
 #include <gilvane/utilities/gvmemorypoolinspector.h>
+#include <gilvane/utilities/gvobjectlease.h>
 #include <gilvane/utilities/gvsharedpool.h>
 #include <gilvane/utilities/gvsharedtokenlease.h>
 #include <gilvane/utilities/gvtokencache.h>
@@ -148,7 +149,10 @@
     FIELD(GVSharedTokenLease, thePool, 4, 8)                                                            \
     FIELD(GVSharedTokenLease, theToken, 8, 16)                                                          \
     FIELD(GVSharedTokenLease, theLength, 12, 20)                                                        \
-    FIELD(GVSharedTokenLease, theBytes, 16, 24)
+    FIELD(GVSharedTokenLease, theBytes, 16, 24)                                                         \
+    CLASS(GVObjectLease, GVObjectLease<unsigned int>, 52, 4, 96, 8)                                     \
+    FIELD(GVObjectLease<unsigned int>, theObject, 4, 8)                                                 \
+    FIELD(GVObjectLease<unsigned int>, theLease, 8, 16)
 // clang-format on
 
 #endif
