@@ -7,6 +7,7 @@
 #include <gilvane/utilities/gvmemorypool.h>
 #include <gilvane/utilities/gvmemorypoolinspector.h>
 #include <gilvane/utilities/gvobjectlease.h>
+#include <gilvane/utilities/gvpoolresource.h>
 #include <gilvane/utilities/gvsharedpool.h>
 #include <gilvane/utilities/gvsharedtokenlease.h>
 #include <gilvane/utilities/gvsmartpointer.h>
@@ -83,6 +84,7 @@ TEST(ClassTree, everyClassDerivesPubliclyFromTheRoot) {
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVTokenCache>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVSharedTokenLease>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVObjectLease<unsigned int>>);
+    EXPECT_TRUE(isPublicHeirOfTheRoot<GVPoolResource>);
 }
 
 TEST(ClassTree, everyClassHasAVirtualDestructorThatDoesNotThrow) {
@@ -108,6 +110,7 @@ TEST(ClassTree, everyClassHasAVirtualDestructorThatDoesNotThrow) {
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVTokenCache>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVSharedTokenLease>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVObjectLease<unsigned int>>);
+    EXPECT_TRUE(std::is_nothrow_destructible_v<GVPoolResource>);
 }
 
 TEST(ClassTree, noClassAddsAVirtualOperationToTheDestructors) {

@@ -15,6 +15,7 @@
 #include <gilvane/threads/gvthreadsfactory.h>
 #include <gilvane/utilities/gvmemorypoolinspector.h>
 #include <gilvane/utilities/gvobjectlease.h>
+#include <gilvane/utilities/gvpoolresource.h>
 #include <gilvane/utilities/gvsharedpool.h>
 #include <gilvane/utilities/gvsharedtokenlease.h>
 #include <gilvane/utilities/gvtokencache.h>
@@ -152,7 +153,13 @@
     FIELD(GVSharedTokenLease, theBytes, 16, 24)                                                         \
     CLASS(GVObjectLease, GVObjectLease<unsigned int>, 52, 4, 96, 8)                                     \
     FIELD(GVObjectLease<unsigned int>, theObject, 4, 8)                                                 \
-    FIELD(GVObjectLease<unsigned int>, theLease, 8, 16)
+    FIELD(GVObjectLease<unsigned int>, theLease, 8, 16)                                                 \
+    CLASS(GVPoolResource, GVPoolResource, 28, 4, 56, 8)                                                 \
+    FIELD(GVPoolResource, thePool, 8, 16)                                                               \
+    FIELD(GVPoolResource, theSharedPool, 12, 24)                                                        \
+    FIELD(GVPoolResource, theCache, 16, 32)                                                             \
+    FIELD(GVPoolResource, theUpstream, 20, 40)                                                          \
+    FIELD(GVPoolResource, theSmallEnd, 24, 48)
 // clang-format on
 
 #endif

@@ -191,13 +191,13 @@ TEST(ObjectLeaseThrow, ofTheConstructorGivesTheBlockBack) {
     const GVSmartPointer<GVMemoryPool> owned = GVMemoryPool::initWithNumberOfObjectsAndSize(1, 64, true);
     GVMemoryPool unlocked(1, 64, false);
     GVSharedPool shared(1, 64);
-    EXPECT_THROW(Lease(owned, Counted::Refusal()), std::runtime_error);
-    EXPECT_THROW(Lease(unlocked, Counted::Refusal()), std::runtime_error);
-    EXPECT_THROW(Lease(shared, Counted::Refusal()), std::runtime_error);
-    EXPECT_THROW(Lease::wait(shared, Counted::Refusal()), std::runtime_error);
+    EXPECT_THROW(const Lease lease(owned, Counted::Refusal()), std::runtime_error);
+    EXPECT_THROW(const Lease lease(unlocked, Counted::Refusal()), std::runtime_error);
+    EXPECT_THROW(const Lease lease(shared, Counted::Refusal()), std::runtime_error);
+    EXPECT_THROW(const Lease lease = Lease::wait(shared, Counted::Refusal()), std::runtime_error);
     {
         GVTokenCache cache(shared, 1);
-        EXPECT_THROW(Lease(cache, Counted::Refusal()), std::runtime_error);
+        EXPECT_THROW(const Lease lease(cache, Counted::Refusal()), std::runtime_error);
     }
     EXPECT_EQ(owned->numberOfObjectsInPoolInUse(), 0U);
     EXPECT_EQ(owned.getRefCount(), 1U);
@@ -211,7 +211,7 @@ TEST(ObjectLeaseThrow, ofBorrowingConstructsNothing) {
     GVMemoryPool pool(1, 64, false);
     const Lease first(pool, 1);
     ledger.refuseFrom(0);
-    EXPECT_THROW(Lease(pool, 2), std::bad_alloc);
+    EXPECT_THROW(const Lease lease(pool, 2), std::bad_alloc);
     ledger.refuseNothing();
     EXPECT_EQ(Counted::alive, 1);
     EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 1U);
