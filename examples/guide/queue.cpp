@@ -73,6 +73,12 @@ int main() {
             }
             send(queue, pool, std::move(message));
         }
+        // From this thread, too: this queue keeps the order of what one thread pushes, and of no more.
+        for (unsigned int consumer = 0; consumer < numberOfConsumers; ++consumer) {
+            if (!queue.enqueue(std::nullopt)) {
+                throw std::bad_alloc();
+            }
+        }
         // [producer]
     }); // the cache gives back what it holds
 
@@ -95,19 +101,11 @@ int main() {
     }
 
     producer.join();
-    // [end]
-    // The marks of the end are behind all messages.
-    for (unsigned int consumer = 0; consumer < numberOfConsumers; ++consumer) {
-        if (!queue.enqueue(std::nullopt)) {
-            throw std::bad_alloc();
-        }
-    }
     for (std::thread& consumer : consumers) {
         consumer.join();
     }
     std::cout << "sum: " << sum << ", messages alive: " << messagesAlive
               << ", blocks lent: " << pool.getStatistics().theLentCount << "\n";
-    // [end]
 
     // [left]
     // Two messages that nobody takes any more.

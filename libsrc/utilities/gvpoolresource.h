@@ -149,8 +149,8 @@ class GVPoolResource : public std::pmr::memory_resource, public GVObject {
     static bool makeRoomForReturns(GVMemoryPool& pool);
     static bool growFreeList(GVMemoryPool& pool);
     void giveBack(unsigned int token);
-    static bool isUsable(const Loan& loan, std::size_t alignment) noexcept;
-    void* allocateBehind(std::size_t bytes, const Loan& loan);
+    static bool isUsable(Loan loan, std::size_t alignment) noexcept;
+    void* allocateBehind(std::size_t bytes, Loan loan);
     static void* putHeader(void* start, Header header) noexcept;
     static Header headerOf(const void* bytes) noexcept;
 
@@ -250,13 +250,13 @@ inline void GVPoolResource::giveBack(unsigned int token) {
 }
 
 // Whether a block came, and is aligned for the request and for a header. Alignments are powers of two.
-inline bool GVPoolResource::isUsable(const Loan& loan, std::size_t alignment) noexcept {
+inline bool GVPoolResource::isUsable(Loan loan, std::size_t alignment) noexcept {
     const std::size_t mask = (alignment - 1) | (alignof(Header) - 1);
     return loan.theBytes != nullptr && (reinterpret_cast<std::uintptr_t>(loan.theBytes) & mask) == 0;
 }
 
 // For a small request that got no block, or one that is of no use.
-GILVANE_OUT_OF_LINE inline void* GVPoolResource::allocateBehind(std::size_t bytes, const Loan& loan) {
+GILVANE_OUT_OF_LINE inline void* GVPoolResource::allocateBehind(std::size_t bytes, Loan loan) {
     if (loan.theBytes != nullptr) {
         giveBack(loan.theToken);
     }
