@@ -152,7 +152,8 @@ class GVPoolResource : public std::pmr::memory_resource, public GVObject {
     static bool isUsable(Loan loan, std::size_t alignment) noexcept;
     void* allocateBehind(std::size_t bytes, Loan loan);
     static void* putHeader(void* start, Header header) noexcept;
-    static Header headerOf(const void* bytes) noexcept;
+    static Header headerOf(void* bytes) noexcept;
+    static void* before(void* bytes, std::size_t distance) noexcept;
 
     GVMemoryPool* thePool;
     GVSharedPool* theSharedPool;
@@ -182,7 +183,7 @@ inline void GVPoolResource::do_deallocate(void* bytes, std::size_t numberOfBytes
     }
     const Header header = headerOf(bytes);
     if (detail::expectFalse(!header.isInBlock)) {
-        theUpstream->deallocate(static_cast<char*>(bytes) - headerBytes, numberOfBytes + headerBytes, headerBytes);
+        theUpstream->deallocate(before(bytes, headerBytes), numberOfBytes + headerBytes, headerBytes);
         return;
     }
     giveBack(header.theToken);
@@ -270,8 +271,14 @@ inline void* GVPoolResource::putHeader(void* start, Header header) noexcept {
     return bytes;
 }
 
-inline GVPoolResource::Header GVPoolResource::headerOf(const void* bytes) noexcept {
-    return *reinterpret_cast<const Header*>(static_cast<const char*>(bytes) - sizeof(Header));
+inline GVPoolResource::Header GVPoolResource::headerOf(void* bytes) noexcept {
+    return *static_cast<const Header*>(before(bytes, sizeof(Header)));
+}
+
+// The address so far in front of what was handed out. By way of a number: a compiler that sees the allocation takes what
+// it returned for the start of an object.
+inline void* GVPoolResource::before(void* bytes, std::size_t distance) noexcept {
+    return reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(bytes) - distance);
 }
 
 } // namespace Gilvane

@@ -313,8 +313,8 @@ TEST(ObjectLeaseAdoption, takesOverWhatAReleaseLeftAlive) {
 }
 
 TEST(ObjectLeaseAdoption, leavesTheLoanWithTheCallerWhenItIsRefused) {
-    GVMemoryPool memoryPool(1, 8, false);
-    GVSharedPool sharedPool(1, 8);
+    GVMemoryPool memoryPool(1, sizeof(Counted) - 1, false);
+    GVSharedPool sharedPool(1, sizeof(Counted) - 1);
     const unsigned int memoryToken = memoryPool.getTokenForFreeMemoryObject();
     const unsigned int sharedToken = *sharedPool.tryBorrow();
     const char* const message = "Block is too short for the type.";

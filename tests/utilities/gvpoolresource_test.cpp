@@ -86,6 +86,12 @@ std::vector<unsigned int> takeAllFree(GVMemoryPool& pool) {
     return tokens;
 }
 
+// By way of a number, since the compiler takes what a resource gives for the start of an object.
+detail::GVPoolResourceHeader headerBefore(const void* bytes) {
+    const auto address = reinterpret_cast<std::uintptr_t>(bytes) - sizeof(detail::GVPoolResourceHeader);
+    return *reinterpret_cast<const detail::GVPoolResourceHeader*>(address);
+}
+
 std::size_t addressOf(const void* bytes) { return reinterpret_cast<std::uintptr_t>(bytes); }
 
 } // namespace
@@ -102,8 +108,7 @@ TEST(PoolResource, givesASmallRequestABlockWithTheTokenInFront) {
     const unsigned int next = Peer::freeTokens(pool).back();
     void* const bytes = resource.allocate(40, 8);
     EXPECT_EQ(bytes, static_cast<char*>(pool.getMemoryForToken(next)) + headerBytes);
-    detail::GVPoolResourceHeader header{};
-    std::memcpy(&header, static_cast<char*>(bytes) - sizeof(header), sizeof(header));
+    const detail::GVPoolResourceHeader header = headerBefore(bytes);
     EXPECT_EQ(header.theToken, next);
     EXPECT_TRUE(header.isInBlock);
     EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 1U);
@@ -399,8 +404,7 @@ TEST(PoolResourceReturn, ofWhatASharedPoolHasBackAlreadyIsRefused) {
     GVPoolResource overShared(pool);
     GVPoolResource overCache(cache);
     void* const bytes = overShared.allocate(8, 8);
-    detail::GVPoolResourceHeader header{};
-    std::memcpy(&header, static_cast<char*>(bytes) - sizeof(header), sizeof(header));
+    const detail::GVPoolResourceHeader header = headerBefore(bytes);
     alignas(strictest) unsigned char copy[64] = {}; // the block's own bytes may not be read once it is free
     std::memcpy(copy + headerBytes - sizeof(header), &header, sizeof(header));
     overShared.deallocate(bytes, 8, 8);
