@@ -22,6 +22,7 @@ void registerLending(const Settings& settings);
 void registerBuilding(const Settings& settings);
 void registerTables(const Settings& settings);
 void registerDumps(const Settings& settings);
+void registerResources();
 /// @}
 
 /// The name under which the report looks for a benchmark.

@@ -48,6 +48,7 @@ int main(int argc, char** argv) {
     registerBuilding(settings);
     registerTables(settings);
     registerDumps(settings);
+    registerResources();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
 }

@@ -251,6 +251,7 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVMemoryPool : public GVObject {
 
   private:
     friend class GVMemoryPoolInspector;
+    friend class GVPoolResource;
     friend class GVTokenLease;
     friend class detail::GVSharedPoolAccess;
     friend struct GVTestPeer;

@@ -3,7 +3,10 @@
 
 #include <gilvane/utilities/gvmemorypool.h>
 #include <gilvane/utilities/gvmemorypoolinspector.h>
+#include <gilvane/utilities/gvobjectlease.h>
 #include <gilvane/utilities/gvtokenlease.h>
+
+#include <chrono>
 
 namespace Gilvane {
 
@@ -16,6 +19,10 @@ struct NotCopied : GVObject {
 };
 
 enum Choice : int {};
+
+using Lease = GVObjectLease<int>;
+using Time = std::chrono::seconds;
+using Deadline = std::chrono::steady_clock::time_point;
 
 using Visitor = void (*)(const GVInspectedBlock&);
 
@@ -47,6 +54,17 @@ template class GVSmartPointer<NotCopied>;
 template std::ostream& operator<< <int>(std::ostream&, const GVSmartPointer<int>&);
 
 template int& GVTokenLease::as<int>() const;
+template class GVObjectLease<int>;
+template Lease::GVObjectLease(GVSmartPointer<GVMemoryPool>, int&&);
+template Lease::GVObjectLease(GVMemoryPool&, int&&);
+template Lease::GVObjectLease(GVSharedPool&, int&&);
+template Lease::GVObjectLease(GVTokenCache&, int&&);
+template Lease Lease::wait<GVSharedPool, int>(GVSharedPool&, int&&);
+template Lease Lease::wait<GVTokenCache, int>(GVTokenCache&, int&&);
+template Lease Lease::waitFor<GVSharedPool>(GVSharedPool&, const Time&, int&&);
+template Lease Lease::waitFor<GVTokenCache>(GVTokenCache&, const Time&, int&&);
+template Lease Lease::waitUntil<GVSharedPool>(GVSharedPool&, const Deadline&, int&&);
+template Lease Lease::waitUntil<GVTokenCache>(GVTokenCache&, const Deadline&, int&&);
 template void GVMemoryPoolInspector::visitBlocks<Visitor>(Visitor&&) const;
 
 } // namespace Gilvane

@@ -5,6 +5,7 @@
 #include <gilvane/base/gvstdallocator.h>
 #include <gilvane/utilities/gvmemorypool.h>
 #include <gilvane/utilities/gvmemorypoolinspector.h>
+#include <gilvane/utilities/gvobjectlease.h>
 #include <gilvane/utilities/gvsharedtokenlease.h>
 #include <gilvane/utilities/gvtokencache.h>
 #include <gilvane/utilities/gvtokenlease.h>
@@ -80,6 +81,41 @@ void waitForLoans(GVSharedPool& pool, GVTokenCache& cache) {
     waitForALoan(pool, std::chrono::duration<double>(1), std::chrono::system_clock::now());
     waitForALoan(cache, std::chrono::seconds(1), std::chrono::steady_clock::now());
     waitForALoan(cache, std::chrono::duration<double>(1), std::chrono::system_clock::now());
+}
+
+template class GVObjectLease<char>;
+template class GVObjectLease<std::string>;
+
+template <typename T, typename Lender>
+void holdAnObject(Lender& lender) {
+    static_cast<void>(GVObjectLease<T>(lender));
+    static_cast<void>(GVObjectLease<T>(lender, T()));
+}
+
+template <typename T, typename Lender>
+void waitForAnObject(Lender& lender) {
+    holdAnObject<T>(lender);
+    static_cast<void>(GVObjectLease<T>::wait(lender));
+    static_cast<void>(GVObjectLease<T>::wait(lender, T()));
+    static_cast<void>(GVObjectLease<T>::waitFor(lender, std::chrono::seconds(1)));
+    static_cast<void>(GVObjectLease<T>::waitFor(lender, std::chrono::duration<double>(1), T()));
+    static_cast<void>(GVObjectLease<T>::waitUntil(lender, std::chrono::steady_clock::now()));
+    static_cast<void>(GVObjectLease<T>::waitUntil(lender, std::chrono::system_clock::now(), T()));
+}
+
+template <typename T>
+void holdObjects(GVSmartPointer<GVMemoryPool>& owner, GVMemoryPool& memoryPool, GVSharedPool& pool,
+                 GVTokenCache& cache) {
+    holdAnObject<T>(owner);
+    holdAnObject<T>(memoryPool);
+    waitForAnObject<T>(pool);
+    waitForAnObject<T>(cache);
+}
+
+void holdSomeObjects(GVSmartPointer<GVMemoryPool>& owner, GVMemoryPool& memoryPool, GVSharedPool& pool,
+                     GVTokenCache& cache) {
+    holdObjects<char>(owner, memoryPool, pool, cache);
+    holdObjects<std::string>(owner, memoryPool, pool, cache);
 }
 
 } // namespace Gilvane

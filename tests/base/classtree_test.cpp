@@ -6,6 +6,8 @@
 #include <gilvane/threads/gvthreadsfactory.h>
 #include <gilvane/utilities/gvmemorypool.h>
 #include <gilvane/utilities/gvmemorypoolinspector.h>
+#include <gilvane/utilities/gvobjectlease.h>
+#include <gilvane/utilities/gvpoolresource.h>
 #include <gilvane/utilities/gvsharedpool.h>
 #include <gilvane/utilities/gvsharedtokenlease.h>
 #include <gilvane/utilities/gvsmartpointer.h>
@@ -81,6 +83,8 @@ TEST(ClassTree, everyClassDerivesPubliclyFromTheRoot) {
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVSharedPoolStatistics>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVTokenCache>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVSharedTokenLease>);
+    EXPECT_TRUE(isPublicHeirOfTheRoot<GVObjectLease<unsigned int>>);
+    EXPECT_TRUE(isPublicHeirOfTheRoot<GVPoolResource>);
 }
 
 TEST(ClassTree, everyClassHasAVirtualDestructorThatDoesNotThrow) {
@@ -105,6 +109,8 @@ TEST(ClassTree, everyClassHasAVirtualDestructorThatDoesNotThrow) {
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVSharedPoolStatistics>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVTokenCache>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVSharedTokenLease>);
+    EXPECT_TRUE(std::is_nothrow_destructible_v<GVObjectLease<unsigned int>>);
+    EXPECT_TRUE(std::is_nothrow_destructible_v<GVPoolResource>);
 }
 
 TEST(ClassTree, noClassAddsAVirtualOperationToTheDestructors) {
@@ -126,6 +132,7 @@ TEST(ClassTree, noClassAddsAVirtualOperationToTheDestructors) {
     EXPECT_EQ(numberOfSlots<GVSharedPoolStatistics>(), 2U);
     EXPECT_EQ(numberOfSlots<GVTokenCache>(), 2U);
     EXPECT_EQ(numberOfSlots<GVSharedTokenLease>(), 2U);
+    EXPECT_EQ(numberOfSlots<GVObjectLease<unsigned int>>(), 2U);
 }
 
 TEST(ClassTree, aHandlesOperationsStandInTheirSlots) {

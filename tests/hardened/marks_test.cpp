@@ -3,6 +3,7 @@
 #include "gvtestpeer.h"
 
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvpoolresource.h>
 #include <gilvane/utilities/gvsharedpool.h>
 #include <gilvane/utilities/gvtokencache.h>
 
@@ -73,6 +74,20 @@ TEST_F(HardenedMarks, areTakenOffByALoanAndSetByAReturn) {
         marks.clear();
         pool.releaseObject(token);
         EXPECT_EQ(marks, (std::vector<Mark>{{Call::poison, bytesOf(pool, token), blockBytes}}));
+    }
+}
+
+TEST_F(HardenedMarks, areTakenOffByARequestToAResourceAndSetByItsReturn) {
+    for (const bool useMutex : {false, true}) {
+        GVMemoryPool pool(1, 64, useMutex);
+        const void* const block = bytesOf(pool, GVTestPeer::freeTokens(pool).back());
+        GVPoolResource resource(pool);
+        marks.clear();
+        void* const bytes = resource.allocate(8, 8);
+        EXPECT_EQ(marks, (std::vector<Mark>{{Call::unpoison, block, 64}}));
+        marks.clear();
+        resource.deallocate(bytes, 8, 8);
+        EXPECT_EQ(marks, (std::vector<Mark>{{Call::poison, block, 64}}));
     }
 }
 

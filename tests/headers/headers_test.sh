@@ -21,6 +21,14 @@ includes() {
     printf '#include <%s>\n' "$@"
 }
 
+# includesOfStandard NAME...: the same for headers of the standard library, where it has them.
+includesOfStandard() {
+    local name
+    for name in "$@"; do
+        printf '#if __has_include(<%s>)\n#include <%s>\n#endif\n' "$name" "$name"
+    done
+}
+
 # writeSources ROOT: into ROOT/sources, a file for each header alone, twice for its guard; and two files with all
 # headers. One has them behind the standard headers, the other before these and in reverse order, so that each header
 # comes before and after every other one.
@@ -38,11 +46,14 @@ writeSources() {
         } >"$root/sources/alone_$(basename "$header" .h).cpp"
     done
     {
-        includes "${standard[@]}"
+        includesOfStandard "${standard[@]}"
         printf '#include "%s"\n' "$macros/hostile_macros.h" "$macros/hostile_macros_of_standard_names.h"
         includes "${headers[@]}"
     } >"$root/sources/all_behind_standard_headers.cpp"
-    includes "${reversed[@]}" "${standard[@]}" >"$root/sources/all_before_standard_headers.cpp"
+    {
+        includes "${reversed[@]}"
+        includesOfStandard "${standard[@]}"
+    } >"$root/sources/all_before_standard_headers.cpp"
 }
 
 # commands ROOT SOURCES: the compiler's command for each of these sources in each combination, a line each. The hardened

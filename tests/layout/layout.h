@@ -15,6 +15,8 @@
 #include <gilvane/threads/gvmutex.h>
 #include <gilvane/threads/gvthreadsfactory.h>
 #include <gilvane/utilities/gvmemorypoolinspector.h>
+#include <gilvane/utilities/gvobjectlease.h>
+#include <gilvane/utilities/gvpoolresource.h>
 #include <gilvane/utilities/gvsharedpool.h>
 #include <gilvane/utilities/gvsharedtokenlease.h>
 #include <gilvane/utilities/gvtokencache.h>
@@ -172,7 +174,16 @@ struct Target {
     FIELD(GVSharedTokenLease, thePool, 4, 8)                                                            \
     FIELD(GVSharedTokenLease, theToken, 8, 16)                                                          \
     FIELD(GVSharedTokenLease, theLength, 12, 20)                                                        \
-    FIELD(GVSharedTokenLease, theBytes, 16, 24)
+    FIELD(GVSharedTokenLease, theBytes, 16, 24)                                                         \
+    CLASS(GVObjectLease, GVObjectLease<unsigned int>, 52, 4, 96, 8)                                     \
+    FIELD(GVObjectLease<unsigned int>, theObject, 4, 8)                                                 \
+    FIELD(GVObjectLease<unsigned int>, theLease, 8, 16)                                                 \
+    CLASS(GVPoolResource, GVPoolResource, 28, 4, 56, 8)                                                 \
+    FIELD(GVPoolResource, thePool, 8, 16)                                                               \
+    FIELD(GVPoolResource, theSharedPool, 12, 24)                                                        \
+    FIELD(GVPoolResource, theCache, 16, 32)                                                             \
+    FIELD(GVPoolResource, theUpstream, 20, 40)                                                          \
+    FIELD(GVPoolResource, theSmallEnd, 24, 48)
 // clang-format on
 
 #endif

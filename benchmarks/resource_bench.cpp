@@ -1,0 +1,172 @@
+// Nodes of containers in blocks: what one insertion and one removal cost.
+#include "harness.h"
+#include "subjects.h"
+
+#include <gilvane/utilities/gvpoolresource.h>
+#include <gilvane/utilities/gvsharedpool.h>
+#include <gilvane/utilities/gvtokencache.h>
+
+#include <boost/pool/pool_alloc.hpp>
+
+#include <list>
+#include <map>
+#include <memory>
+#include <memory_resource>
+#include <mutex>
+
+namespace {
+
+constexpr unsigned int nodes = 1000;
+
+// --- what gives the nodes their memory --------------------------------------------------------------------------------
+
+// Each subject has an allocator for each type, and makes one.
+
+// @tparam Resource  of the standard library
+template <typename Resource>
+class Standard {
+  public:
+    static constexpr const char* name = "std::pmr";
+    template <typename T>
+    using Allocator = std::pmr::polymorphic_allocator<T>;
+    template <typename T>
+    Allocator<T> allocator() {
+        return &theResource;
+    }
+
+  private:
+    Resource theResource;
+};
+
+class OverPool {
+  public:
+    static constexpr const char* name = "gilvane";
+    template <typename T>
+    using Allocator = std::pmr::polymorphic_allocator<T>;
+    template <typename T>
+    Allocator<T> allocator() {
+        return &theResource;
+    }
+
+  private:
+    Gilvane::GVMemoryPool thePool{2 * nodes, blockBytes, false};
+    Gilvane::GVPoolResource theResource{thePool};
+};
+
+class OverSharedPool {
+  public:
+    static constexpr const char* name = "gilvane";
+    template <typename T>
+    using Allocator = std::pmr::polymorphic_allocator<T>;
+    template <typename T>
+    Allocator<T> allocator() {
+        return &theResource;
+    }
+
+  private:
+    Gilvane::GVSharedPool thePool{2 * nodes, blockBytes};
+    Gilvane::GVPoolResource theResource{thePool};
+};
+
+class OverCache {
+  public:
+    static constexpr const char* name = "gilvane with a cache";
+    template <typename T>
+    using Allocator = std::pmr::polymorphic_allocator<T>;
+    template <typename T>
+    Allocator<T> allocator() {
+        return &theResource;
+    }
+
+  private:
+    Gilvane::GVSharedPool thePool{2 * nodes, blockBytes};
+    Gilvane::GVTokenCache theCache{thePool};
+    Gilvane::GVPoolResource theResource{theCache};
+};
+
+// @tparam Mutex  std::mutex, or boost::details::pool::null_mutex
+template <typename Mutex>
+class BoostFast {
+  public:
+    static constexpr const char* name = "boost::fast_pool_allocator";
+    template <typename T>
+    using Allocator = boost::fast_pool_allocator<T, boost::default_user_allocator_new_delete, Mutex>;
+    template <typename T>
+    Allocator<T> allocator() {
+        return {};
+    }
+};
+
+class StandardAllocator {
+  public:
+    static constexpr const char* name = "malloc";
+    template <typename T>
+    using Allocator = std::allocator<T>;
+    template <typename T>
+    Allocator<T> allocator() {
+        return {};
+    }
+};
+
+// --- the containers ---------------------------------------------------------------------------------------------------
+
+template <typename Subject>
+void fillAndEmptyList(benchmark::State& state) {
+    using List = std::list<unsigned int, typename Subject::template Allocator<unsigned int>>;
+    tidyHeap();
+    Subject subject;
+    List list(subject.template allocator<unsigned int>());
+    for (auto _ : state) {
+        for (unsigned int value = 0; value < nodes; ++value) {
+            list.push_back(value);
+        }
+        escape(&list);
+        while (!list.empty()) {
+            list.pop_front();
+        }
+    }
+    setOperationsPerIteration(state, nodes);
+}
+
+template <typename Subject>
+void fillAndEmptyMap(benchmark::State& state) {
+    using Entry = std::pair<const unsigned int, unsigned int>;
+    using Map = std::map<unsigned int, unsigned int, std::less<>, typename Subject::template Allocator<Entry>>;
+    const std::vector<unsigned int> order = randomOrder(nodes);
+    tidyHeap();
+    Subject subject;
+    Map map(subject.template allocator<Entry>());
+    for (auto _ : state) {
+        for (const unsigned int key : order) {
+            map.emplace(key, key);
+        }
+        escape(&map);
+        for (const unsigned int key : order) {
+            map.erase(key);
+        }
+    }
+    setOperationsPerIteration(state, nodes);
+}
+
+template <typename Subject>
+void registerContainers(const std::string& prefix) {
+    benchmark::RegisterBenchmark(benchmarkName("row/" + prefix + "list", Subject::name, nodes).c_str(),
+                                 fillAndEmptyList<Subject>);
+    benchmark::RegisterBenchmark(benchmarkName("row/" + prefix + "map", Subject::name, nodes).c_str(),
+                                 fillAndEmptyMap<Subject>);
+}
+
+} // namespace
+
+void registerResources() {
+    registerContainers<OverPool>("");
+    registerContainers<Standard<std::pmr::unsynchronized_pool_resource>>("");
+    registerContainers<BoostFast<Unlocked>>("");
+    registerContainers<StandardAllocator>("");
+
+    registerContainers<OverSharedPool>("shared_");
+    registerContainers<OverCache>("shared_");
+    registerContainers<Standard<std::pmr::synchronized_pool_resource>>("shared_");
+    registerContainers<BoostFast<std::mutex>>("shared_");
+    registerContainers<StandardAllocator>("shared_");
+}
