@@ -1,6 +1,7 @@
 // Every class template of the library whole, and every function template that belongs to no class or is a member by
 // itself, for each way it compiles: what no test calls would otherwise not be compiled, and not be missed.
 
+#include <gilvane/base/gvallocationbudget.h>
 #include <gilvane/utilities/gvmemorypool.h>
 #include <gilvane/utilities/gvmemorypoolinspector.h>
 #include <gilvane/utilities/gvtokenlease.h>
@@ -18,6 +19,7 @@ struct NotCopied : GVObject {
 enum Choice : int {};
 
 using Visitor = void (*)(const GVInspectedBlock&);
+using VisitorWithoutSnapshot = void (*)(const GVVisitedBlock&);
 
 } // namespace
 
@@ -25,6 +27,8 @@ template void detail::writeDumpValue<int>(std::ostream&, const int&);
 template void detail::writeDumpValue<unsigned int>(std::ostream&, const unsigned int&);
 template void detail::writeDumpValue<int*>(std::ostream&, int* const&);
 template void detail::writeDumpValue<void (*)()>(std::ostream&, void (*const&)());
+
+template GVAllocationArena::GVAllocationArena(unsigned char (&)[1]);
 
 template class GVStdAllocator<int>;
 template GVStdAllocator<int>::GVStdAllocator(const GVStdAllocator<char>&);
@@ -48,6 +52,8 @@ template std::ostream& operator<< <int>(std::ostream&, const GVSmartPointer<int>
 
 template int& GVTokenLease::as<int>() const;
 template void GVMemoryPoolInspector::visitBlocks<Visitor>(Visitor&&) const;
+template void GVMemoryPoolInspector::visitBlocks<VisitorWithoutSnapshot>(const GVMemoryPool&, VisitorWithoutSnapshot&&);
+template void GVMemoryPoolInspector::visitBlocks<VisitorWithoutSnapshot>(const GVSharedPool&, VisitorWithoutSnapshot&&);
 
 } // namespace Gilvane
 
