@@ -20,34 +20,34 @@ constexpr std::size_t theStrictestAlignment = alignof(std::max_align_t);
 
 struct Budget {
     std::mutex theLock; // guards all that follows but isInPlace, which changes while nobody allocates
-    GVAllocatorFunction theAllocatorBelow = nullptr;
-    GVDeallocatorFunction theDeallocatorBelow = nullptr;
-    bool isInPlace = false;
-    std::size_t theMostBytes = 0;
-    std::size_t theLiveCount = 0;
-    std::size_t theLiveBytes = 0;
-    std::size_t theHighestBytes = 0;
-    std::uint64_t theGrantedCount = 0;
-    std::uint64_t theGrantedBytes = 0;
-    std::uint64_t theRefusedCount = 0;
-    std::uint64_t theRefusedBytes = 0;
+    GVAllocatorFunction theAllocatorBelow;
+    GVDeallocatorFunction theDeallocatorBelow;
+    bool isInPlace;
+    std::size_t theMostBytes;
+    std::size_t theLiveCount;
+    std::size_t theLiveBytes;
+    std::size_t theHighestBytes;
+    std::uint64_t theGrantedCount;
+    std::uint64_t theGrantedBytes;
+    std::uint64_t theRefusedCount;
+    std::uint64_t theRefusedBytes;
 };
 
 struct Arena {
     std::mutex theLock; // as in the budget
-    GVAllocatorFunction theAllocatorBefore = nullptr;
-    GVDeallocatorFunction theDeallocatorBefore = nullptr;
-    bool isInPlace = false;
-    char* theBytes = nullptr; // the range
-    std::size_t theSize = 0;
-    std::size_t theUsedBytes = 0;       // from the front
-    std::size_t theUsedBytesBefore = 0; // before the last block was given out
-    void* theLastBlock = nullptr;       // given out last, live or not
-    std::size_t theLiveCount = 0;
+    GVAllocatorFunction theAllocatorBefore;
+    GVDeallocatorFunction theDeallocatorBefore;
+    bool isInPlace;
+    unsigned char* theBytes; // the range
+    std::size_t theSize;
+    std::size_t theUsedBytes;       // from the front; 0 while no block is live
+    std::size_t theUsedBytesBefore; // before the last block was given out
+    void* theLastBlock;             // given out last, live or not
+    std::size_t theLiveCount;
 };
 
-Budget theBudget;
-Arena theArena;
+Budget theBudget{};
+Arena theArena{};
 static_assert(std::is_trivially_destructible_v<Budget> && std::is_trivially_destructible_v<Arena>,
               "nothing is destroyed at the end of the program");
 
@@ -68,13 +68,13 @@ struct Front {
     unsigned int theBytes;
 };
 constexpr unsigned int theFrontBytes = theStrictestAlignment;
-static_assert(sizeof(Front) <= theFrontBytes, "the block behind it is aligned as the one that the hooks below gave");
+static_assert(sizeof(Front) <= alignof(std::max_align_t),
+              "the block behind it is aligned as the one that the hooks below gave");
 
 // The caller holds the lock.
 bool isWithinBudget(unsigned int numberOfBytes) {
     return numberOfBytes <= (std::numeric_limits<unsigned int>::max)() - theFrontBytes &&
-           theBudget.theLiveBytes <= theBudget.theMostBytes &&
-           numberOfBytes <= theBudget.theMostBytes - theBudget.theLiveBytes;
+           std::uint64_t{theBudget.theLiveBytes} + numberOfBytes <= theBudget.theMostBytes;
 }
 
 void* allocateWithinBudget(unsigned int numberOfBytes) {
@@ -106,12 +106,14 @@ void returnToBudget(void* block) {
 
 void* allocateFromArena(unsigned int numberOfBytes) {
     const std::lock_guard<std::mutex> guard(theArena.theLock);
-    char* const next = theArena.theBytes + theArena.theUsedBytes;
+    unsigned char* const next = theArena.theBytes + theArena.theUsedBytes;
     const std::size_t left = theArena.theSize - theArena.theUsedBytes;
     // The user's bytes, which follow the header word, are aligned.
-    const std::uintptr_t firstUserByte = reinterpret_cast<std::uintptr_t>(next) + detail::rawBlockHeaderBytes;
-    const std::size_t padding = (theStrictestAlignment - firstUserByte % theStrictestAlignment) % theStrictestAlignment;
-    if (padding > left || numberOfBytes > left - padding) {
+    const std::uintptr_t unaligned = reinterpret_cast<std::uintptr_t>(next) + detail::rawBlockHeaderBytes;
+    const std::uintptr_t firstUserByte =
+        (unaligned + theStrictestAlignment - 1) / theStrictestAlignment * theStrictestAlignment;
+    const std::size_t padding = firstUserByte - unaligned;
+    if (std::uint64_t{padding} + numberOfBytes > left) {
         return nullptr;
     }
     theArena.theUsedBytesBefore = theArena.theUsedBytes;
@@ -183,9 +185,8 @@ GVAllocationArena::GVAllocationArena(void* bytes, std::size_t numberOfBytes) {
     const std::lock_guard<std::mutex> guard(theArena.theLock);
     theArena.theAllocatorBefore = GetAllocator();
     theArena.theDeallocatorBefore = GetDeallocator();
-    theArena.theBytes = static_cast<char*>(bytes);
+    theArena.theBytes = static_cast<unsigned char*>(bytes);
     theArena.theSize = numberOfBytes;
-    theArena.theUsedBytes = 0;
     theArena.isInPlace = true;
     SetAllocationHooks(&allocateFromArena, &returnToArena);
 }

@@ -68,16 +68,17 @@ void writeBlock(std::ostream& stream, const GVInspectedBlock& block) {
     stream << "</block>\n";
 }
 
-// The lowest token of the blocks that cannot have been lent; empty when nothing can be told. Each block beyond what the
-// table stores without growing was stored while it could not grow: its building ended with an exception, before its token
-// came into the free list. Such blocks were built last, and blocks that are built later have higher tokens.
+// The lowest token of the blocks that cannot have been lent; beyond all tokens when there are no such blocks. Each block
+// beyond what the table stores without growing was stored while it could not grow: its building ended with an exception,
+// before its token came into the free list. Such blocks were built last, and blocks that are built later have higher
+// tokens.
 // countFrom: the number of blocks whose token is that one or higher
 template <typename CountFrom>
-std::optional<unsigned int> lowestTokenNeverLentAmong(std::size_t slots, CountFrom countFrom) {
-    const std::size_t mostWithoutGrowth = (2 * slots - 1) / 3;
-    const std::size_t blocks = countFrom(0);
+std::uint64_t lowestTokenNeverLentAmong(std::size_t slots, CountFrom countFrom) {
+    const std::size_t mostWithoutGrowth = 2 * slots / 3; // three never divides it, since slots is a power of two
+    const std::size_t blocks = countFrom(0U);
     if (blocks <= mostWithoutGrowth) {
-        return {};
+        return std::uint64_t{1} << 32;
     }
     // Bit by bit the largest token from which on there are as many blocks; sorting would need memory.
     unsigned int lowest = 0;
@@ -110,15 +111,16 @@ GVMemoryPoolInspector::GVMemoryPoolInspector(const GVSharedPool& pool)
 }
 
 GVMemoryPoolInspector::TokenList GVMemoryPoolInspector::getTokensNeverLent() const {
-    const std::optional<unsigned int> lowest =
-        lowestTokenNeverLentAmong(theSlotStates.size(), [this](unsigned int token) {
-            return static_cast<std::size_t>(
-                std::count_if(theBlocks.begin(), theBlocks.end(),
-                              [token](const GVInspectedBlock& block) { return block.theToken >= token; }));
-        });
+    const std::uint64_t lowest = lowestTokenNeverLentAmong(theSlotStates.size(), [this](unsigned int token) {
+        std::size_t count = 0;
+        for (const GVInspectedBlock& block : theBlocks) {
+            count += block.theToken >= token ? 1 : 0;
+        }
+        return count;
+    });
     TokenList tokens;
     for (const GVInspectedBlock& block : theBlocks) {
-        if (!block.isFree && lowest.has_value() && block.theToken >= *lowest) {
+        if (!block.isFree && block.theToken >= lowest) {
             tokens.push_back(block.theToken);
         }
     }
@@ -207,7 +209,7 @@ bool GVMemoryPoolInspector::lookAt(const GVMemoryPool& pool, unsigned int slot, 
     return true;
 }
 
-std::optional<unsigned int> GVMemoryPoolInspector::lowestTokenNeverLent(const GVMemoryPool& pool) {
+std::uint64_t GVMemoryPoolInspector::lowestTokenNeverLent(const GVMemoryPool& pool) {
     const Table& table = pool.memoryPool;
     return lowestTokenNeverLentAmong(table.getSlotCount(), [&table](unsigned int token) {
         std::size_t count = 0;

@@ -11,8 +11,8 @@
 #include <gilvane/utilities/gvsharedpool.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
-#include <optional>
 #include <ostream>
 #include <vector>
 
@@ -124,8 +124,8 @@ class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
     }
 
     /// Tokens of blocks that count as lent and can have been lent to nobody, ascending: when they were built, the table
-    /// stored them and could not grow. It stores at most (2 * slots - 1) / 3 blocks without growing. As many as it holds
-    /// beyond that, those with the highest tokens, cannot have been lent.
+    /// stored them and could not grow. It stores blocks in two thirds of its slots, rounded down, without growing; of more
+    /// than that, as many as are more cannot have been lent, those with the highest tokens.
     ///
     /// More cannot be told. A block that the table stored after removals, or whose token found no room in the free list,
     /// looks as if it were lent, and so does every one of them as soon as the table has grown. The token of one that was
@@ -228,7 +228,7 @@ class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
     template <typename Visitor>
     static void visitWhileLocked(const GVMemoryPool& pool, Visitor& visit);
     static bool lookAt(const GVMemoryPool& pool, unsigned int slot, GVVisitedBlock& block);
-    static std::optional<unsigned int> lowestTokenNeverLent(const GVMemoryPool& pool);
+    static std::uint64_t lowestTokenNeverLent(const GVMemoryPool& pool);
     static void describe(const Table& table, unsigned int slot, GVInspectedBlock& block);
 
     void copyFrom(const GVMemoryPool& pool, TokenList& keys, TokenList& freeTokens);
@@ -255,11 +255,11 @@ class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
 
 template <typename Visitor>
 void GVMemoryPoolInspector::visitWhileLocked(const GVMemoryPool& pool, Visitor& visit) {
-    const std::optional<unsigned int> lowest = lowestTokenNeverLent(pool);
+    const std::uint64_t lowest = lowestTokenNeverLent(pool);
     for (unsigned int slot = 0; slot < pool.memoryPool.getSlotCount(); ++slot) {
         GVVisitedBlock block;
         if (lookAt(pool, slot, block)) {
-            block.isNeverLent = !block.isFree && lowest.has_value() && block.theToken >= *lowest;
+            block.isNeverLent = !block.isFree && block.theToken >= lowest;
             visit(static_cast<const GVVisitedBlock&>(block));
         }
     }

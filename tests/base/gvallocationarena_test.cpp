@@ -106,6 +106,17 @@ TEST(AllocationArena, takesTheBlockBackThatWasGivenOutLast) {
     detail::releaseRawBlock(first);
 }
 
+TEST(AllocationArena, takesTheLastBlockBackAlsoAfterARefusal) {
+    const Arena arena(theBytes);
+    void* const first = blockOf(strictest);
+    const std::size_t used = Arena::GetUsedBytes();
+    void* const second = blockOf(strictest);
+    EXPECT_EQ(blockOf(sizeof theBytes), nullptr);
+    detail::releaseRawBlock(second);
+    EXPECT_EQ(Arena::GetUsedBytes(), used);
+    detail::releaseRawBlock(first);
+}
+
 TEST(AllocationArena, keepsTheBytesOfAnyOtherUntilAllAreBack) {
     const Arena arena(theBytes);
     void* const first = blockOf(strictest);
