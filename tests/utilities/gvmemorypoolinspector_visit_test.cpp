@@ -165,7 +165,7 @@ TEST(PoolInspectorNeverLent, namesTheBlocksThatWereBuiltWhileTheTableCouldNotGro
 
 TEST(PoolInspectorNeverLent, isFoundInALargerTable) {
     HookLedger ledger;
-    Peer::nextToken() = 0xFFFFFF00;
+    Peer::nextToken() = 0xFFFFFF01;
     GVMemoryPool pool(85, 16, false);
     const unsigned int lent = pool.getTokenForFreeMemoryObject();
     for (int block = 0; block < 3; ++block) {
@@ -248,14 +248,26 @@ TEST(PoolInspectorNeverLent, looksLentWhereRemovedTokensFillSlots) {
 }
 
 TEST(PoolInspectorNeverLent, doesNotCountEntriesWithoutABlock) {
-    HookLedger ledger;
-    Peer::nextToken() = 0;
-    GVMemoryPool pool(4, 16, false);
+    GVMemoryPool pool(0, 16, false);
+    buildBlocks(pool, {4, 5, 6, 7});
     lendAll(pool);
-    Peer::table(pool).insert_helper(5, nullptr);
-    Peer::table(pool).insert_helper(6, nullptr);
+    Peer::table(pool).insert_helper(0, nullptr);
+    Peer::table(pool).insert_helper(1, nullptr);
     EXPECT_EQ(statesOf(pool), "llll");
     EXPECT_EQ(Inspector(pool).getTokensNeverLent(), Tokens{});
+}
+
+TEST(PoolInspectorNeverLent, doesNotCountWhatEmptyAndDeletedSlotsStillHold) {
+    GVMemoryPool pool(0, 16, false);
+    buildBlocks(pool, {3, 4, 5, 6});
+    lendAll(pool);
+    auto* const slots = Peer::slots(Peer::table(pool));
+    for (const unsigned int slot : {0U, 1U, 2U}) {
+        slots[slot].theKey = slot;
+        slots[slot].theValue = slots[3].theValue;
+        slots[slot].theState = slot == 2 ? gvdeletedentry : gvemptyentry;
+    }
+    EXPECT_EQ(statesOf(pool), "llll");
 }
 
 TEST(PoolInspectorNeverLent, isNoneOfASharedPoolsBlocks) {
