@@ -181,14 +181,14 @@ TEST(PoolInspectorNeverLent, namesThemInAscendingOrder) {
     HookLedger ledger;
     GVMemoryPool pool(0, 16, false);
     buildBlocks(pool, {0, 1, 2, 3, 4});
-    Peer::nextToken() = 14;
+    Peer::nextToken() = 15;
     buildABlockThatIsNeverLent(pool, ledger);
-    Peer::nextToken() = 21;
+    Peer::nextToken() = 22;
     buildABlockThatIsNeverLent(pool, ledger);
     //  slot    0   1   2   3   4   5   6   7
-    //  token   0   1   2   3   4   21  14  .
+    //  token   0   1   2   3   4   .   22  15
     EXPECT_EQ(statesOf(pool), "fffffnn");
-    EXPECT_EQ(Inspector(pool).getTokensNeverLent(), (Tokens{14, 21}));
+    EXPECT_EQ(Inspector(pool).getTokensNeverLent(), (Tokens{15, 22}));
 }
 
 TEST(PoolInspectorNeverLent, isNoBlockOfAFullTableNotEvenThatOfTheHighestToken) {
