@@ -124,8 +124,8 @@ class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
     }
 
     /// Tokens of blocks that count as lent and can have been lent to nobody, ascending: when they were built, the table
-    /// stored them and could not grow. It stores blocks in two thirds of its slots, rounded down, without growing; of more
-    /// than that, as many as are more cannot have been lent, those with the highest tokens.
+    /// stored them and could not grow. It stores blocks in two thirds of its slots, rounded down, without growing. The
+    /// blocks beyond that number, counted from the highest token down, cannot have been lent.
     ///
     /// More cannot be told. A block that the table stored after removals, or whose token found no room in the free list,
     /// looks as if it were lent, and so does every one of them as soon as the table has grown. The token of one that was
