@@ -1,5 +1,5 @@
 // A pool without a heap: all memory comes from one static array, and none is asked for after the pool is built.
-#include <gilvane/base/gvobject.h>
+#include <gilvane/base/gvallocationbudget.h>
 #include <gilvane/utilities/gvmemorypool.h>
 
 #include <cstddef>
@@ -7,30 +7,13 @@
 #include <iostream>
 #include <new>
 
+using Gilvane::GVAllocationArena;
 using Gilvane::GVMemoryPool;
-using Gilvane::GVObject;
 
 namespace {
 
 // [arena]
-constexpr std::size_t strictest = alignof(std::max_align_t);
-alignas(strictest) unsigned char arena[64 * 1024];
-std::size_t used = 0;
-
-// Gives the array out from front to back. The library puts a pointer-sized word first, and the user's bytes follow it.
-// So the address after that word is made a multiple of the strictest alignment.
-void* allocateFromArena(unsigned int numberOfBytes) {
-    const std::size_t firstUserByte = (used + sizeof(void*) + strictest - 1) / strictest * strictest;
-    const std::size_t start = firstUserByte - sizeof(void*);
-    if (start > sizeof arena || numberOfBytes > sizeof arena - start) {
-        return nullptr;
-    }
-    used = start + numberOfBytes;
-    return arena + start;
-}
-
-// Takes nothing back. What a growing table leaves behind is lost, so the pool is built at its full size.
-void keepInArena(void*) {}
+alignas(std::max_align_t) unsigned char bytes[64 * 1024];
 // [arena]
 
 struct Sample {
@@ -42,32 +25,26 @@ struct Sample {
 
 int main() {
     // [steady]
-    GVObject::SetAllocationHooks(&allocateFromArena, &keepInArena);
+    // As long as it lives, the library takes all memory from the array. The pool is built at its full size.
+    const GVAllocationArena arena(bytes);
     GVMemoryPool pool(200, sizeof(Sample), true);
-    const std::size_t afterBuilding = used;
+    const std::size_t afterBuilding = GVAllocationArena::GetUsedBytes();
 
     bool aligned = true;
     for (int round = 0; round < 1000; ++round) {
         unsigned int tokens[200];
         for (unsigned int& token : tokens) {
             token = pool.getTokenForFreeMemoryObject();
-            void* const bytes = pool.getMemoryForToken(token);
-            aligned = aligned && reinterpret_cast<std::uintptr_t>(bytes) % alignof(Sample) == 0;
-            new (bytes) Sample{1.0, 2};
+            void* const block = pool.getMemoryForToken(token);
+            aligned = aligned && reinterpret_cast<std::uintptr_t>(block) % alignof(Sample) == 0;
+            new (block) Sample{1.0, 2};
         }
         for (const unsigned int token : tokens) {
             pool.releaseObject(token);
         }
     }
-    const bool asked = used != afterBuilding;
+    const bool asked = GVAllocationArena::GetUsedBytes() != afterBuilding;
     // [steady]
-    for (const unsigned char* last = arena; last != nullptr;
-         last = static_cast<const unsigned char*>(allocateFromArena(1))) {
-        if (last >= arena + sizeof arena) {
-            std::cerr << "the arena gives out bytes that are not its own\n";
-            return 1;
-        }
-    }
     std::cout << "200 blocks took " << afterBuilding << " bytes of the arena\n";
     std::cout << "200,000 loans asked for " << (asked ? "more" : "nothing more") << "\n";
     std::cout << "every sample is " << (aligned ? "aligned" : "misaligned") << "\n";

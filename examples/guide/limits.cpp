@@ -1,4 +1,5 @@
 // How much a pool can hold, found out from the library itself.
+#include <gilvane/base/gvallocationbudget.h>
 #include <gilvane/base/gvexception.h>
 #include <gilvane/base/gvstdallocator.h>
 #include <gilvane/utilities/gvmemorypool.h>
@@ -6,17 +7,16 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <iomanip>
 #include <iostream>
 #include <limits>
 #include <new>
 #include <string>
 
+using Gilvane::GVAllocationBudget;
 using Gilvane::GVException;
 using Gilvane::GVMemoryPool;
 using Gilvane::GVMemoryPoolObject;
-using Gilvane::GVObject;
 using Gilvane::GVStdAllocator;
 
 namespace {
@@ -29,63 +29,27 @@ constexpr unsigned int headerWordBytes = sizeof(Gilvane::GVDeallocatorFunction);
 
 constexpr unsigned int everything = std::numeric_limits<unsigned int>::max();
 
-unsigned int lastRequest = 0;    // bytes, granted or not
-unsigned int refusedRequest = 0; // bytes
-unsigned int mostToGrant = everything;
-
-std::uint64_t heldBytes = 0;
-std::uint64_t mostHeldBytes = 0;
-
-// Each block's size is stored in front of it, in as many bytes as the strictest alignment.
-constexpr std::size_t front = alignof(std::max_align_t);
-
-void* allocate(unsigned int numberOfBytes) {
-    lastRequest = numberOfBytes;
-    if (numberOfBytes > mostToGrant) {
-        refusedRequest = numberOfBytes;
-        return nullptr;
-    }
-    auto* const memory = static_cast<unsigned char*>(std::malloc(front + numberOfBytes));
-    if (memory == nullptr) {
-        return nullptr;
-    }
-    *reinterpret_cast<unsigned int*>(memory) = numberOfBytes;
-    heldBytes += numberOfBytes;
-    mostHeldBytes = std::max(mostHeldBytes, heldBytes);
-    return memory + front;
-}
-
-void release(void* block) {
-    unsigned char* const memory = static_cast<unsigned char*>(block) - front;
-    heldBytes -= *reinterpret_cast<unsigned int*>(memory);
-    std::free(memory);
-}
-
-// Bytes that the hook is asked for when a block is made; 0 when it is not asked at all.
-unsigned int bytesAskedOfHookFor(std::size_t userBytes) {
-    mostToGrant = 0;
-    refusedRequest = 0;
+// Bytes that the allocation function is asked for when a block is made; 0 when it is not asked at all.
+std::uint64_t bytesAskedFor(std::size_t userBytes) {
+    const GVAllocationBudget budget(0);
     try {
         static_cast<void>(GVStdAllocator<char>().allocate(userBytes));
     } catch (const std::bad_alloc&) {
-        // Refused by the hook, or before it was asked.
+        // Refused by the budget, or before it was asked.
     }
-    mostToGrant = everything;
-    return refusedRequest;
+    return GVAllocationBudget::GetRefusedBytes();
 }
 
-// Bytes that a table asks the hook for when it makes this many slots; 0 when it does not ask at all.
-unsigned int bytesOfTable(unsigned int slots) {
-    mostToGrant = 200; // enough for the texts of an exception, and not for 16 slots
-    refusedRequest = 0;
+// Bytes that a table asks for when it makes this many slots; 0 when it does not ask at all.
+std::uint64_t bytesOfTable(unsigned int slots) {
+    const GVAllocationBudget budget(200); // enough for the texts of an exception, and not for 16 slots
     try {
         Table table;
         table.resize(slots - 1); // makes the smallest power of two above that
     } catch (const GVException&) {
-        // Refused by the hook, or by the table before it asked.
+        // Refused by the budget, or by the table before it asked.
     }
-    mostToGrant = everything;
-    return refusedRequest;
+    return GVAllocationBudget::GetRefusedBytes();
 }
 
 // [rule]
@@ -105,21 +69,19 @@ unsigned int slotsAfterGrowth(unsigned int keys) {
 
 // Whether a real table grows at that number of keys, to that number of slots.
 bool tablesFollowTheRule() {
+    const GVAllocationBudget budget; // only counts
     Table table;
     unsigned int slots = theFirstSlots;
     for (unsigned int key = 0; key < 200000; ++key) {
-        lastRequest = 0;
+        const std::uint64_t requests = GVAllocationBudget::GetGrantedCount();
         table.insert(key, nullptr);
-        const bool grew = lastRequest != 0;
+        const bool grew = GVAllocationBudget::GetGrantedCount() != requests;
         if (grew != (table.getUsedCount() > mostKeys(slots))) {
             return false;
         }
-        if (grew) {
-            // The array has an end slot, and a few bytes stand in front of it.
-            slots = lastRequest / static_cast<unsigned int>(sizeof(Table::Entry)) - 1;
-            if (slots != slotsAfterGrowth(table.getUsedCount())) {
-                return false;
-            }
+        slots = table.getSlotCount();
+        if (grew && slots != slotsAfterGrowth(table.getUsedCount())) {
+            return false;
         }
     }
     return true;
@@ -156,11 +118,11 @@ std::uint64_t mostBytesHeld(unsigned int blocks, unsigned int bytesPerBlock) {
 bool poolsHoldAsComputed() {
     for (const unsigned int blocks : {1U, 5U, 6U, 86U, 1000U, 30000U, 100000U}) {
         for (const unsigned int bytesPerBlock : {0U, 64U}) {
-            heldBytes = mostHeldBytes = 0;
+            const std::uint64_t computed = mostBytesHeld(blocks, bytesPerBlock);
+            const GVAllocationBudget budget; // only counts
             GVMemoryPool pool(0, bytesPerBlock, false);
             pool.resizePool(blocks);
-            const std::uint64_t measured = mostHeldBytes;
-            if (measured != mostBytesHeld(blocks, bytesPerBlock)) {
+            if (GVAllocationBudget::GetHighestBytes() != computed) {
                 return false;
             }
         }
@@ -188,7 +150,6 @@ void report(const std::string& what, std::uint64_t figure) {
 } // namespace
 
 int main() {
-    GVObject::SetAllocationHooks(&allocate, &release);
     if (!tablesFollowTheRule()) {
         std::cerr << "tables grow in another way\n";
         return 1;
@@ -203,7 +164,7 @@ int main() {
     }
     const unsigned int blocks = mostKeys(slots);
     const unsigned int largest = everything - headerWordBytes;
-    if (bytesAskedOfHookFor(largest) != everything || bytesAskedOfHookFor(std::size_t{largest} + 1) != 0) {
+    if (bytesAskedFor(largest) != everything || bytesAskedFor(std::size_t{largest} + 1) != 0) {
         std::cerr << "blocks have another limit\n";
         return 1;
     }
@@ -217,5 +178,4 @@ int main() {
     report("blocks of 1024 bytes in 3 GiB", mostBlocksIn(3ULL << 30, 1024, blocks));
     report("bytes of the largest block", largest);
     report("blocks that a process builds before numbers repeat", std::uint64_t{1} << 32);
-    GVObject::SetAllocationHooks(nullptr, nullptr);
 }

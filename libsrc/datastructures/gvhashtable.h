@@ -383,10 +383,15 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     int resize(unsigned int minUsed);
 
     /// Finds a key.
+    ///
+    /// After a removal it may miss a key that is there: the search ends at a deleted slot past the home slot, see lookup.
     /// @returns its entry, or null
     Entry* get(const K& key) const;
 
     /// The value under a key, which is added with a value-initialised V when it is not found.
+    ///
+    /// After a removal it may miss a key that is there, as get. It then adds the key a second time, and returns the new
+    /// value; the former entry stays, and keeps its value.
     /// @param key  not a reference to a key in this table, whose slots may move
     /// @throws             what insert throws, when the key is absent. The key then stays, if it was stored
     /// @throws GVException kind gvhashtablefailure: the key is not found after it was stored. It is unequal to itself,
@@ -394,7 +399,12 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     V& operator[](const K& key);
 
     /// Marks a key's slot deleted. The slot goes on counting towards growth, and the array stays as it is.
-    /// @returns whether the key was found
+    ///
+    /// The deleted slot ends searches for keys that were stored past it: get, `[]`, `==` and this operation may miss them
+    /// from now on; insert and `[]` then add such a key a second time, and a removal takes one of the two away. This
+    /// lasts until the table grows or is resized, which keeps one value of each key, or is cleared. A program that
+    /// searches a table after removals needs another table.
+    /// @returns whether the key was found: after an earlier removal false does not mean that it is absent
     bool remove(const K& key);
 
     /// Forgets everything and returns to 8 slots; no value is deleted. The keys in embedded slots stay there, unseen,
@@ -434,6 +444,9 @@ class GILVANE_EXPORT GVHashTable : public GVObject {
     /// Whether both tables hold the same keys with values that are equal by V's `==`; sizes and order do not matter.
     /// The other table is searched with this table's hash function and with its own: tables of different hash functions
     /// differ.
+    ///
+    /// After a removal from the other table the search may miss a key that is there, as get. Then tables that hold the
+    /// same keys and values differ, `a == b` and `b == a` may give different answers, and a table may differ from itself.
     bool operator==(const GVHashTable& other) const;
     /// The opposite of `==`.
     bool operator!=(const GVHashTable& other) const { return !(*this == other); }

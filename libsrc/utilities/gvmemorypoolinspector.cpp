@@ -68,6 +68,28 @@ void writeBlock(std::ostream& stream, const GVInspectedBlock& block) {
     stream << "</block>\n";
 }
 
+// The lowest token of the blocks that cannot have been lent; beyond all tokens when there are no such blocks. Each block
+// beyond what the table stores without growing was stored while it could not grow: its building ended with an exception,
+// before its token came into the free list. Such blocks were built last, and blocks that are built later have higher
+// tokens.
+// countFrom: the number of blocks whose token is that one or higher
+template <typename CountFrom>
+std::uint64_t lowestTokenNeverLentAmong(std::size_t slots, CountFrom countFrom) {
+    const std::size_t mostWithoutGrowth = 2 * slots / 3; // three never divides it, since slots is a power of two
+    const std::size_t blocks = countFrom(0U);
+    if (blocks <= mostWithoutGrowth) {
+        return std::uint64_t{1} << 32;
+    }
+    // Bit by bit the largest token from which on there are as many blocks; sorting would need memory.
+    unsigned int lowest = 0;
+    for (unsigned int bit = 1U << 31; bit != 0; bit >>= 1) {
+        if (countFrom(lowest | bit) >= blocks - mostWithoutGrowth) {
+            lowest |= bit;
+        }
+    }
+    return lowest;
+}
+
 } // namespace
 
 GVMemoryPoolInspector::GVMemoryPoolInspector(const GVMemoryPool& pool) : thePool(&pool) {
@@ -86,6 +108,24 @@ GVMemoryPoolInspector::GVMemoryPoolInspector(const GVSharedPool& pool)
         copyFrom(*thePool, keys, freeTokens);
     }
     evaluate(keys, freeTokens);
+}
+
+GVMemoryPoolInspector::TokenList GVMemoryPoolInspector::getTokensNeverLent() const {
+    const std::uint64_t lowest = lowestTokenNeverLentAmong(theSlotStates.size(), [this](unsigned int token) {
+        std::size_t count = 0;
+        for (const GVInspectedBlock& block : theBlocks) {
+            count += block.theToken >= token ? 1 : 0;
+        }
+        return count;
+    });
+    TokenList tokens;
+    for (const GVInspectedBlock& block : theBlocks) {
+        if (!block.isFree && block.theToken >= lowest) {
+            tokens.push_back(block.theToken);
+        }
+    }
+    std::sort(tokens.begin(), tokens.end());
+    return tokens;
 }
 
 std::size_t GVMemoryPoolInspector::getBytesOfHeaderWords() const {
@@ -155,6 +195,43 @@ std::ostream& GVMemoryPoolInspector::print(std::ostream& stream) const {
     return stream;
 }
 
+// Fills the record of the block in a slot in, all but isNeverLent.
+// Returns false for a slot without a block.
+bool GVMemoryPoolInspector::lookAt(const GVMemoryPool& pool, unsigned int slot, GVVisitedBlock& block) {
+    const Table::Entry& entry = pool.memoryPool.getEntry(slot);
+    if (entry.theState != gvoccupiedentry || entry.theValue == nullptr) {
+        return false;
+    }
+    describe(pool.memoryPool, slot, block);
+    block.theProbeCount = pool.memoryPool.countProbes(slot);
+    const TokenList& freeTokens = pool.availableTokens;
+    block.isFree = std::find(freeTokens.begin(), freeTokens.end(), block.theToken) != freeTokens.end();
+    return true;
+}
+
+std::uint64_t GVMemoryPoolInspector::lowestTokenNeverLent(const GVMemoryPool& pool) {
+    const Table& table = pool.memoryPool;
+    return lowestTokenNeverLentAmong(table.getSlotCount(), [&table](unsigned int token) {
+        std::size_t count = 0;
+        for (unsigned int slot = 0; slot < table.getSlotCount(); ++slot) {
+            const Table::Entry& entry = table.getEntry(slot);
+            const bool isCounted =
+                entry.theState == gvoccupiedentry && entry.theValue != nullptr && entry.theKey >= token;
+            count += isCounted ? 1 : 0;
+        }
+        return count;
+    });
+}
+
+// The slot has a block.
+void GVMemoryPoolInspector::describe(const Table& table, unsigned int slot, GVInspectedBlock& block) {
+    const Table::Entry& entry = table.getEntry(slot);
+    block.theToken = entry.theKey;
+    block.theBytes = entry.theValue->getBytes();
+    block.theLength = entry.theValue->getLength();
+    block.theSlot = slot;
+}
+
 // Does all that needs the pool's lock, and nothing else. The keys and the free list are for evaluate.
 void GVMemoryPoolInspector::copyFrom(const GVMemoryPool& pool, TokenList& keys, TokenList& freeTokens) {
     pool.withLock([&] {
@@ -194,10 +271,7 @@ void GVMemoryPoolInspector::copyEntry(const Table& table, unsigned int slot) {
         theTokensWithoutBlock.push_back(entry.theKey);
         return;
     }
-    block.theToken = entry.theKey;
-    block.theBytes = entry.theValue->getBytes();
-    block.theLength = entry.theValue->getLength();
-    block.theSlot = slot;
+    describe(table, slot, block);
     theBytesAskedFor += block.theLength;
     theBlocks.push_back(block);
 }

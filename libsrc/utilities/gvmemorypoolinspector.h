@@ -11,6 +11,8 @@
 #include <gilvane/utilities/gvsharedpool.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <mutex>
 #include <ostream>
 #include <vector>
 
@@ -32,9 +34,21 @@ class GILVANE_EXPORT GVInspectedBlock : public GVObject {
     unsigned int theProbeCount = 0; ///< slots that a search for its token looks at; 0 when no search reaches its slot
 };
 
+/// One block as a visit finds it, see GVMemoryPoolInspector::visitBlocks.
+///
+/// @par Thread safety
+///   None.
+/// @par Ownership
+///   Owns nothing.
+class GILVANE_EXPORT GVVisitedBlock : public GVInspectedBlock {
+  public:
+    bool isNeverLent = false; ///< whether it can be told that it was never lent, see getTokensNeverLent
+};
+
 /// A snapshot of one pool: counts, bytes, slots, blocks and findings, all of the same moment.
 ///
-/// It only reads. The pool may change or go afterwards without the snapshot's noticing.
+/// It only reads. The pool may change or go afterwards without the snapshot's noticing. A snapshot needs memory; where
+/// there is none, visitBlocks shows the blocks without a snapshot.
 ///
 /// @par Invariants
 ///   1. theBlocks holds each entry of the table that has a block, in the order of slots
@@ -65,6 +79,29 @@ class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
     /// @par Threads     takes the shared pool's lock once, likewise
     explicit GVMemoryPoolInspector(const GVSharedPool& pool);
 
+    /// @name Without memory
+    /// @{
+
+    /// Calls `visit` with each block of the pool, a `const GVVisitedBlock&`, in the order of slots. It takes no memory,
+    /// and so shows an exhausted pool, too.
+    /// @param visit  must not use the pool, whose lock is held
+    /// @throws what `visit` throws; the lock is free then
+    /// @par Complexity  linear in the slots, and in blocks times free tokens
+    /// @par Threads     holds the pool's lock, when it has one, all the time
+    template <typename Visitor>
+    static void visitBlocks(const GVMemoryPool& pool, Visitor&& visit) {
+        pool.withLock([&] { visitWhileLocked(pool, visit); });
+    }
+
+    /// The same for the pool that a shared pool stands on. Blocks in caches are not free in it.
+    /// @param visit  must not use the pool, nor its caches and leases
+    template <typename Visitor>
+    static void visitBlocks(const GVSharedPool& pool, Visitor&& visit) {
+        const std::lock_guard<detail::GVPlainLock> guard(detail::GVSharedPoolAccess::lock(pool));
+        visitWhileLocked(detail::GVSharedPoolAccess::innerPool(pool), visit);
+    }
+
+    /// @}
     /// @name Blocks
     /// @{
 
@@ -85,6 +122,18 @@ class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
             visit(block);
         }
     }
+
+    /// Tokens of blocks that count as lent and can have been lent to nobody, ascending: when they were built, the table
+    /// stored them and could not grow. It stores blocks in two thirds of its slots, rounded down, without growing. The
+    /// blocks beyond that number, counted from the highest token down, cannot have been lent.
+    ///
+    /// More cannot be told. A block that the table stored after removals, or whose token found no room in the free list,
+    /// looks as if it were lent, and so does every one of them as soon as the table has grown. The token of one that was
+    /// returned all the same is free; lent after that, it is named here again. Where the tokens of a pool pass 2^32, the
+    /// wrong blocks are named.
+    /// @throws std::bad_alloc  no memory for the list
+    /// @par Complexity  linear in the blocks
+    TokenList getTokensNeverLent() const;
 
     /// @}
     /// @name Bytes
@@ -176,6 +225,12 @@ class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
 
     using Table = GVHashTable<unsigned int, GVMemoryPoolObject*, GVGenericHashFunction<unsigned int>>;
 
+    template <typename Visitor>
+    static void visitWhileLocked(const GVMemoryPool& pool, Visitor& visit);
+    static bool lookAt(const GVMemoryPool& pool, unsigned int slot, GVVisitedBlock& block);
+    static std::uint64_t lowestTokenNeverLent(const GVMemoryPool& pool);
+    static void describe(const Table& table, unsigned int slot, GVInspectedBlock& block);
+
     void copyFrom(const GVMemoryPool& pool, TokenList& keys, TokenList& freeTokens);
     void copyEntry(const Table& table, unsigned int slot);
     void evaluate(TokenList& keys, TokenList& freeTokens);
@@ -197,6 +252,18 @@ class GILVANE_EXPORT GVMemoryPoolInspector : public GVObject {
     TokenList theTokensUnreachable;
     TokenList theTokensWithoutBlock;
 };
+
+template <typename Visitor>
+void GVMemoryPoolInspector::visitWhileLocked(const GVMemoryPool& pool, Visitor& visit) {
+    const std::uint64_t lowest = lowestTokenNeverLent(pool);
+    for (unsigned int slot = 0; slot < pool.memoryPool.getSlotCount(); ++slot) {
+        GVVisitedBlock block;
+        if (lookAt(pool, slot, block)) {
+            block.isNeverLent = !block.isFree && block.theToken >= lowest;
+            visit(static_cast<const GVVisitedBlock&>(block));
+        }
+    }
+}
 
 /// Writes a snapshot's text form, as GVMemoryPoolInspector::print.
 GILVANE_EXPORT std::ostream& operator<<(std::ostream& stream, const GVMemoryPoolInspector& inspector);

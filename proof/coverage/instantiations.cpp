@@ -1,6 +1,7 @@
 // Every class template of the library whole, and every function template that belongs to no class or is a member by
 // itself, for each way it compiles: what no test calls would otherwise not be compiled, and not be missed.
 
+#include <gilvane/base/gvallocationbudget.h>
 #include <gilvane/utilities/gvmemorypool.h>
 #include <gilvane/utilities/gvmemorypoolinspector.h>
 #include <gilvane/utilities/gvobjectlease.h>
@@ -25,6 +26,7 @@ using Time = std::chrono::seconds;
 using Deadline = std::chrono::steady_clock::time_point;
 
 using Visitor = void (*)(const GVInspectedBlock&);
+using VisitorWithoutSnapshot = void (*)(const GVVisitedBlock&);
 
 } // namespace
 
@@ -32,6 +34,8 @@ template void detail::writeDumpValue<int>(std::ostream&, const int&);
 template void detail::writeDumpValue<unsigned int>(std::ostream&, const unsigned int&);
 template void detail::writeDumpValue<int*>(std::ostream&, int* const&);
 template void detail::writeDumpValue<void (*)()>(std::ostream&, void (*const&)());
+
+template GVAllocationArena::GVAllocationArena(unsigned char (&)[1]);
 
 template class GVStdAllocator<int>;
 template GVStdAllocator<int>::GVStdAllocator(const GVStdAllocator<char>&);
@@ -66,6 +70,8 @@ template Lease Lease::waitFor<GVTokenCache>(GVTokenCache&, const Time&, int&&);
 template Lease Lease::waitUntil<GVSharedPool>(GVSharedPool&, const Deadline&, int&&);
 template Lease Lease::waitUntil<GVTokenCache>(GVTokenCache&, const Deadline&, int&&);
 template void GVMemoryPoolInspector::visitBlocks<Visitor>(Visitor&&) const;
+template void GVMemoryPoolInspector::visitBlocks<VisitorWithoutSnapshot>(const GVMemoryPool&, VisitorWithoutSnapshot&&);
+template void GVMemoryPoolInspector::visitBlocks<VisitorWithoutSnapshot>(const GVSharedPool&, VisitorWithoutSnapshot&&);
 
 } // namespace Gilvane
 

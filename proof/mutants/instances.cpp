@@ -1,5 +1,6 @@
 // One unit that holds every template of the library, each with several types: where a part of one has the same type in
 // all of them, that type is the template's own.
+#include <gilvane/base/gvallocationbudget.h>
 #include <gilvane/base/gvdumpvalue.h>
 #include <gilvane/base/gvrawblock.h>
 #include <gilvane/base/gvstdallocator.h>
@@ -41,6 +42,12 @@ template class GVStdAllocator<char>;
 
 void visitInspectedBlock(const GVInspectedBlock& block);
 
+template <typename Pool>
+void visitBlocksOf(const Pool& pool) {
+    GVMemoryPoolInspector::visitBlocks(pool, visitInspectedBlock);
+    GVMemoryPoolInspector::visitBlocks(pool, [](const GVVisitedBlock& block) { visitInspectedBlock(block); });
+}
+
 void useFunctionTemplates(std::ostream& stream, GVStdAllocator<char>& characters, GVStdAllocator<std::string>& texts) {
     detail::writeDumpValue(stream, &useFunctionTemplates);
     detail::writeDumpValue(stream, &stream);
@@ -63,6 +70,7 @@ void useFunctionTemplates(std::ostream& stream, GVStdAllocator<char>& characters
     const GVMemoryPoolInspector inspector(pool);
     inspector.visitBlocks(visitInspectedBlock);
     inspector.visitBlocks([](const GVInspectedBlock& block) { visitInspectedBlock(block); });
+    visitBlocksOf(pool);
     stream << GVSmartPointer<GVCopied>() << GVSmartPointer<GVNeverCopied>();
 }
 
@@ -73,7 +81,13 @@ void waitForALoan(Lender& lender, const Time& time, const Deadline& deadline) {
     static_cast<void>(GVSharedTokenLease::waitUntil(lender, deadline));
 }
 
+void useArenas(unsigned char (&few)[8], unsigned char (&many)[16]) {
+    { const GVAllocationArena arena(few); }
+    const GVAllocationArena arena(many);
+}
+
 void waitForLoans(GVSharedPool& pool, GVTokenCache& cache) {
+    visitBlocksOf(pool);
     const GVSharedTokenLease lease;
     static_cast<void>(lease.as<char>());
     static_cast<void>(lease.as<std::string>());

@@ -1,3 +1,4 @@
+#include <gilvane/base/gvallocationbudget.h>
 #include <gilvane/base/gvexception.h>
 #include <gilvane/base/gvobject.h>
 #include <gilvane/base/gvstdallocator.h>
@@ -78,6 +79,7 @@ TEST(ClassTree, everyClassDerivesPubliclyFromTheRoot) {
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVSmartPointer<GVMemoryPool>>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVTokenLease>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVInspectedBlock>);
+    EXPECT_TRUE(isPublicHeirOfTheRoot<GVVisitedBlock>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVMemoryPoolInspector>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVSharedPool>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVSharedPoolStatistics>);
@@ -85,6 +87,8 @@ TEST(ClassTree, everyClassDerivesPubliclyFromTheRoot) {
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVSharedTokenLease>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVObjectLease<unsigned int>>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVPoolResource>);
+    EXPECT_TRUE(isPublicHeirOfTheRoot<GVAllocationBudget>);
+    EXPECT_TRUE(isPublicHeirOfTheRoot<GVAllocationArena>);
 }
 
 TEST(ClassTree, everyClassHasAVirtualDestructorThatDoesNotThrow) {
@@ -104,6 +108,7 @@ TEST(ClassTree, everyClassHasAVirtualDestructorThatDoesNotThrow) {
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVSmartPointer<GVMemoryPool>>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVTokenLease>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVInspectedBlock>);
+    EXPECT_TRUE(std::is_nothrow_destructible_v<GVVisitedBlock>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVMemoryPoolInspector>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVSharedPool>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVSharedPoolStatistics>);
@@ -111,6 +116,8 @@ TEST(ClassTree, everyClassHasAVirtualDestructorThatDoesNotThrow) {
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVSharedTokenLease>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVObjectLease<unsigned int>>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVPoolResource>);
+    EXPECT_TRUE(std::is_nothrow_destructible_v<GVAllocationBudget>);
+    EXPECT_TRUE(std::is_nothrow_destructible_v<GVAllocationArena>);
 }
 
 TEST(ClassTree, noClassAddsAVirtualOperationToTheDestructors) {
@@ -127,12 +134,15 @@ TEST(ClassTree, noClassAddsAVirtualOperationToTheDestructors) {
     EXPECT_EQ(numberOfSlots<GVGenericHashFunction<unsigned int>>(), 2U);
     EXPECT_EQ(numberOfSlots<GVTokenLease>(), 2U);
     EXPECT_EQ(numberOfSlots<GVInspectedBlock>(), 2U);
+    EXPECT_EQ(numberOfSlots<GVVisitedBlock>(), 2U);
     EXPECT_EQ(numberOfSlots<GVMemoryPoolInspector>(), 2U);
     EXPECT_EQ(numberOfSlots<GVSharedPool>(), 2U);
     EXPECT_EQ(numberOfSlots<GVSharedPoolStatistics>(), 2U);
     EXPECT_EQ(numberOfSlots<GVTokenCache>(), 2U);
     EXPECT_EQ(numberOfSlots<GVSharedTokenLease>(), 2U);
     EXPECT_EQ(numberOfSlots<GVObjectLease<unsigned int>>(), 2U);
+    EXPECT_EQ(numberOfSlots<GVAllocationBudget>(), 2U);
+    EXPECT_EQ(numberOfSlots<GVAllocationArena>(), 2U);
 }
 
 TEST(ClassTree, aHandlesOperationsStandInTheirSlots) {
@@ -146,6 +156,8 @@ TEST(ClassTree, classesWithoutDataAreAsLargeAsTheRoot) {
     EXPECT_EQ(sizeof(GVStdAllocator<unsigned int>), sizeof(GVObject));
     EXPECT_EQ(sizeof(GVThreadsFactory), sizeof(GVObject));
     EXPECT_EQ(sizeof(GVMutexHandle), sizeof(GVObject));
+    EXPECT_EQ(sizeof(GVAllocationBudget), sizeof(GVObject));
+    EXPECT_EQ(sizeof(GVAllocationArena), sizeof(GVObject));
 }
 
 TEST(ClassTree, exceptionsAreNoStandardExceptions) {

@@ -467,6 +467,32 @@ TEST(HashTable, aKeyMissedBehindADeletedSlotIsStoredASecondTime) {
     EXPECT_EQ(GVTestPeer::fillCount(table), 3U);
 }
 
+TEST(HashTable, aRemovalTakesOneOfTheTwoEntriesOfAKeyAway) {
+    Table table;
+    table.insert(0, 1);
+    table.insert(8, 2);
+    table.insert(16, 3);
+    table.remove(8);
+    table.insert(16, 4);
+    EXPECT_TRUE(table.remove(16));
+    //  slot                    0 1 2 3 4 5 6  7
+    EXPECT_EQ(slotsOf(table), "0 x . . . . 16 .");
+    EXPECT_FALSE(table.remove(16)) << "it is there, and missed";
+}
+
+TEST(HashTable, aKeyIsFoundAgainOnceTheDeletedSlotIsGone) {
+    Table table;
+    table.insert(0, 1);
+    table.insert(8, 2);
+    table.insert(16, 3);
+    table.remove(8);
+    EXPECT_EQ(table.get(16), nullptr);
+    EXPECT_EQ(table.resize(7), 2);
+    //  slot                    0 1  2 3 4 5 6 7
+    EXPECT_EQ(slotsOf(table), "0 16 . . . . . .");
+    EXPECT_EQ(table.get(16)->theValue, 3);
+}
+
 TEST(HashTableSubscript, storesAMissedKeyASecondTimeToo) {
     Table table;
     table.insert(0, 1);

@@ -370,6 +370,9 @@ TEST(HashTableEquality, missesAKeyBehindADeletedSlot) {
     //  slot                    0 1 2 3 4 5 6  7
     EXPECT_EQ(slotsOf(other), "0 x . . . . 16 .");
     EXPECT_FALSE(one == other);
+    EXPECT_TRUE(other == one) << "each key of the left table is searched in the right one";
+    const Table& itself = other;
+    EXPECT_FALSE(other == itself) << "a table with a missed key differs from itself";
 }
 
 TEST(HashTableEquality, isAskedOfConstantTables) {

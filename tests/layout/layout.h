@@ -12,6 +12,7 @@
 
 #include "gvtestpeer.h"
 
+#include <gilvane/base/gvallocationbudget.h>
 #include <gilvane/threads/gvmutex.h>
 #include <gilvane/threads/gvthreadsfactory.h>
 #include <gilvane/utilities/gvmemorypoolinspector.h>
@@ -51,6 +52,8 @@ struct Target {
     CLASS(GVDeallocatorFunction, GVDeallocatorFunction, 4, 4, 8, 8)                                     \
     CLASS(GVStdAllocator, GVStdAllocator<unsigned int>, 4, 4, 8, 8)                                     \
     CLASS(GVStdAllocator<void>, GVStdAllocator<void>, 4, 4, 8, 8)                                       \
+    CLASS(GVAllocationBudget, GVAllocationBudget, 4, 4, 8, 8)                                           \
+    CLASS(GVAllocationArena, GVAllocationArena, 4, 4, 8, 8)                                             \
     CLASS(GVExceptionMessage, GVExceptionMessage, 60, 4, 88 - 2 * Target::text, 8)                      \
     FIELD(GVExceptionMessage, theMessage, 4, 8)                                                         \
     FIELD(GVExceptionMessage, theFile, 32, 48 - Target::text)                                           \
@@ -111,6 +114,8 @@ struct Target {
     FIELD(GVInspectedBlock, isFree, 16, 28)                                                             \
     FIELD(GVInspectedBlock, theSlot, 20, 32)                                                            \
     FIELD(GVInspectedBlock, theProbeCount, 24, 36)                                                      \
+    CLASS(GVVisitedBlock, GVVisitedBlock, 32, 4, 48, 8)                                                 \
+    FIELD(GVVisitedBlock, isNeverLent, 28, 40)                                                          \
     CLASS(GVMemoryPoolInspector, GVMemoryPoolInspector, 140, 4, 280, 8)                                 \
     FIELD(GVMemoryPoolInspector, thePool, 4, 8)                                                         \
     FIELD(GVMemoryPoolInspector, theBlocks, 8, 16)                                                      \

@@ -55,10 +55,21 @@ TEST_F(PoolInspectorLocking, readsNothingBeforeItHoldsTheLock) {
     EXPECT_EQ(inspector.getBytesInEachObject(), 32U);
 }
 
+TEST_F(PoolInspectorLocking, holdsTheLockForAWholeVisit) {
+    const GVMemoryPool pool(2, 16, true);
+    ThreadsLog::entries().clear();
+    Log whileVisiting;
+    GVMemoryPoolInspector::visitBlocks(
+        pool, [&](const GVVisitedBlock&) { whileVisiting.push_back(ThreadsLog::entries().back()); });
+    EXPECT_EQ(whileVisiting, (Log{"lock 1", "lock 1"}));
+    EXPECT_EQ(ThreadsLog::entries(), (Log{"lock 1", "unlock 1"}));
+}
+
 TEST_F(PoolInspectorLocking, neverLocksWhereThePoolDoesNot) {
     const GVMemoryPool pool(2, 16, false);
     ThreadsLog::entries().clear();
     const GVMemoryPoolInspector inspector(pool);
+    GVMemoryPoolInspector::visitBlocks(pool, [](const GVVisitedBlock&) {});
     EXPECT_EQ(ThreadsLog::entries(), Log{});
 }
 
