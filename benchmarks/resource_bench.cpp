@@ -8,11 +8,14 @@
 
 #include <boost/pool/pool_alloc.hpp>
 
+#include <cstddef>
 #include <list>
 #include <map>
 #include <memory>
 #include <memory_resource>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -70,7 +73,7 @@ class OverSharedPool {
 
 class OverCache {
   public:
-    static constexpr const char* name = "gilvane with a cache";
+    static constexpr const char* name = "gilvane";
     template <typename T>
     using Allocator = std::pmr::polymorphic_allocator<T>;
     template <typename T>
@@ -82,6 +85,50 @@ class OverCache {
     Gilvane::GVSharedPool thePool{2 * nodes, blockBytes};
     Gilvane::GVTokenCache theCache{thePool};
     Gilvane::GVPoolResource theResource{theCache};
+};
+
+// What std::pmr asks of any resource and nothing else: a call that the compiler cannot see through for each request, here
+// to a list of blocks that never runs dry.
+class BareResource : public std::pmr::memory_resource {
+  public:
+    BareResource() {
+        for (Block& block : theBlocks) {
+            BareResource::do_deallocate(&block, blockBytes, alignof(std::max_align_t));
+        }
+    }
+
+  protected:
+    void* do_allocate(std::size_t /*bytes*/, std::size_t /*alignment*/) override {
+        return std::exchange(theFirst, theFirst->theNext);
+    }
+    void do_deallocate(void* bytes, std::size_t /*numberOfBytes*/, std::size_t /*alignment*/) override {
+        Block* const block = ::new (bytes) Block;
+        block->theNext = theFirst;
+        theFirst = block;
+    }
+    bool do_is_equal(const std::pmr::memory_resource& other) const noexcept override { return this == &other; }
+
+  private:
+    struct Block {
+        Block* theNext;
+        std::byte theRest[blockBytes - sizeof(Block*)];
+    };
+    std::vector<Block> theBlocks = std::vector<Block>(2 * nodes);
+    Block* theFirst = nullptr;
+};
+
+class DesignAlone {
+  public:
+    static constexpr const char* name = "the design alone";
+    template <typename T>
+    using Allocator = std::pmr::polymorphic_allocator<T>;
+    template <typename T>
+    Allocator<T> allocator() {
+        return &theResource;
+    }
+
+  private:
+    BareResource theResource;
 };
 
 // @tparam Mutex  std::mutex, or boost::details::pool::null_mutex
@@ -160,13 +207,16 @@ void registerContainers(const std::string& prefix) {
 
 void registerResources() {
     registerContainers<OverPool>("");
+    registerContainers<DesignAlone>("");
     registerContainers<Standard<std::pmr::unsynchronized_pool_resource>>("");
     registerContainers<BoostFast<Unlocked>>("");
     registerContainers<StandardAllocator>("");
 
     registerContainers<OverSharedPool>("shared_");
-    registerContainers<OverCache>("shared_");
-    registerContainers<Standard<std::pmr::synchronized_pool_resource>>("shared_");
-    registerContainers<BoostFast<std::mutex>>("shared_");
-    registerContainers<StandardAllocator>("shared_");
+    registerContainers<OverCache>("cached_");
+    for (const std::string prefix : {"shared_", "cached_"}) {
+        registerContainers<Standard<std::pmr::synchronized_pool_resource>>(prefix);
+        registerContainers<BoostFast<std::mutex>>(prefix);
+        registerContainers<StandardAllocator>(prefix);
+    }
 }
