@@ -442,6 +442,9 @@ class Collector:
     def onLambdaExpr(self, node, role, isRvalue):
         closure, *_, body = node.children
         call = next(child for child in closure.children if child and child.tree.get("name") == "operator()")
+        if call.kind == "FunctionTemplateDecl":  # the lambda's own body has no types; an instance's has
+            call = call.children[-1]
+            body = call.children[-1]
         self.block(body, None, call.tree["type"]["qualType"].startswith("void "))
 
 
