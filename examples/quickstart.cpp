@@ -7,8 +7,8 @@
 using Gilvane::GVMemoryPool;
 
 int main() {
-    // Two blocks of 64 bytes. `true` gives the pool a lock, so that several threads may share it.
-    auto pool = GVMemoryPool::initWithNumberOfObjectsAndSize(2, 64, true);
+    // Two blocks of 64 bytes. `false`: no lock, for one thread at a time. Threads share a GVSharedPool.
+    auto pool = GVMemoryPool::initWithNumberOfObjectsAndSize(2, 64, false);
 
     // Borrow a block: what you hold is its token, a number.
     const unsigned int token = pool->getTokenForFreeMemoryObject();

@@ -1,6 +1,7 @@
 // Sends objects in blocks through a queue of another library: a token goes in, and is a lease again at the other end.
 #include <gilvane/utilities/gvobjectlease.h>
 #include <gilvane/utilities/gvsharedpool.h>
+#include <gilvane/utilities/gvsharedtokenlease.h>
 #include <gilvane/utilities/gvtokencache.h>
 
 #include <blockingconcurrentqueue.h>
@@ -16,13 +17,15 @@
 
 using Gilvane::GVObjectLease;
 using Gilvane::GVSharedPool;
+using Gilvane::GVSharedTokenLease;
 using Gilvane::GVTokenCache;
 
 namespace {
 
 constexpr unsigned int numberOfBlocks = 16;
+constexpr unsigned int numberOfProducers = 2;
 constexpr unsigned int numberOfConsumers = 3;
-constexpr unsigned int numberOfMessages = 10000;
+constexpr unsigned int numberOfMessages = 5000; // of each producer
 
 std::atomic<int> messagesAlive = 0;
 
@@ -58,29 +61,28 @@ void send(TokenQueue& queue, GVSharedPool& pool, GVObjectLease<Message> message)
 } // namespace
 
 int main() {
+    // [pool]
     GVSharedPool pool(numberOfBlocks, sizeof(Message));
     TokenQueue queue;
+    // [pool]
     std::atomic<unsigned long> sum = 0;
 
-    std::thread producer([&] {
-        // [producer]
-        GVTokenCache cache(pool, 4);
-        for (unsigned int number = 1; number <= numberOfMessages; ++number) {
-            // Waits while all blocks are on their way, and constructs the message in the block that comes.
-            auto message = GVObjectLease<Message>::wait(cache, number, "message " + std::to_string(number));
-            if (!message) {
-                break; // the pool was closed
+    std::vector<std::thread> producers;
+    for (unsigned int producer = 0; producer < numberOfProducers; ++producer) {
+        producers.emplace_back([&] {
+            // [producer]
+            GVTokenCache cache(pool, 4);
+            for (unsigned int number = 1; number <= numberOfMessages; ++number) {
+                // Waits while all blocks are on their way, and constructs the message in the block that comes.
+                auto message = GVObjectLease<Message>::wait(cache, number, "message " + std::to_string(number));
+                if (!message) {
+                    break; // the pool was closed
+                }
+                send(queue, pool, std::move(message));
             }
-            send(queue, pool, std::move(message));
-        }
-        // From this thread, too: this queue keeps the order of what one thread pushes, and of no more.
-        for (unsigned int consumer = 0; consumer < numberOfConsumers; ++consumer) {
-            if (!queue.enqueue(std::nullopt)) {
-                throw std::bad_alloc();
-            }
-        }
-        // [producer]
-    }); // the cache gives back what it holds
+            // [producer]
+        }); // the cache gives back what it holds
+    }
 
     std::vector<std::thread> consumers;
     for (unsigned int consumer = 0; consumer < numberOfConsumers; ++consumer) {
@@ -100,7 +102,23 @@ int main() {
         });
     }
 
-    producer.join();
+    for (std::thread& producer : producers) {
+        producer.join();
+    }
+    // [end]
+    {
+        // When this thread has all blocks, no message is on its way any more, and no mark can overtake one.
+        std::vector<GVSharedTokenLease> allBlocks;
+        while (allBlocks.size() < numberOfBlocks) {
+            allBlocks.push_back(GVSharedTokenLease::wait(pool));
+        }
+        for (unsigned int consumer = 0; consumer < numberOfConsumers; ++consumer) {
+            if (!queue.enqueue(std::nullopt)) {
+                throw std::bad_alloc();
+            }
+        }
+    }
+    // [end]
     for (std::thread& consumer : consumers) {
         consumer.join();
     }

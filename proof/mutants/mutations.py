@@ -639,6 +639,8 @@ class Catalogue:
 
         text = self.inner(source, site)
         if site.values:
+            if any(other == "true" for _, other in site.values):
+                text = f"static_cast<bool>({text})"  # a condition may be an object that converts
             text = "(" + "".join(f"{on(mutant)} ? ({other}) : " for mutant, other in site.values) + f"({text}))"
         for mutant, other in site.instead:
             text = f"if ({on(mutant)}) {{ {other} }} else {{ {text} }}"
