@@ -74,16 +74,19 @@ class [[nodiscard]] GVSharedTokenLease : public GVObject {
     /// A lease that waits for its block as GVSharedPool::borrow; empty when the pool is closed.
     template <typename Lender>
     static GVSharedTokenLease wait(Lender& lender) {
+        static_assert(IsOneThatWaits<Lender>::value);
         return of(poolOf(lender), lender.borrow());
     }
     /// A lease that waits for its block as GVSharedPool::borrowFor; empty when nothing came.
     template <typename Lender, typename Representation, typename Period>
     static GVSharedTokenLease waitFor(Lender& lender, const std::chrono::duration<Representation, Period>& time) {
+        static_assert(IsOneThatWaits<Lender>::value);
         return of(poolOf(lender), lender.borrowFor(time));
     }
     /// A lease that waits for its block as GVSharedPool::borrowUntil; empty when nothing came.
     template <typename Lender, typename Clock, typename Duration>
     static GVSharedTokenLease waitUntil(Lender& lender, const std::chrono::time_point<Clock, Duration>& deadline) {
+        static_assert(IsOneThatWaits<Lender>::value);
         return of(poolOf(lender), lender.borrowUntil(deadline));
     }
 
@@ -157,6 +160,12 @@ class [[nodiscard]] GVSharedTokenLease : public GVObject {
         lease.hold(pool, token);
         return lease;
     }
+    // Said in one plain sentence, before the compiler misses the operations.
+    template <typename Lender>
+    struct IsOneThatWaits : std::true_type {
+        static_assert(std::is_base_of_v<GVSharedPool, Lender> || std::is_base_of_v<GVTokenCache, Lender>,
+                      "Only a GVSharedPool and a GVTokenCache wait for a block");
+    };
     static GVSharedPool& poolOf(GVSharedPool& pool) noexcept { return pool; }
     static GVSharedPool& poolOf(GVTokenCache& cache) noexcept { return cache.getPool(); }
     void hold(GVSharedPool& pool, std::optional<unsigned int> token) noexcept;
