@@ -3,6 +3,8 @@
 #ifndef GILVANE_BASE_GVCOMPILER_H
 #define GILVANE_BASE_GVCOMPILER_H
 
+#include <gilvane/base/gvversion.h>
+
 /// Marks a class, function or variable that a shared library and the programs that link it must have in common: type
 /// information that a handler matches, virtual tables, the token counter, the allocation hooks. It matters where the
 /// library is compiled with `-fvisibility=hidden`, and does nothing elsewhere.

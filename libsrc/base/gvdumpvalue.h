@@ -3,6 +3,8 @@
 #ifndef GILVANE_BASE_GVDUMPVALUE_H
 #define GILVANE_BASE_GVDUMPVALUE_H
 
+#include <gilvane/base/gvversion.h>
+
 #include <ostream>
 #include <type_traits>
 

@@ -1,7 +1,9 @@
 /// @file
-/// Containers of the standard library in a pool's blocks. Empty where the standard library has no <memory_resource>.
+/// Containers of the standard library in a pool's blocks. Empty where the standard library has no header memory_resource.
 #ifndef GILVANE_UTILITIES_GVPOOLRESOURCE_H
 #define GILVANE_UTILITIES_GVPOOLRESOURCE_H
+
+#include <gilvane/base/gvversion.h>
 
 #if __has_include(<memory_resource>)
 

@@ -24,7 +24,9 @@ def library():
 
 
 def version():
-    return re.search(r"^project\(Gilvane VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text(), re.MULTILINE)[1]
+    header = (ROOT / "libsrc/base/gvversion.h").read_text()
+    return ".".join(re.search(rf"^#define GILVANE_VERSION_{number} (\d+)$", header, re.MULTILINE)[1]
+                    for number in ("MAJOR", "MINOR", "PATCH"))
 
 
 def stamped(text, ofLibrary=None):
