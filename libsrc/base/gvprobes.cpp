@@ -5,6 +5,9 @@
 
 #include <sys/sdt.h>
 
+// clang++ takes what the header's macros leave out of ISO C++ for their user's own.
+#pragma GCC diagnostic ignored "-Wpedantic"
+
 namespace Gilvane::detail {
 
 void probeGrow(const void* pool, unsigned int blocks, unsigned int newBlocks) noexcept {
