@@ -2,6 +2,7 @@
 
 #include <gilvane/base/gvdumpvalue.h>
 #include <gilvane/base/gvexception.h>
+#include <gilvane/base/gvprobes.h>
 #include <gilvane/base/gvrawblock.h>
 #include <gilvane/threads/gvthreadsfactory.h>
 
@@ -310,6 +311,7 @@ GVMutexHandle* GVMemoryPool::createHandleIf(bool useMutex) {
 }
 
 void GVMemoryPool::buildObjects(unsigned int numberOfObjects) {
+    GILVANE_PROBE(if (numberOfObjects != 0) detail::probeGrow(this, memoryPool.getUsedCount(), numberOfObjects));
     for (unsigned int built = 0; built < numberOfObjects; ++built) {
         buildObject();
     }
@@ -343,6 +345,7 @@ void GVMemoryPool::deleteObjects() {
 void GVMemoryPool::removeObjects(unsigned int numberOfObjects) {
     // The lists, which need memory, come first: a failure there leaves the pool unchanged.
     TokenRemoval removal(memoryPool, availableTokens, numberOfObjects);
+    GILVANE_PROBE(detail::probeShrink(this, memoryPool.getUsedCount(), numberOfObjects));
     // Deliberate: lent blocks are removed, and a hidden token is stored again (docs/deliberate.md, Shrinking).
     // Watched by PoolShrinking.removesTheHighestTokensEvenIfLent and
     // PoolShrinking.keepsABlockWhoseTokenIsMissedPastADeletedSlot.

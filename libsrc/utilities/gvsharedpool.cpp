@@ -1,6 +1,7 @@
 #include <gilvane/utilities/gvsharedpool.h>
 
 #include <gilvane/base/gvexception.h>
+#include <gilvane/base/gvprobes.h>
 #include <gilvane/base/gvrawblock.h>
 #include <gilvane/base/gvstdallocator.h>
 
@@ -91,6 +92,8 @@ std::optional<unsigned int> GVSharedPoolAccess::waitForBlock(const GVPatience& p
         GVSharedPoolAccess& theAccess;
         GVSharedPoolWaiter theWaiter;
     };
+    GILVANE_PROBE(probeDry(&thePool, 1, 0));
+    GILVANE_PROBE(GVProbedWait probed(&thePool, thePool.theWaitCount + 1));
     Wait wait(*this);
     // The clock is asked without the lock. So after each time all else is looked at once more.
     const bool isTimed = patience.theTimeLeft != nullptr;
@@ -98,9 +101,11 @@ std::optional<unsigned int> GVSharedPoolAccess::waitForBlock(const GVPatience& p
     std::chrono::nanoseconds timeLeft = noLimit;
     for (;;) {
         if (wait.theWaiter.theToken.has_value()) {
+            GILVANE_PROBE(probed.end(gvwaitlent));
             return std::exchange(wait.theWaiter.theToken, std::nullopt);
         }
         if (!freeTokens().empty() || thePool.theClosedFlag) {
+            GILVANE_PROBE(probed.end(thePool.theClosedFlag ? gvwaitclosed : gvwaitlent));
             return lend();
         }
         tellWatchers(); // nobody is to be served: nothing is free
@@ -109,6 +114,7 @@ std::optional<unsigned int> GVSharedPoolAccess::waitForBlock(const GVPatience& p
             isTimeKnown = true;
         } else if (timeLeft <= std::chrono::nanoseconds::zero()) {
             ++thePool.theTimeoutCount;
+            GILVANE_PROBE(probed.end(gvwaittimeout));
             return {};
         } else {
             sleep(wait.theWaiter, timeLeft);
@@ -122,6 +128,7 @@ unsigned int GVSharedPoolAccess::lendMany(unsigned int* tokens, unsigned int cou
         return 0;
     }
     const unsigned int lent = (std::min)(count, numberOfFreeTokens(thePool));
+    GILVANE_PROBE(if (lent < count) probeDry(&thePool, count, lent));
     std::generate_n(tokens, lent, [this] { return takeFreeToken(); });
     return lent;
 }
@@ -132,11 +139,13 @@ unsigned int GVSharedPoolAccess::fillCache(unsigned int* tokens, unsigned int co
     std::copy(first, freeTokens().end(), tokens);
     freeTokens().erase(first, freeTokens().end());
     noteHighestLentCount();
+    GILVANE_PROBE(if (moved != 0) probeRefill(&thePool, moved, numberOfFreeTokens(thePool)));
     return moved;
 }
 
 void GVSharedPoolAccess::emptyCache(const unsigned int* tokens, unsigned int count) noexcept {
     freeTokens().insert(freeTokens().end(), tokens, tokens + count); // there is room for every token
+    GILVANE_PROBE(if (count != 0) probeSpill(&thePool, count, numberOfFreeTokens(thePool)));
 }
 
 void GVSharedPoolAccess::join(GVRegisteredCache& cache) noexcept {
@@ -380,6 +389,7 @@ void GVSharedPool::refuse(unsigned int token) const {
 
 void GVSharedPool::close() noexcept {
     const detail::GVSharedPoolAccess access(*this); // tells the waiters, at its end
+    GILVANE_PROBE(if (!theClosedFlag) detail::probeClosed(this, thePool.numberOfObjectsInPoolInUse()));
     theClosedFlag = true;
     isWatched = true;
 }

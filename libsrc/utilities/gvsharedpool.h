@@ -7,6 +7,7 @@
 #include <gilvane/base/gvcompiler.h>
 #include <gilvane/base/gvhardened.h>
 #include <gilvane/base/gvobject.h>
+#include <gilvane/base/gvprobes.h>
 #include <gilvane/threads/gvwaiting.h>
 #include <gilvane/utilities/gvmemorypool.h>
 
@@ -455,6 +456,7 @@ class GILVANE_EXPORT GVSharedPoolAccess {
 
 inline std::optional<unsigned int> GVSharedPoolAccess::lend() noexcept {
     if (expectFalse(freeTokens().empty() || thePool.theClosedFlag)) {
+        GILVANE_PROBE(if (!thePool.theClosedFlag) probeDry(&thePool, 1, 0));
         return {};
     }
     return takeFreeToken();

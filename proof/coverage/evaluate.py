@@ -102,6 +102,13 @@ class Source:
         self.isExcused = True
         return None
 
+    def excuseEmpty(self):
+        """Applies an exclusion of a file that the preprocessor leaves nothing of; returns as excuseAll does."""
+        if self.regions:
+            return "not needed: code of its file is compiled"
+        self.isExcused = True
+        return None
+
     def excuseGuarded(self, constant):
         """Applies an exclusion of what `if constexpr` leaves out for this constant; returns as excuseAll does."""
         guard = re.compile(rf"if constexpr \((detail::)?{constant}\) \{{$")
@@ -185,7 +192,7 @@ def readExclusions(path):
                 entries.append({"source": text})
                 continue
             key, _, value = text.partition(":")
-            if entries and key in ("line", "never", "constant", "leaves out", "reason"):
+            if entries and key in ("line", "never", "constant", "macro", "leaves out", "reason"):
                 entries[-1][key] = value.strip()
             elif not entries or "reason" not in entries[-1]:
                 sys.exit(f"{path}:{number}: not understood: {text}")
@@ -200,6 +207,8 @@ def readExclusions(path):
                                       outcome=outcome == "true")
         elif kind == {"constant", "leaves out"} and entry["leaves out"] == "the file":
             apply = Source.excuseAll
+        elif kind == {"macro", "leaves out"} and entry["leaves out"] == "the file":
+            apply = Source.excuseEmpty
         elif kind == {"constant", "leaves out"} and entry["leaves out"] == "what it guards":
             apply = functools.partial(Source.excuseGuarded, constant=re.escape(entry["constant"]))
         else:

@@ -71,6 +71,7 @@ def findPlanted(proof, sound):
         proof.fail(f"the gate is shut where nothing is planted: {said}")
     entries = {"not needed: its outcome is taken": "line:   if (flag) {\n    never:  flag is true",
                "not needed: code of its file is run": "constant:   isHardened\n    leaves out: the file",
+               "not needed: code of its file is compiled": "macro:      isHardened\n    leaves out: the file",
                "not needed: its constant leaves nothing out": "constant:   isHardened\n    leaves out: what it guards"}
     for number, (_, fault) in enumerate(proof.faults()):
         tree = proof.plant([fault], f"coverage-{number}")

@@ -10,7 +10,7 @@ needs waits behind no switch: the constants in NEEDED_BY_THE_COMPILER, the value
 constexpr` and of `#if`, and what handwritten.py lists of that kind. Each such mutant is compiled alone.
 
 Left out are: declarations and their order; `if constexpr (isHardened)`, whose branches are broken by themselves; the
-code of a macro; the conditions in gvcompiler.h, which mark functions for ThreadSanitizer and are watched by the part
+code of a macro, and the empty statement that a probe leaves; the conditions in gvcompiler.h, which mark functions for ThreadSanitizer and are watched by the part
 threads; the order of an access to an atomic, where it is the weakest. Two assignments of plain values that do not read
 each other's are not swapped, since that changes nothing.
 
@@ -171,7 +171,9 @@ class Collector:
                 self.block(child, None, isVoid)
 
     def block(self, node, parent, isVoid):
-        statements = [child for child in node.children if child is not None and not child.isOfMacro]
+        # A probe leaves an empty statement.
+        statements = [child for child in node.children
+                      if child is not None and not child.isOfMacro and child.kind != "NullStmt"]
         for position, statement in enumerate(statements):
             self.statement(statement, isVoid)
             core = stripped(statement)
