@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <new>
@@ -94,7 +95,9 @@ int __wrap_pthread_mutexattr_setprotocol(pthread_mutexattr_t* attributes, int pr
 
 int __wrap_pthread_mutexattr_destroy(pthread_mutexattr_t* attributes) {
     ++Gilvane::theAttributesDestroyCount;
-    return __real_pthread_mutexattr_destroy(attributes);
+    const int error = __real_pthread_mutexattr_destroy(attributes);
+    std::memset(attributes, 0xff, sizeof *attributes); // who uses them now finds another protocol
+    return error;
 }
 // NOLINTEND(bugprone-reserved-identifier)
 }

@@ -131,6 +131,28 @@ class Sleepers {
     std::vector<std::thread> theThreads;
 };
 
+// In the order in which they are called.
+constexpr std::atomic<int>* callsThatMakeAnInheritingMutex[] = {&theAttributesInitError, &theSetProtocolError,
+                                                                &theMutexInitError};
+
+// What a pool's construction throws when one of those calls ends with an error, and that nothing is left behind.
+void expectRefusal(std::atomic<int>& call, int error, gvexceptiontype kind, const std::string& message) {
+    SCOPED_TRACE(error);
+    const HookLedger ledger;
+    theAttributesInitCount = 0;
+    theAttributesDestroyCount = 0;
+    theMutexInitCount = 0;
+    theMutexDestroyCount = 0;
+    const PosixRefusal refusal(call, error);
+    expectGVException([] { const GVSharedPool pool(1, 16, gvpriorityinheritance); }, kind, "libsrc/threads/gvwaiting",
+                      message);
+    EXPECT_EQ(theAttributesInitCount, &call == &theAttributesInitError ? 0 : 1);
+    EXPECT_EQ(theAttributesDestroyCount, theAttributesInitCount);
+    EXPECT_EQ(theMutexInitCount, &call == &theMutexInitError ? 1 : 0) << "nothing is asked for after an error";
+    EXPECT_EQ(theMutexDestroyCount, 0);
+    EXPECT_EQ(ledger.liveBlocks().size(), 0U);
+}
+
 void expectAbout(nanoseconds time, nanoseconds expected) {
     EXPECT_LE(time, expected);
     EXPECT_GT(time, expected - seconds(100));
@@ -224,36 +246,17 @@ TEST(MutexProtocols, thatThereAreNotAreRefusedAndLeaveNothingOfAPoolBehind) {
 }
 
 TEST(MutexProtocols, thatTheSystemRefusesAreRefusedWhereverItDoes) {
-    for (std::atomic<int>* const call : {&theSetProtocolError, &theMutexInitError}) {
-        theAttributesInitCount = 0;
-        theAttributesDestroyCount = 0;
-        theMutexInitCount = 0;
-        theMutexDestroyCount = 0;
-        const HookLedger ledger;
-        const PosixRefusal refusal(*call, ENOTSUP);
-        expectGVException([] { const GVSharedPool pool(1, 16, gvpriorityinheritance); }, gvinvalidstate,
-                          "libsrc/threads/gvwaiting", "The system has no mutex with priority inheritance.");
-        EXPECT_EQ(theMutexInitCount, call == &theMutexInitError ? 1 : 0);
-        EXPECT_EQ(theMutexDestroyCount, 0);
-        EXPECT_EQ(theAttributesInitCount, 1);
-        EXPECT_EQ(theAttributesDestroyCount, 1);
-        EXPECT_EQ(ledger.liveBlocks().size(), 0U);
+    for (std::atomic<int>* const call : callsThatMakeAnInheritingMutex) {
+        expectRefusal(*call, ENOTSUP, gvinvalidstate, "The system has no mutex with priority inheritance.");
     }
 }
 
 TEST(MutexProtocols, areOutOfMemoryWhereTheSystemHasNoneForThem) {
-    for (std::atomic<int>* const call : {&theAttributesInitError, &theSetProtocolError, &theMutexInitError}) {
-        theAttributesInitCount = 0;
-        theAttributesDestroyCount = 0;
-        theMutexInitCount = 0;
-        const HookLedger ledger;
-        const PosixRefusal refusal(*call, ENOMEM);
-        expectGVException([] { const GVSharedPool pool(1, 16, gvpriorityinheritance); }, gvoutofmemory,
-                          "libsrc/threads/gvwaiting", "Unable to create the lock of a shared pool.");
-        EXPECT_EQ(theMutexInitCount, call == &theMutexInitError ? 1 : 0);
-        EXPECT_EQ(theAttributesInitCount, call == &theAttributesInitError ? 0 : 1);
-        EXPECT_EQ(theAttributesDestroyCount, theAttributesInitCount);
-        EXPECT_EQ(ledger.liveBlocks().size(), 0U);
+    static_assert(ENOMEM < ENOTSUP && ENOTSUP < ENOBUFS);
+    for (std::atomic<int>* const call : callsThatMakeAnInheritingMutex) {
+        for (const int error : {ENOMEM, ENOBUFS}) {
+            expectRefusal(*call, error, gvoutofmemory, "Unable to create the lock of a shared pool.");
+        }
     }
 }
 
