@@ -1,5 +1,6 @@
 #include <gilvane/threads/gvwaiting.h>
 
+#include <cerrno>
 #include <ctime>
 #include <limits>
 
@@ -11,6 +12,23 @@ namespace Gilvane::detail {
 
 namespace {
 
+constexpr const char* theSourceFile = "libsrc/threads/gvwaiting";
+
+// The number of the error, or 0, as POSIX has it.
+int makeInheritingMutex(pthread_mutex_t& mutex) noexcept {
+    pthread_mutexattr_t attributes;
+    int error = pthread_mutexattr_init(&attributes);
+    if (error != 0) {
+        return error;
+    }
+    error = pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT);
+    if (error == 0) {
+        error = pthread_mutex_init(&mutex, &attributes);
+    }
+    pthread_mutexattr_destroy(&attributes);
+    return error;
+}
+
 // The system call whose time has the size of this program's timespec: there are two where a long has 32 bits.
 #if defined(SYS_futex_time64)
 constexpr long theFutexCall = sizeof(timespec::tv_sec) > sizeof(long) ? SYS_futex_time64 : SYS_futex;
@@ -19,6 +37,20 @@ constexpr long theFutexCall = SYS_futex;
 #endif
 
 } // namespace
+
+GVPlainLock::GVPlainLock(GVMutexProtocol protocol) {
+    if (protocol > gvpriorityinheritance) {
+        throw GVException("Unknown protocol of a mutex.", theSourceFile, __LINE__, gvinvalidstate, 0);
+    }
+    const int error = protocol == gvnoprotocol ? pthread_mutex_init(&theMutex, nullptr) : makeInheritingMutex(theMutex);
+    if (error == ENOTSUP) {
+        throw GVException("The system has no mutex with priority inheritance.", theSourceFile, __LINE__, gvinvalidstate,
+                          0);
+    }
+    if (error != 0) {
+        throw GVException("Unable to create the lock of a shared pool.", theSourceFile, __LINE__, gvoutofmemory, 0);
+    }
+}
 
 // Results are ignored. Where nobody sleeps there is nothing to do.
 void GVEventCount::wake(Marks marks) noexcept {

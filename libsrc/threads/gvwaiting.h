@@ -16,6 +16,12 @@ namespace Gilvane {
 
 struct GVTestPeer;
 
+/// What a lock does about priorities while a thread holds it.
+enum GVMutexProtocol : unsigned int {
+    gvnoprotocol = 0, ///< nothing: a thread that is ready to run keeps the holder, and all who wait, from running
+    gvpriorityinheritance = 1, ///< the holder runs with the highest priority of those who wait for the lock
+};
+
 namespace detail {
 
 /// A number that threads read and write without a lock. It has 32 bits on every target, so that access needs no lock of
@@ -30,17 +36,14 @@ struct GVCacheLinePadding {
     unsigned char theBytes[cacheLineBytes]; ///< never used
 };
 
-/// One POSIX mutex of the default type. Correct use cannot fail, so results are ignored but for that of its making.
+/// One POSIX mutex of the default type. Correct use cannot fail, so results are ignored but for that of its making. The
+/// mutex itself knows its protocol: locking asks for none.
 class GVPlainLock {
   public:
-    /// @throws GVException     kind gvoutofmemory: the POSIX mutex cannot be made
+    /// @throws GVException     kind gvinvalidstate: no such protocol, or the system refuses it; kind gvoutofmemory: the
+    ///                         POSIX mutex cannot be made. Nothing is left behind
     /// @throws std::bad_alloc  no memory for the exception's own texts
-    GVPlainLock() {
-        if (pthread_mutex_init(&theMutex, nullptr) != 0) {
-            throw GVException("Unable to create the lock of a shared pool.", "libsrc/threads/gvwaiting", __LINE__,
-                              gvoutofmemory, 0);
-        }
-    }
+    explicit GVPlainLock(GVMutexProtocol protocol = gvnoprotocol);
     GVPlainLock(const GVPlainLock&) = delete;
     GVPlainLock& operator=(const GVPlainLock&) = delete;
     ~GVPlainLock() { pthread_mutex_destroy(&theMutex); }

@@ -326,8 +326,8 @@ std::ostream& operator<<(std::ostream& stream, const GVSharedPoolStatistics& sta
 
 // What blocks need beside their own memory is made before the first block. The directory comes last, since the tokens
 // decide its size; when it is refused, the members give everything back.
-GVSharedPool::GVSharedPool(unsigned int numberOfObjects, unsigned int bytesPerObject)
-    : theAttention(0), theNumberOfObjects(numberOfObjects), theBytesInEachObject(bytesPerObject),
+GVSharedPool::GVSharedPool(unsigned int numberOfObjects, unsigned int bytesPerObject, GVMutexProtocol protocol)
+    : theAttention(0), theNumberOfObjects(numberOfObjects), theBytesInEachObject(bytesPerObject), theLock(protocol),
       thePool(0, bytesPerObject, false) {
     if (numberOfObjects == 0) {
         throw GVException("A shared pool needs at least one block.", theSourceFile, __LINE__, gvinvalidstate, 0);

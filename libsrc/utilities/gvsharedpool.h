@@ -188,14 +188,18 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVSharedPool : public GVObject {
     /// A pool with all its blocks built, and free.
     /// @param numberOfObjects  blocks
     /// @param bytesPerObject   bytes in each; with 0 the blocks have none, and their addresses are null
-    /// @throws GVException     kind gvinvalidstate: no blocks are asked for; kind gvoutofmemory: no memory for a block
-    ///                         or for the table, or no POSIX mutex. Everything is given back
+    /// @param protocol         of the pool's lock. gvpriorityinheritance is for threads of different real-time
+    ///                         priorities: one that holds the lock then has that of the highest that waits for it. It
+    ///                         says nothing about waits for a block, which has no owner who could run
+    /// @throws GVException     kind gvinvalidstate: no blocks are asked for, there is no such protocol, or the system
+    ///                         refuses it; kind gvoutofmemory: no memory for a block or for the table, or no POSIX
+    ///                         mutex. Everything is given back
     /// @throws std::bad_alloc  no memory for a block's bytes, for a list or for the exception's own texts; the block
     ///                         size wraps with its header word; a table needs more bytes than the hooks' 32 bits can
     ///                         say. Everything is given back
     /// @par Complexity  linear in the blocks, and in the gaps between their tokens
     /// @par Threads     one thread of the process at a time builds the blocks of a shared pool
-    GVSharedPool(unsigned int numberOfObjects, unsigned int bytesPerObject);
+    GVSharedPool(unsigned int numberOfObjects, unsigned int bytesPerObject, GVMutexProtocol protocol = gvnoprotocol);
 
     /// Not copied: blocks belong to one pool.
     GVSharedPool(const GVSharedPool&) = delete;

@@ -67,6 +67,7 @@ struct Target {
     CLASS(GVMutex, GVMutex, 4, 4, 8, 8)                                                                 \
     CLASS(GVThreadsFactory, GVThreadsFactory, 4, 4, 8, 8)                                               \
     CLASS(_gvmutex, _gvmutex, 4, 4, 4, 4)                                                               \
+    CLASS(GVMutexProtocol, GVMutexProtocol, 4, 4, 4, 4)                                                 \
     CLASS(GVHashTableEntry, TokenTable::Entry, 20, 4, 32, 8)                                            \
     FIELD(TokenTable::Entry, theKey, 4, 8)                                                              \
     FIELD(TokenTable::Entry, theValue, 8, 16)                                                           \

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <new>
@@ -21,12 +22,16 @@
 
 namespace Gilvane {
 
-std::atomic<bool> theMutexInitFails{false};
+std::atomic<int> theMutexInitError{0};
+std::atomic<int> theAttributesInitError{0};
+std::atomic<int> theSetProtocolError{0};
+std::atomic<int> theMutexInitCount{0};
 std::atomic<int> theMutexDestroyCount{0};
+std::atomic<int> theAttributesInitCount{0};
+std::atomic<int> theAttributesDestroyCount{0};
+std::atomic<int> theLastProtocol{-1};
 
 namespace {
-
-std::atomic<int> theMutexInitCount{0};
 
 GVMutexHandle* createByFactory(_gvmutex kind, bool flag) { return GVThreadsFactory().CreateUnnamedHandle(kind, flag); }
 
@@ -44,22 +49,55 @@ constexpr const char* sourceFile = "libsrc/threads/gvthreadsfactory";
 
 } // namespace Gilvane
 
-// The linker sends the library's calls of pthread_mutex_init and pthread_mutex_destroy here.
+// The linker sends the library's calls here.
 extern "C" {
 // NOLINTBEGIN(bugprone-reserved-identifier)
 int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
 int __real_pthread_mutex_destroy(pthread_mutex_t* mutex);
 int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex);
+int __real_pthread_mutexattr_init(pthread_mutexattr_t* attributes);
+int __wrap_pthread_mutexattr_init(pthread_mutexattr_t* attributes);
+int __real_pthread_mutexattr_setprotocol(pthread_mutexattr_t* attributes, int protocol);
+int __wrap_pthread_mutexattr_setprotocol(pthread_mutexattr_t* attributes, int protocol);
+int __real_pthread_mutexattr_destroy(pthread_mutexattr_t* attributes);
+int __wrap_pthread_mutexattr_destroy(pthread_mutexattr_t* attributes);
 
 int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
     ++Gilvane::theMutexInitCount;
-    return Gilvane::theMutexInitFails ? EAGAIN : __real_pthread_mutex_init(mutex, attributes);
+    int protocol = PTHREAD_PRIO_NONE;
+    if (attributes != nullptr) {
+        pthread_mutexattr_getprotocol(attributes, &protocol);
+    }
+    Gilvane::theLastProtocol = protocol;
+    const int error = Gilvane::theMutexInitError;
+    return error != 0 ? error : __real_pthread_mutex_init(mutex, attributes);
 }
 
 int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex) {
     ++Gilvane::theMutexDestroyCount;
     return __real_pthread_mutex_destroy(mutex);
+}
+
+int __wrap_pthread_mutexattr_init(pthread_mutexattr_t* attributes) {
+    const int error = Gilvane::theAttributesInitError;
+    if (error != 0) {
+        return error;
+    }
+    ++Gilvane::theAttributesInitCount;
+    return __real_pthread_mutexattr_init(attributes);
+}
+
+int __wrap_pthread_mutexattr_setprotocol(pthread_mutexattr_t* attributes, int protocol) {
+    const int error = Gilvane::theSetProtocolError;
+    return error != 0 ? error : __real_pthread_mutexattr_setprotocol(attributes, protocol);
+}
+
+int __wrap_pthread_mutexattr_destroy(pthread_mutexattr_t* attributes) {
+    ++Gilvane::theAttributesDestroyCount;
+    const int error = __real_pthread_mutexattr_destroy(attributes);
+    std::memset(attributes, 0xff, sizeof *attributes); // who uses them now finds another protocol
+    return error;
 }
 // NOLINTEND(bugprone-reserved-identifier)
 }

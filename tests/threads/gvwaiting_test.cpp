@@ -10,8 +10,11 @@
 
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <fstream>
@@ -31,6 +34,8 @@ namespace Gilvane {
 namespace {
 
 using namespace std::chrono;
+
+constexpr GVMutexProtocol protocols[] = {gvnoprotocol, gvpriorityinheritance};
 
 using Years = duration<std::int64_t, std::ratio<31556952>>;
 
@@ -126,6 +131,28 @@ class Sleepers {
     std::vector<std::thread> theThreads;
 };
 
+// In the order in which they are called.
+constexpr std::atomic<int>* callsThatMakeAnInheritingMutex[] = {&theAttributesInitError, &theSetProtocolError,
+                                                                &theMutexInitError};
+
+// What a pool's construction throws when one of those calls ends with an error, and that nothing is left behind.
+void expectRefusal(std::atomic<int>& call, int error, gvexceptiontype kind, const std::string& message) {
+    SCOPED_TRACE(error);
+    const HookLedger ledger;
+    theAttributesInitCount = 0;
+    theAttributesDestroyCount = 0;
+    theMutexInitCount = 0;
+    theMutexDestroyCount = 0;
+    const PosixRefusal refusal(call, error);
+    expectGVException([] { const GVSharedPool pool(1, 16, gvpriorityinheritance); }, kind, "libsrc/threads/gvwaiting",
+                      message);
+    EXPECT_EQ(theAttributesInitCount, &call == &theAttributesInitError ? 0 : 1);
+    EXPECT_EQ(theAttributesDestroyCount, theAttributesInitCount);
+    EXPECT_EQ(theMutexInitCount, &call == &theMutexInitError ? 1 : 0) << "nothing is asked for after an error";
+    EXPECT_EQ(theMutexDestroyCount, 0);
+    EXPECT_EQ(ledger.liveBlocks().size(), 0U);
+}
+
 void expectAbout(nanoseconds time, nanoseconds expected) {
     EXPECT_LE(time, expected);
     EXPECT_GT(time, expected - seconds(100));
@@ -142,18 +169,95 @@ TEST(PlainLock, thatPosixRefusesIsKindOutOfMemoryAndLeavesNothingOfAPoolBehind) 
 }
 
 TEST(PlainLock, isHeldFromLockToUnlock) {
-    detail::GVPlainLock lock;
-    EXPECT_FALSE(GVTestPeer::isHeld(lock));
-    lock.lock();
-    EXPECT_TRUE(GVTestPeer::isHeld(lock));
-    lock.unlock();
-    EXPECT_FALSE(GVTestPeer::isHeld(lock));
+    for (const GVMutexProtocol protocol : protocols) {
+        detail::GVPlainLock lock(protocol);
+        EXPECT_FALSE(GVTestPeer::isHeld(lock));
+        lock.lock();
+        EXPECT_TRUE(GVTestPeer::isHeld(lock));
+        lock.unlock();
+        EXPECT_FALSE(GVTestPeer::isHeld(lock));
+    }
+}
+
+TEST(PlainLock, isGivenToWhoWaitsForIt) {
+    for (const GVMutexProtocol protocol : protocols) {
+        detail::GVPlainLock lock(protocol);
+        bool isHere = false;
+        std::atomic<bool> asks(false);
+        lock.lock();
+        std::thread other([&] {
+            asks = true;
+            lock.lock();
+            isHere = true;
+            lock.unlock();
+        });
+        await([&] { return asks.load(); });
+        std::this_thread::sleep_for(milliseconds(5));
+        EXPECT_FALSE(isHere);
+        lock.unlock();
+        other.join();
+        EXPECT_TRUE(isHere);
+    }
 }
 
 TEST(PlainLock, destroysItsPosixMutex) {
-    theMutexDestroyCount = 0;
+    for (const GVMutexProtocol protocol : protocols) {
+        theMutexDestroyCount = 0;
+        { const detail::GVPlainLock lock(protocol); }
+        EXPECT_EQ(theMutexDestroyCount, 1);
+    }
+}
+
+TEST(MutexProtocols, haveTheirFixedValues) {
+    EXPECT_EQ(static_cast<int>(gvnoprotocol), 0);
+    EXPECT_EQ(static_cast<int>(gvpriorityinheritance), 1);
+}
+
+TEST(MutexProtocols, areThoseThatThePosixMutexOfAPoolIsMadeWith) {
+    const auto protocolOf = [](auto makePool) {
+        theLastProtocol = -1;
+        makePool();
+        return theLastProtocol.load();
+    };
+    EXPECT_EQ(protocolOf([] { const GVSharedPool pool(1, 16); }), PTHREAD_PRIO_NONE);
+    EXPECT_EQ(protocolOf([] { const GVSharedPool pool(1, 16, gvnoprotocol); }), PTHREAD_PRIO_NONE);
+    EXPECT_EQ(protocolOf([] { const GVSharedPool pool(1, 16, gvpriorityinheritance); }), PTHREAD_PRIO_INHERIT);
+}
+
+TEST(MutexProtocols, takeNoAttributesUnlessAsked) {
+    theAttributesInitCount = 0;
+    theAttributesDestroyCount = 0;
     { const detail::GVPlainLock lock; }
-    EXPECT_EQ(theMutexDestroyCount, 1);
+    EXPECT_EQ(theAttributesInitCount, 0);
+    { const detail::GVPlainLock lock(gvpriorityinheritance); }
+    EXPECT_EQ(theAttributesInitCount, 1);
+    EXPECT_EQ(theAttributesDestroyCount, 1);
+}
+
+TEST(MutexProtocols, thatThereAreNotAreRefusedAndLeaveNothingOfAPoolBehind) {
+    const HookLedger ledger;
+    theMutexInitCount = 0;
+    for (const unsigned int number : {2U, 4294967295U}) {
+        expectGVException([&] { const GVSharedPool pool(1, 16, static_cast<GVMutexProtocol>(number)); }, gvinvalidstate,
+                          "libsrc/threads/gvwaiting", "Unknown protocol of a mutex.");
+    }
+    EXPECT_EQ(theMutexInitCount, 0);
+    EXPECT_EQ(ledger.liveBlocks().size(), 0U);
+}
+
+TEST(MutexProtocols, thatTheSystemRefusesAreRefusedWhereverItDoes) {
+    for (std::atomic<int>* const call : callsThatMakeAnInheritingMutex) {
+        expectRefusal(*call, ENOTSUP, gvinvalidstate, "The system has no mutex with priority inheritance.");
+    }
+}
+
+TEST(MutexProtocols, areOutOfMemoryWhereTheSystemHasNoneForThem) {
+    static_assert(ENOMEM < ENOTSUP && ENOTSUP < ENOBUFS);
+    for (std::atomic<int>* const call : callsThatMakeAnInheritingMutex) {
+        for (const int error : {ENOMEM, ENOBUFS}) {
+            expectRefusal(*call, error, gvoutofmemory, "Unable to create the lock of a shared pool.");
+        }
+    }
 }
 
 TEST(EventCount, hasThirtyTwoMarksAndGivesThemInTurn) {
