@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -98,6 +99,9 @@ std::optional<unsigned int> GVSharedPoolAccess::waitForBlock(const GVPatience& p
     std::chrono::nanoseconds timeLeft = noLimit;
     for (;;) {
         if (wait.theWaiter.theToken.has_value()) {
+            if constexpr (isHardened) {
+                loans(thePool).begin(*wait.theWaiter.theToken);
+            }
             return std::exchange(wait.theWaiter.theToken, std::nullopt);
         }
         if (!freeTokens().empty() || thePool.theClosedFlag) {
@@ -122,7 +126,7 @@ unsigned int GVSharedPoolAccess::lendMany(unsigned int* tokens, unsigned int cou
         return 0;
     }
     const unsigned int lent = (std::min)(count, numberOfFreeTokens(thePool));
-    std::generate_n(tokens, lent, [this] { return takeFreeToken(); });
+    std::generate_n(tokens, lent, [this] { return lendNext(); });
     return lent;
 }
 
@@ -315,8 +319,8 @@ std::ostream& operator<<(std::ostream& stream, const GVSharedPoolStatistics& sta
 
 // --- the pool --------------------------------------------------------------------------------------------------------
 
-// What blocks need beside their own memory is made before the first block. The directory comes last, since the tokens
-// decide its size; when it is refused, the members give everything back.
+// What blocks need beside their own memory is made before the first block. The records of loans and the directory come
+// last, since the tokens decide their sizes; when one is refused, everything made before is given back.
 GVSharedPool::GVSharedPool(unsigned int numberOfObjects, unsigned int bytesPerObject)
     : theAttention(0), theNumberOfObjects(numberOfObjects), theBytesInEachObject(bytesPerObject),
       thePool(0, bytesPerObject, false) {
@@ -339,8 +343,13 @@ GVSharedPool::GVSharedPool(unsigned int numberOfObjects, unsigned int bytesPerOb
     // Tokens ascend, modulo 2^32, in the order in which the blocks were built.
     const unsigned int firstToken = freeTokens.front();
     const unsigned int span = freeTokens.back() - firstToken + 1;
+    std::unique_ptr<detail::GVLoanRecords> loans;
+    if constexpr (detail::isHardened) {
+        loans = std::make_unique<detail::GVLoanRecords>(firstToken, span);
+    }
     detail::GVSharedBlock* const blocks = GVStdAllocator<detail::GVSharedBlock>().allocate(span);
     // Nothing throws from here on.
+    theLoans = loans.release();
     for (unsigned int index = 0; index < span; ++index) {
         ::new (blocks + index) detail::GVSharedBlock{nullptr, {detail::gvnotoken}};
     }
@@ -356,6 +365,8 @@ GVSharedPool::GVSharedPool(unsigned int numberOfObjects, unsigned int bytesPerOb
 GVSharedPool::~GVSharedPool() {
     if constexpr (detail::isHardened) {
         checkThatNobodyUsesIt();
+        theLoans->report(this);
+        delete theLoans;
     }
     if (theDescriptor >= 0) {
         ::close(theDescriptor);
