@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -102,6 +103,9 @@ std::optional<unsigned int> GVSharedPoolAccess::waitForBlock(const GVPatience& p
     for (;;) {
         if (wait.theWaiter.theToken.has_value()) {
             GILVANE_PROBE(probed.end(gvwaitlent));
+            if constexpr (isHardened) {
+                loans(thePool).begin(*wait.theWaiter.theToken);
+            }
             return std::exchange(wait.theWaiter.theToken, std::nullopt);
         }
         if (!freeTokens().empty() || thePool.theClosedFlag) {
@@ -129,7 +133,7 @@ unsigned int GVSharedPoolAccess::lendMany(unsigned int* tokens, unsigned int cou
     }
     const unsigned int lent = (std::min)(count, numberOfFreeTokens(thePool));
     GILVANE_PROBE(if (lent < count) probeDry(&thePool, count, lent));
-    std::generate_n(tokens, lent, [this] { return takeFreeToken(); });
+    std::generate_n(tokens, lent, [this] { return lendNext(); });
     return lent;
 }
 
@@ -324,8 +328,8 @@ std::ostream& operator<<(std::ostream& stream, const GVSharedPoolStatistics& sta
 
 // --- the pool --------------------------------------------------------------------------------------------------------
 
-// What blocks need beside their own memory is made before the first block. The directory comes last, since the tokens
-// decide its size; when it is refused, the members give everything back.
+// What blocks need beside their own memory is made before the first block. The records of loans and the directory come
+// last, since the tokens decide their sizes; when one is refused, everything made before is given back.
 GVSharedPool::GVSharedPool(unsigned int numberOfObjects, unsigned int bytesPerObject, GVMutexProtocol protocol)
     : theAttention(0), theNumberOfObjects(numberOfObjects), theBytesInEachObject(bytesPerObject), theLock(protocol),
       thePool(0, bytesPerObject, false) {
@@ -348,8 +352,13 @@ GVSharedPool::GVSharedPool(unsigned int numberOfObjects, unsigned int bytesPerOb
     // Tokens ascend, modulo 2^32, in the order in which the blocks were built.
     const unsigned int firstToken = freeTokens.front();
     const unsigned int span = freeTokens.back() - firstToken + 1;
+    std::unique_ptr<detail::GVLoanRecords> loans;
+    if constexpr (detail::isHardened) {
+        loans = std::make_unique<detail::GVLoanRecords>(firstToken, span);
+    }
     detail::GVSharedBlock* const blocks = GVStdAllocator<detail::GVSharedBlock>().allocate(span);
     // Nothing throws from here on.
+    theLoans = loans.release();
     for (unsigned int index = 0; index < span; ++index) {
         ::new (blocks + index) detail::GVSharedBlock{nullptr, {detail::gvnotoken}};
     }
@@ -365,6 +374,8 @@ GVSharedPool::GVSharedPool(unsigned int numberOfObjects, unsigned int bytesPerOb
 GVSharedPool::~GVSharedPool() {
     if constexpr (detail::isHardened) {
         checkThatNobodyUsesIt();
+        theLoans->report(this);
+        delete theLoans;
     }
     if (theDescriptor >= 0) {
         ::close(theDescriptor);

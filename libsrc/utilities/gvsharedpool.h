@@ -10,11 +10,13 @@
 #include <gilvane/base/gvprobes.h>
 #include <gilvane/threads/gvwaiting.h>
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvsharedloan.h>
 
 #include <chrono>
 #include <cstdint>
 #include <optional>
 #include <ostream>
+#include <utility>
 
 namespace Gilvane {
 
@@ -296,6 +298,30 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVSharedPool : public GVObject {
     /// @par Complexity  linear in the caches
     void resetHighestLentCount();
 
+    /// Calls `visit` with each loan that began `olderThan` ago or earlier, a `const GVSharedLoan&`, in the order of tokens.
+    /// With 0 these are all that there were when the visit began, less those that end meanwhile. A block in a cache is no
+    /// loan, and one that a waiter was handed begins to be one when the waiter runs.
+    ///
+    /// The hardened build alone notes loans. In the default build nothing is visited.
+    /// @param visit  may use the pool in every way, and also return the block: each loan is a copy, made under a lock
+    ///               that is free again
+    /// @returns whether loans are noted, which is whether the build is hardened
+    /// @throws what `visit` throws
+    /// @par Complexity  linear in the blocks, and in the gaps between their tokens
+    /// @par Threads     takes the lock of the records for each token in turn, and not the pool's
+    template <typename Representation, typename Period, typename Visitor>
+    bool visitLoans(const std::chrono::duration<Representation, Period>& olderThan, Visitor&& visit) const;
+
+    /// Has the hardened build note from now on where blocks are borrowed, as `backtrace` tells it. At first it does not.
+    /// Such a loan takes many times as long, and others wait meanwhile. In the default build this does nothing.
+    /// @param interval  0: nowhere; 1: for every loan; n: for each whose number n divides
+    /// @par Threads     takes the lock of the records
+    void setLoanTraceInterval(unsigned int interval) {
+        if constexpr (detail::isHardened) {
+            theLoans->setTraceInterval(interval);
+        }
+    }
+
     /// The blocks that the pool has.
     unsigned int getNumberOfObjects() const noexcept { return theNumberOfObjects; }
     /// Bytes in each of them.
@@ -346,6 +372,8 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVSharedPool : public GVObject {
     bool theClosedFlag = false;
     bool isWatched = false; // whether there is a waiter, a descriptor, a closing or an idle count to see to
     std::chrono::nanoseconds theLongestWait = std::chrono::nanoseconds::zero();
+
+    detail::GVLoanRecords* theLoans = nullptr; // what the hardened build notes; null in the default build
 };
 
 namespace detail {
@@ -375,6 +403,8 @@ class GILVANE_EXPORT GVSharedPoolAccess {
     /// The pool that it stands on, and the lock that guards it.
     static const GVMemoryPool& innerPool(const GVSharedPool& pool) noexcept { return pool.thePool; }
     static GVPlainLock& lock(const GVSharedPool& pool) noexcept { return pool.theLock; }
+    /// Where the hardened build notes loans.
+    static GVLoanRecords& loans(const GVSharedPool& pool) noexcept { return *pool.theLoans; }
     /// The address of a token's block, or what the pool throws for a token that it does not take.
     static void* findOrRefuse(const GVSharedPool& pool, unsigned int token) { return pool.findOrRefuse(token); }
     /// Throws what the pool throws for a token that it does not take.
@@ -435,6 +465,7 @@ class GILVANE_EXPORT GVSharedPoolAccess {
     static auto& tableOf(GVMemoryPool& pool) noexcept { return pool.memoryPool; }
     auto& freeTokens() noexcept { return freeTokensOf(thePool.thePool); }
     std::optional<unsigned int> waitForBlock(const GVPatience& patience);
+    unsigned int lendNext() noexcept;
     unsigned int takeFreeToken() noexcept;
     static unsigned int numberOfFreeTokens(const GVSharedPool& pool) noexcept {
         return static_cast<unsigned int>(pool.thePool.availableTokens.size());
@@ -463,7 +494,7 @@ inline std::optional<unsigned int> GVSharedPoolAccess::lend() noexcept {
         GILVANE_PROBE(if (!thePool.theClosedFlag) probeDry(&thePool, 1, 0));
         return {};
     }
-    return takeFreeToken();
+    return lendNext();
 }
 
 inline std::optional<unsigned int> GVSharedPoolAccess::lendOrWait(const GVPatience& patience) {
@@ -478,8 +509,20 @@ inline bool GVSharedPoolAccess::takeBack(unsigned int token) noexcept {
         return false;
     }
     thePool.theDirectory.takeBack(token);
+    if constexpr (isHardened) {
+        loans(thePool).end(token);
+    }
     freeTokens().push_back(token); // there is room for every token
     return true;
+}
+
+// Lends a block to the calling thread.
+inline unsigned int GVSharedPoolAccess::lendNext() noexcept {
+    const unsigned int token = takeFreeToken();
+    if constexpr (isHardened) {
+        loans(thePool).begin(token);
+    }
+    return token;
 }
 
 inline unsigned int GVSharedPoolAccess::takeFreeToken() noexcept {
@@ -520,6 +563,22 @@ inline void GVSharedPool::releaseObject(unsigned int token) {
     if (detail::expectFalse(!detail::GVSharedPoolAccess(*this).takeBack(token))) {
         refuse(token);
     }
+}
+
+template <typename Representation, typename Period, typename Visitor>
+bool GVSharedPool::visitLoans(const std::chrono::duration<Representation, Period>& olderThan, Visitor&& visit) const {
+    if constexpr (detail::isHardened) {
+        const auto now = std::chrono::steady_clock::now();
+        GVSharedLoan loan;
+        for (unsigned int index = 0; index < theLoans->getSpan(); ++index) {
+            // As seconds, a long duration is compared without an overflow.
+            if (theLoans->copyLoan(index, loan) &&
+                detail::inSeconds(now - loan.theBegin) >= detail::inSeconds(olderThan)) {
+                visit(std::as_const(loan));
+            }
+        }
+    }
+    return detail::isHardened;
 }
 
 /// Writes a pool's text form, as GVSharedPool::print.

@@ -164,6 +164,9 @@ class GILVANE_EXPORT GILVANE_OF_THIS_BUILD GVTokenCache : public GVObject {
 inline unsigned int GVTokenCache::lendLast(unsigned int count) noexcept {
     const unsigned int token = theTokens[count - 1];
     theDirectory.lend(token);
+    if constexpr (detail::isHardened) {
+        detail::GVSharedPoolAccess::loans(*thePool).begin(token);
+    }
     // Relaxed: others only count.
     theCount.store(count - 1, std::memory_order_relaxed);
     return token;
@@ -171,6 +174,9 @@ inline unsigned int GVTokenCache::lendLast(unsigned int count) noexcept {
 
 inline void GVTokenCache::keep(unsigned int token, unsigned int count) noexcept {
     theDirectory.takeBack(token);
+    if constexpr (detail::isHardened) {
+        detail::GVSharedPoolAccess::loans(*thePool).end(token);
+    }
     theTokens[count] = token;
     // Relaxed: others only count.
     theCount.store(count + 1, std::memory_order_relaxed);

@@ -27,6 +27,7 @@ using Deadline = std::chrono::steady_clock::time_point;
 
 using Visitor = void (*)(const GVInspectedBlock&);
 using VisitorWithoutSnapshot = void (*)(const GVVisitedBlock&);
+using VisitorOfLoans = void (*)(const GVSharedLoan&);
 
 } // namespace
 
@@ -72,6 +73,7 @@ template Lease Lease::waitUntil<GVTokenCache>(GVTokenCache&, const Deadline&, in
 template void GVMemoryPoolInspector::visitBlocks<Visitor>(Visitor&&) const;
 template void GVMemoryPoolInspector::visitBlocks<VisitorWithoutSnapshot>(const GVMemoryPool&, VisitorWithoutSnapshot&&);
 template void GVMemoryPoolInspector::visitBlocks<VisitorWithoutSnapshot>(const GVSharedPool&, VisitorWithoutSnapshot&&);
+template bool GVSharedPool::visitLoans(const Time&, VisitorOfLoans&&) const;
 
 } // namespace Gilvane
 

@@ -41,6 +41,7 @@ template class GVStdAllocator<std::string>;
 template class GVStdAllocator<char>;
 
 void visitInspectedBlock(const GVInspectedBlock& block);
+void visitLoan(const GVSharedLoan& loan);
 
 template <typename Pool>
 void visitBlocksOf(const Pool& pool) {
@@ -88,6 +89,8 @@ void useArenas(unsigned char (&few)[8], unsigned char (&many)[16]) {
 
 void waitForLoans(GVSharedPool& pool, GVTokenCache& cache) {
     visitBlocksOf(pool);
+    pool.visitLoans(std::chrono::seconds(1), visitLoan);
+    pool.visitLoans(std::chrono::duration<double>(1), [](const GVSharedLoan& loan) { visitLoan(loan); });
     const GVSharedTokenLease lease;
     static_cast<void>(lease.as<char>());
     static_cast<void>(lease.as<std::string>());

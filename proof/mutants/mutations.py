@@ -42,6 +42,7 @@ NEEDED_BY_THE_LINKER = {"theKeptLoan", "theKeptLookup", "theKeptReturn"}
 FILE_OF_MARKS = "libsrc/base/gvcompiler.h"
 # The files that the hardened build alone runs.
 FILES_OF_CHECKS = {"libsrc/base/gvhardened.h", "libsrc/base/gvhardened.cpp", "libsrc/utilities/gvmemorypoolchecks.cpp",
+                   "libsrc/utilities/gvsharedloan.h", "libsrc/utilities/gvsharedloan.cpp",
                    "libsrc/utilities/gvsharedpoolchecks.cpp"}
 WRAPPERS = {"ImplicitCastExpr", "ParenExpr", "ExprWithCleanups", "MaterializeTemporaryExpr", "CXXBindTemporaryExpr"}
 LEAVING = {"ReturnStmt", "ContinueStmt", "BreakStmt", "CXXThrowExpr"}

@@ -18,6 +18,7 @@
 #include <gilvane/utilities/gvmemorypoolinspector.h>
 #include <gilvane/utilities/gvobjectlease.h>
 #include <gilvane/utilities/gvpoolresource.h>
+#include <gilvane/utilities/gvsharedloan.h>
 #include <gilvane/utilities/gvsharedpool.h>
 #include <gilvane/utilities/gvsharedtokenlease.h>
 #include <gilvane/utilities/gvtokencache.h>
@@ -143,7 +144,14 @@ struct Target {
     FIELD(GVSharedPoolStatistics, theWaitCount, 24, 28)                                                 \
     FIELD(GVSharedPoolStatistics, theTimeoutCount, 28, 32)                                              \
     FIELD(GVSharedPoolStatistics, theLongestWait, 32, 40)                                               \
-    CLASS(GVSharedPool, GVSharedPool, 480, Target::wide, 672 + Target::mutex, 8)                        \
+    CLASS(GVSharedLoan, GVSharedLoan, 96, Target::wide, 168, 8)                                         \
+    FIELD(GVSharedLoan, theToken, 4, 8)                                                                 \
+    FIELD(GVSharedLoan, theNumber, 8, 16)                                                               \
+    FIELD(GVSharedLoan, theBegin, 16, 24)                                                               \
+    FIELD(GVSharedLoan, theThread, 24, 32)                                                              \
+    FIELD(GVSharedLoan, theFrameCount, 28, 36)                                                          \
+    FIELD(GVSharedLoan, theFrames, 32, 40)                                                              \
+    CLASS(GVSharedPool, GVSharedPool, 480 + Target::wide, Target::wide, 680 + Target::mutex, 8)         \
     FIELD(GVSharedPool, thePaddingBefore, 4, 8)                                                         \
     FIELD(GVSharedPool, theDirectory, 68, 72)                                                           \
     FIELD(GVSharedPool, theAttention, 88, 96)                                                           \
@@ -166,6 +174,7 @@ struct Target {
     FIELD(GVSharedPool, theClosedFlag, 469, 661 + Target::mutex)                                        \
     FIELD(GVSharedPool, isWatched, 470, 662 + Target::mutex)                                            \
     FIELD(GVSharedPool, theLongestWait, 472, 664 + Target::mutex)                                       \
+    FIELD(GVSharedPool, theLoans, 480, 672 + Target::mutex)                                             \
     CLASS(GVTokenCache, GVTokenCache, 184, 4, 216, 8)                                                   \
     FIELD(GVTokenCache, thePaddingBefore, 4, 8)                                                         \
     FIELD(GVTokenCache, theCount, 68, 72)                                                               \

@@ -114,6 +114,10 @@ struct GVTestPeer {
         return {pool.theFirstWaiter != nullptr, (pool.isWatched ? 2U : 0U) + (pool.theClosedFlag ? 1U : 0U),
                 pool.theIdleCachedCount};
     }
+    /// What the hardened build notes about a token, and nothing else changes.
+    static GVSharedLoan& loanOf(GVSharedPool& pool, unsigned int token) {
+        return pool.theLoans->theRecords[token - pool.theLoans->theFirstToken];
+    }
     static std::vector<unsigned int> tokensIn(const GVTokenCache& cache) {
         return {cache.theTokens, cache.theTokens + cache.theCount.load(std::memory_order_relaxed)};
     }
