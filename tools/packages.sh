@@ -15,7 +15,7 @@ testPackages=(
     clang libclang-rt-dev libc++-dev libc++abi-dev llvm clang-format clang-tidy libgtest-dev
     g++-arm-linux-gnueabihf qemu-user googletest abigail-tools python3
     pkg-config dpkg-dev file libmimalloc-dev valgrind
-    gdb gdb-multiarch binutils
+    gdb gdb-multiarch binutils systemtap-sdt-dev bpftrace
 )
 
 # To prove.
