@@ -68,13 +68,17 @@ void GVLoanRecords::setTraceInterval(unsigned int interval) noexcept {
     theTraceInterval = interval;
 }
 
-bool GVLoanRecords::copyLoan(unsigned int index, GVSharedLoan& loan) const noexcept {
-    const std::lock_guard<GVPlainLock> guard(theLock);
-    if (theRecords[index].theNumber == 0) {
-        return false;
+bool GVLoanRecords::findLoan(unsigned int& index, std::chrono::steady_clock::time_point now, long double seconds,
+                             GVSharedLoan& loan) const noexcept {
+    while (index < theSpan) {
+        const std::lock_guard<GVPlainLock> guard(theLock);
+        const GVSharedLoan& record = theRecords[index++];
+        if (record.theNumber != 0 && inSeconds(now - record.theBegin) >= seconds) {
+            loan = record;
+            return true;
+        }
     }
-    loan = theRecords[index];
-    return true;
+    return false;
 }
 
 void GVLoanRecords::report(const void* pool) const noexcept {

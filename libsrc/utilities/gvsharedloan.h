@@ -67,11 +67,12 @@ class GVLoanRecords : public GVObject {
     /// As GVSharedPool::setLoanTraceInterval.
     GILVANE_HARDENED_ONLY void setTraceInterval(unsigned int interval) noexcept;
 
-    /// Records, one for each token and gap.
-    unsigned int getSpan() const noexcept { return theSpan; }
-    /// Copies the loan of the token that comes so many after the first one.
-    /// @returns false, and copies nothing, when there is none
-    GILVANE_HARDENED_ONLY bool copyLoan(unsigned int index, GVSharedLoan& loan) const noexcept;
+    /// Copies the next loan, in the order of tokens, that is old enough.
+    /// @param index    of the record to begin with; of the one behind the loan, afterwards
+    /// @param seconds  age at the time `now`; as such a number, a long duration is compared without an overflow
+    /// @returns false, and copies nothing, when there is none any more
+    GILVANE_HARDENED_ONLY bool findLoan(unsigned int& index, std::chrono::steady_clock::time_point now,
+                                        long double seconds, GVSharedLoan& loan) const noexcept;
 
     /// Writes to standard error how many loans there are, and the oldest one, if there is any. No other thread uses the
     /// pool any more.

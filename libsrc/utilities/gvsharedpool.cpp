@@ -358,7 +358,9 @@ GVSharedPool::GVSharedPool(unsigned int numberOfObjects, unsigned int bytesPerOb
     }
     detail::GVSharedBlock* const blocks = GVStdAllocator<detail::GVSharedBlock>().allocate(span);
     // Nothing throws from here on.
-    theLoans = loans.release();
+    if constexpr (detail::isHardened) {
+        theLoans = loans.release();
+    }
     for (unsigned int index = 0; index < span; ++index) {
         ::new (blocks + index) detail::GVSharedBlock{nullptr, {detail::gvnotoken}};
     }

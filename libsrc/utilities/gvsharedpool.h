@@ -569,13 +569,10 @@ template <typename Representation, typename Period, typename Visitor>
 bool GVSharedPool::visitLoans(const std::chrono::duration<Representation, Period>& olderThan, Visitor&& visit) const {
     if constexpr (detail::isHardened) {
         const auto now = std::chrono::steady_clock::now();
+        unsigned int index = 0;
         GVSharedLoan loan;
-        for (unsigned int index = 0; index < theLoans->getSpan(); ++index) {
-            // As seconds, a long duration is compared without an overflow.
-            if (theLoans->copyLoan(index, loan) &&
-                detail::inSeconds(now - loan.theBegin) >= detail::inSeconds(olderThan)) {
-                visit(std::as_const(loan));
-            }
+        while (theLoans->findLoan(index, now, detail::inSeconds(olderThan), loan)) {
+            visit(std::as_const(loan));
         }
     }
     return detail::isHardened;

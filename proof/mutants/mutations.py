@@ -36,7 +36,8 @@ COMPARISONS = {"==", "!=", "<", ">", "<=", ">="}
 # Variables that the switch would set too late; handwritten.py has what stands for their mutations.
 NEEDED_BEFORE_MAIN = {"theNextToken"}
 # Constants that stand in constant expressions, and the addresses of functions that are kept for the linker.
-NEEDED_BY_THE_COMPILER = {"cacheLineBytes", "defaultHookPadding", "isHardened", "rawBlockHeaderBytes", "theSmallSize"}
+NEEDED_BY_THE_COMPILER = {"cacheLineBytes", "defaultHookPadding", "isHardened", "mostFrames",
+                          "rawBlockHeaderBytes", "theSmallSize"}
 NEEDED_BY_THE_LINKER = {"theKeptLoan", "theKeptLookup", "theKeptReturn"}
 # The conditions in here are seen by ThreadSanitizer alone.
 FILE_OF_MARKS = "libsrc/base/gvcompiler.h"

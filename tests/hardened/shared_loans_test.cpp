@@ -309,7 +309,8 @@ TEST(HardenedLoanTraces, beginWithTheCall) {
     records.setTraceInterval(1);
     void* const returnAddress = borrowHere(records);
     GVSharedLoan loan;
-    ASSERT_TRUE(records.copyLoan(0, loan));
+    unsigned int index = 0;
+    ASSERT_TRUE(records.findLoan(index, steady_clock::now(), 0, loan));
     void* frames[GVSharedLoan::mostFrames];
     const int frameCount = backtrace(frames, static_cast<int>(GVSharedLoan::mostFrames));
     EXPECT_EQ(loan.theFrames[1], returnAddress) << "the frame before is borrowHere itself";
@@ -372,20 +373,43 @@ TEST(HardenedLoanRecords, areRefusedBeyondTheHooks32Bits) {
     EXPECT_EQ(ledger.liveBlocks().size(), 0U);
 }
 
-TEST(HardenedLoanRecords, findNothingBeforeALoanAndCopyNothingThen) {
-    detail::GVLoanRecords records(7, 2);
-    EXPECT_EQ(records.getSpan(), 2U);
+TEST(HardenedLoanRecords, areFoundFromAnIndexOnIfTheyAreOldEnough) {
+    using std::chrono::seconds;
+    detail::GVLoanRecords records(7, 3);
+    records.begin(8);
+    records.begin(9);
+    records.begin(7);
+    records.end(7);
+    const auto now = steady_clock::now() + seconds(5);
     GVSharedLoan loan;
-    loan.theToken = 99;
-    EXPECT_FALSE(records.copyLoan(0, loan));
-    records.begin(8);
-    records.end(8);
-    EXPECT_FALSE(records.copyLoan(1, loan));
-    EXPECT_EQ(loan.theToken, 99U);
-    records.begin(8);
-    EXPECT_FALSE(records.copyLoan(0, loan));
-    EXPECT_TRUE(records.copyLoan(1, loan));
+    unsigned int index = 0;
+    ASSERT_TRUE(records.findLoan(index, now, 5, loan));
     EXPECT_EQ(loan.theToken, 8U);
+    EXPECT_EQ(index, 2U);
+    ASSERT_TRUE(records.findLoan(index, now, 5, loan));
+    EXPECT_EQ(loan.theToken, 9U);
+    EXPECT_EQ(index, 3U);
+    loan.theToken = 99;
+    EXPECT_FALSE(records.findLoan(index, now, 5, loan));
+    EXPECT_EQ(index, 3U);
+    index = 0;
+    EXPECT_FALSE(records.findLoan(index, now, 10, loan));
+    EXPECT_EQ(loan.theToken, 99U) << "nothing is copied";
+}
+
+TEST(HardenedLoanRecords, areOldEnoughAtJustThatAge) {
+    detail::GVLoanRecords records(7, 1);
+    records.begin(7);
+    GVSharedLoan loan;
+    unsigned int index = 0;
+    ASSERT_TRUE(records.findLoan(index, steady_clock::now(), 0, loan));
+    index = 0;
+    EXPECT_TRUE(records.findLoan(index, loan.theBegin + std::chrono::seconds(8), 8, loan));
+    index = 0;
+    EXPECT_FALSE(records.findLoan(index, loan.theBegin + std::chrono::seconds(8), 9, loan));
+    records.end(7);
+    index = 0;
+    EXPECT_FALSE(records.findLoan(index, loan.theBegin + std::chrono::seconds(8), 8, loan));
 }
 
 // The report

@@ -114,7 +114,9 @@ struct GVTestPeer {
         return {pool.theFirstWaiter != nullptr, (pool.isWatched ? 2U : 0U) + (pool.theClosedFlag ? 1U : 0U),
                 pool.theIdleCachedCount};
     }
-    /// What the hardened build notes about a token, and nothing else changes.
+    /// Where the hardened build notes loans.
+    static const detail::GVLoanRecords* loanRecords(const GVSharedPool& pool) { return pool.theLoans; }
+    /// What it notes about a token, and nothing else changes.
     static GVSharedLoan& loanOf(GVSharedPool& pool, unsigned int token) {
         return pool.theLoans->theRecords[token - pool.theLoans->theFirstToken];
     }

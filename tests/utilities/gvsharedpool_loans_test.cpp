@@ -1,4 +1,5 @@
 // The default build notes nothing about loans; what only the hardened build does is in tests/hardened.
+#include "gvtestpeer.h"
 #include "sharedpoolsupport.h"
 
 #include <gilvane/base/gvhardened.h>
@@ -23,6 +24,11 @@ TEST(SharedPoolLoans, areVisitedInTheHardenedBuildAlone) {
     EXPECT_EQ(areNoted, detail::isHardened);
     EXPECT_EQ(visited, detail::isHardened ? 1U : 0U);
     pool.releaseObject(token);
+}
+
+TEST(SharedPoolLoans, haveRecordsInTheHardenedBuildAlone) {
+    const GVSharedPool pool(2, 16);
+    EXPECT_EQ(GVTestPeer::loanRecords(pool) != nullptr, detail::isHardened);
 }
 
 } // namespace Gilvane
