@@ -17,9 +17,7 @@
 /// Code that only a build with probes has. What it tells is computed nowhere else.
 #define GILVANE_PROBE(...) __VA_ARGS__
 
-namespace Gilvane {
-
-namespace detail {
+namespace Gilvane::detail {
 
 /// How a wait ended.
 enum GVWaitOutcome : unsigned int {
@@ -95,9 +93,7 @@ class GVProbedWait {
     GVWaitOutcome theOutcome = gvwaitthrown;
 };
 
-} // namespace detail
-
-} // namespace Gilvane
+} // namespace Gilvane::detail
 
 #else
 

@@ -7,7 +7,7 @@ cd "$1"
 
 # What is declared at the margin is not nested in a class; helpers in detail are not for programs, traits have no objects.
 mapfile -t offered < <(
-    awk '/^namespace detail/ { inDetail = 1 } /^} \/\/ namespace detail/ { inDetail = 0 } !inDetail' libsrc/*/*.h |
+    awk '/^namespace (Gilvane::)?detail/ { inDetail = 1 } /^} \/\/ namespace (Gilvane::)?detail/ { inDetail = 0 } !inDetail' libsrc/*/*.h |
         grep -oE '^(class|enum)( \[\[[a-z]+\]\])?( GILVANE_EXPORT)? [A-Za-z_]+ *[:{]' |
         sed -E 's/ *[:{]$//; s/.* //' | sort -u
 )
