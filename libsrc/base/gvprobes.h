@@ -17,7 +17,9 @@
 /// Code that only a build with probes has. What it tells is computed nowhere else.
 #define GILVANE_PROBE(...) __VA_ARGS__
 
-namespace Gilvane::detail {
+namespace Gilvane {
+
+namespace detail {
 
 /// How a wait ended.
 enum GVWaitOutcome : unsigned int {
@@ -93,7 +95,9 @@ class GVProbedWait {
     GVWaitOutcome theOutcome = gvwaitthrown;
 };
 
-} // namespace Gilvane::detail
+} // namespace detail
+
+} // namespace Gilvane
 
 #else
 

@@ -2,10 +2,13 @@
 # A library with probes has those that the guide names, with as many arguments, in itself and not in programs. Without
 # them its code is what it would be if they stood nowhere. The option is refused where there is no header.
 #
-#   tests/probes/probes_test.sh SOURCE_DIR WORK_FOLDER PROBED_LIBRARY PROGRAM DEFAULT_LIBRARY HEADERS COMPILER
+#   tests/probes/probes_test.sh SOURCE_DIR WORK_FOLDER PROBED_LIBRARY PROGRAM DEFAULT_LIBRARY HEADERS COMPILER OPTION...
+#
+# The OPTIONs tell CMake of the compiler.
 set -euo pipefail
 export LC_ALL=C
 source=$1 work=$2 probed=$3 program=$4 default=$5 headers=$6 compiler=$7
+shift 7
 . "$source/tests/probes/documented.sh"
 rm -rf "$work"
 mkdir -p "$work"
@@ -15,7 +18,7 @@ present() {
     readelf -n "$1" | awk '
         $1 == "Provider:" { ours = $2 == "gilvane" }
         $1 == "Name:" { name = $2 }
-        $1 == "Arguments:" && ours { print name, NF - 1 }' | sort
+        $1 == "Arguments:" && ours { print name, gsub(/@/, "@") }' | sort
 }
 
 # compile FOLDER FILE OPTION...: FOLDER/FILE.o of the source in FOLDER/libsrc.
@@ -73,20 +76,21 @@ expectDifference 'gilvane, closed' 'gilvane, ended' $'< closed 2\n> ended 2'
 
 # --- the option -------------------------------------------------------------------------------------------------------
 
-# configure FLAGS: a build with the option; what it says is in the log.
+# configure FLAGS OPTION...: a build with the option; what it says is in the log.
 configure() {
+    local flags=$1
+    shift
     rm -rf "$work/build"
-    cmake -G Ninja -S "$source" -B "$work/build" -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_SYSTEM_NAME=Linux \
-        -DCMAKE_CXX_FLAGS="$1" -DGILVANE_PROBES=ON -DGILVANE_WERROR=ON -DGILVANE_BUILD_TESTS=OFF \
-        -DGILVANE_BUILD_EXAMPLES=OFF >"$work/log" 2>&1
+    cmake -G Ninja -S "$source" -B "$work/build" "$@" -DCMAKE_CXX_FLAGS="$flags" -DGILVANE_PROBES=ON \
+        -DGILVANE_WERROR=ON -DGILVANE_BUILD_TESTS=OFF -DGILVANE_BUILD_EXAMPLES=OFF >"$work/log" 2>&1
 }
 
 mkdir -p "$work/missing/sys"
 echo '#error this header is not there' >"$work/missing/sys/sdt.h"
-! configure "-isystem $work/missing" || fail "the option is taken though there is no sys/sdt.h"
+! configure "-isystem $work/missing" "$@" || fail "the option is taken though there is no sys/sdt.h"
 [[ $(tr -s '\n ' ' ' <"$work/log") == *"GILVANE_PROBES needs the header sys/sdt.h, which Debian has in systemtap"* ]] ||
     fail "the option is refused, but it does not say why:" "$(tail -n 20 "$work/log")"
-configure "-isystem $headers" || fail "the option is refused:" "$(tail -n 20 "$work/log")"
+configure "-isystem $headers" "$@" || fail "the option is refused:" "$(tail -n 20 "$work/log")"
 object=CMakeFiles/gilvane_static.dir/libsrc/base/gvprobes.cpp.o
 cmake --build "$work/build" --target $object >"$work/log" || fail "$(cat "$work/log")"
 [[ $(present "$work/build/$object") == "$expected" ]] || fail "with the option there are other probes"

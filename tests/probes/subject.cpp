@@ -9,6 +9,7 @@
 #include <functional>
 #include <initializer_list>
 #include <stdexcept>
+#include <thread>
 
 namespace {
 
@@ -67,35 +68,39 @@ void useSharedPool() {
     cache.releaseObject(tokens[0]);
     cache.flush();
     told("spill", &pool, {1, 1});
-    const unsigned int token = pool.tryBorrow().value();
+    unsigned int token = pool.tryBorrow().value();
 
     static_cast<void>(pool.borrowFor(std::chrono::seconds(0)));
     told("dry", &pool, {1, 0});
     told("wait_begin", &pool, {1});
     told("wait_end", &pool, {1, 1});
-    BusyClock::theWork = [&] {
-        if (pool.getStatistics().theFreeCount == 0) {
-            pool.releaseObject(token);
-        }
-    };
-    static_cast<void>(pool.borrowUntil(theFuture));
+    BusyClock::theWork = [&] { pool.releaseObject(token); };
+    token = pool.borrowUntil(theFuture).value();
     told("dry", &pool, {1, 0});
     told("wait_begin", &pool, {2});
     told("wait_end", &pool, {2, 0});
+    BusyClock::theWork = [&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2)); // then the block is handed to whoever waits
+        pool.releaseObject(token);
+    };
+    static_cast<void>(pool.borrowUntil(theFuture));
+    told("dry", &pool, {1, 0});
+    told("wait_begin", &pool, {3});
+    told("wait_end", &pool, {3, 0});
     BusyClock::theWork = [] { throw std::runtime_error("no time"); };
     try {
         static_cast<void>(pool.borrowUntil(theFuture));
     } catch (const std::runtime_error&) {
     }
     told("dry", &pool, {1, 0});
-    told("wait_begin", &pool, {3});
-    told("wait_end", &pool, {3, 3});
+    told("wait_begin", &pool, {4});
+    told("wait_end", &pool, {4, 3});
     BusyClock::theWork = [&] { pool.close(); };
     static_cast<void>(pool.borrowUntil(theFuture));
     told("dry", &pool, {1, 0});
-    told("wait_begin", &pool, {4});
+    told("wait_begin", &pool, {5});
     told("closed", &pool, {4});
-    told("wait_end", &pool, {4, 2});
+    told("wait_end", &pool, {5, 2});
     pool.close();
     static_cast<void>(pool.tryBorrow());
     static_cast<void>(cache.tryBorrow());
