@@ -125,7 +125,7 @@ THROUGH_POINTERS = {
 }
 OF_OTHERS = {
     "X": r"__cxa_|_Unwind_|std::__throw_|std::terminate",
-    "P": r"pthread_mutex_",
+    "P": r"pthread_mutex(attr)?_",
     "K": r"\beventfd|syscall|\bclose\(|madvise",
     "T": r"steady_clock::now",
     "S": r"basic_ostream|basic_ios|ios_base|ostringstream",
