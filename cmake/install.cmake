@@ -1,5 +1,5 @@
-# What `cmake --install` puts into a prefix, and cpack into a package. A prefix may be moved afterwards: a file in it
-# that names a folder does so from where it stands itself.
+# What `cmake --install` puts into a prefix. A prefix may be moved afterwards: a file in it that names a folder does so
+# from where it stands itself.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 foreach(dir LIBDIR INCLUDEDIR)
@@ -36,26 +36,3 @@ if(GILVANE_MIMALLOC)
 endif()
 configure_file(cmake/gilvane.pc.in ${PROJECT_BINARY_DIR}/gilvane.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/gilvane.pc DESTINATION ${gilvane_pc_dir})
-
-# --- packages ---------------------------------------------------------------------------------------------------------
-
-# dpkg, which cpack asks for the architecture and for what the library depends on, knows this machine's alone.
-if(CMAKE_CROSSCOMPILING OR NOT PROJECT_IS_TOP_LEVEL)
-  return()
-endif()
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME libgilvane)
-set(CPACK_PACKAGE_DESCRIPTION "A pool owns memory blocks of one size and lends them by number.
-This package holds the static and the shared library, the headers, and what
-CMake and pkg-config need to find them, GDB's printers, and gvview.")
-set(CPACK_PACKAGE_CONTACT "Gilvane developers <developers@gilvane.invalid>")
-set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
-  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS python3) # gvview is written in it
-# Also has the system's list of shared libraries brought up to date.
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-include(CPack)

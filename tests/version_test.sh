@@ -42,6 +42,9 @@ cp -rP CMakeLists.txt ./*.md cmake docs include libsrc tools "$scratch/copy"
 header=$scratch/copy/libsrc/base/gvversion.h
 version=$(sed -nE 's/^#define GILVANE_VERSION_(MAJOR|MINOR|PATCH) //p' "$header" | paste -sd .)
 expect "$version"
+# Debian's tools read it in the list of their packages' changes.
+[[ $(sed -nE '1s/^gilvane \((.*)\) .*/\1/p' debian/changelog) == "$version" ]] ||
+    die "debian/changelog does not begin with version $version"
 
 sed -Ei 's/^(#define GILVANE_VERSION_MAJOR) .*/\1 7/; s/^(#define GILVANE_VERSION_MINOR) .*/\1 8/
     s/^(#define GILVANE_VERSION_PATCH) .*/\1 19/' "$header"

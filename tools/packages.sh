@@ -9,12 +9,15 @@ sitePackages=(cmake ninja-build g++ doxygen python3 libjs-lunr duktape)
 # To take its picture.
 sitePicturePackages=("${sitePackages[@]}" chromium fonts-dejavu-core)
 
+# To make Debian packages.
+packagingPackages=("${sitePackages[@]}" debhelper dpkg-dev)
+
 # To run the tests as well.
 testPackages=(
-    "${buildPackages[@]}" "${sitePackages[@]}"
+    "${buildPackages[@]}" "${sitePackages[@]}" "${packagingPackages[@]}" lintian meson
     clang libclang-rt-dev libc++-dev libc++abi-dev llvm clang-format clang-tidy libgtest-dev
     g++-arm-linux-gnueabihf qemu-user googletest abigail-tools python3
-    pkg-config dpkg-dev file libmimalloc-dev valgrind
+    pkg-config libmimalloc-dev valgrind
     gdb gdb-multiarch binutils systemtap-sdt-dev bpftrace
 )
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The library serves programs in each of the ways that it can be had: installed, by find_package and by pkg-config; from
-# its sources, by add_subdirectory; from the Debian package, which is unpacked here and never installed.
+# its sources, by add_subdirectory and by FetchContent. debian_test.sh has Debian's packages, meson_test.sh has Meson.
 #
 #   tests/install/install_test.sh SOURCE_DIR BUILD_DIR SCRATCH_DIR VERSION
 set -euo pipefail
@@ -30,6 +30,15 @@ expectHolds "the list of symbols" "$symbols" '^Gilvane::GVMemoryPool::releaseObj
 ! grep -vE '^(typeinfo for |typeinfo name for |vtable for )?Gilvane::' <<<"$symbols" ||
     fail "the shared library offers the symbols above"
 
+# The manual page has what --help has.
+options=$("$prefix/bin/gvview" --help | grep -oE -- '(^|[ ,])--?[a-z]+\b' | tr -d ' ,' | sort -u)
+[[ -n $options ]] || fail "gvview --help names no option"
+page=$(MANWIDTH=80 man --warnings -E ascii -l "$prefix/share/man/man1/gvview.1" 2>&1)
+for option in $options; do
+    expectHolds "gvview's manual page" "$page" "(^|[ ,])$option\b"
+done
+! grep -i warning <<<"$page" || fail "the manual page has the mistakes above"
+
 # --- find_package -----------------------------------------------------------------------------------------------------
 
 expectConsumerServed by_find_package static -DCMAKE_PREFIX_PATH="$prefix"
@@ -55,45 +64,35 @@ ask() { PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config "$@" gilvane; }
 # With this C library programs link without it; with older ones they do not.
 expectHolds "what static programs link with" "$(ask --static --libs)" ' -pthread\b'
 
-# --- the Debian package -----------------------------------------------------------------------------------------------
+# --- add_subdirectory and FetchContent --------------------------------------------------------------------------------
 
-# Made as a distributor would: an optimised build, the shared library for everyone who does not choose, and the folder
-# for libraries of this kind of machine. Moved after it has been unpacked.
-libdir=lib/$(g++ -print-multiarch)
-silently cmake --preset release -B "$scratch/release" -DBUILD_SHARED_LIBS=ON -DGILVANE_BUILD_EXAMPLES=OFF \
-    -DCMAKE_INSTALL_LIBDIR="$libdir"
-silently cmake --build "$scratch/release" -j 2
-silently cpack --config "$scratch/release/CPackConfig.cmake" -B "$scratch/package"
-package=$scratch/package/libgilvane_${version}_$(dpkg --print-architecture).deb
-[[ -f $package ]] || fail "cpack did not make $package"
-expectHolds "the package" "$(dpkg-deb --field "$package")" "^Package: libgilvane$" "^Version: $version$" \
-    "^Maintainer: Gilvane developers <" "^Depends: .*libc6 .*libstdc\+\+6 "
-dpkg-deb -x "$package" "$scratch/unpacked"
-mv "$scratch/unpacked/usr" "$scratch/moved"
-expectMovable "$scratch/moved"
-expectConsumerServed by_package shared -DCMAKE_PREFIX_PATH="$scratch/moved"
-compile "$scratch/moved/$libdir/pkgconfig" '^g\+\+ .*pkg-config --cflags --libs gilvane'
-expectServed shared env LD_LIBRARY_PATH="$scratch/moved/$libdir" "$scratch/by_pkg_config/program"
-
-# --- add_subdirectory -------------------------------------------------------------------------------------------------
+# expectNothingButTheLibrary BUILD CONSUMER: of the library's own project nothing reaches the consumer's but the library.
+expectNothingButTheLibrary() {
+    local added=$1 consumer=$2 commands targets
+    # Of its programs, not of the library's sources.
+    commands=$(grep -F '"command":' "$added/compile_commands.json" | grep -F -- "$consumer/main.cpp")
+    [[ -n $commands ]] || fail "no command compiles the consumer"
+    ! grep -E -- ' -(W|std=c\+\+17|fvisibility)' <<<"$commands" || fail "the library's flags leak into the commands above"
+    ! grep -E '^BUILD_SHARED_LIBS|^BUILD_TESTING' "$added/CMakeCache.txt" || fail "the options above were set for it"
+    targets=$(ninja -C "$added" -t targets all)
+    ! grep -E 'quickstart|parallel_gzip|gilvane_bench|gilvane_counted|_tests' <<<"$targets" ||
+        fail "more than the library is built"
+    [[ $(ctest --test-dir "$added" -N) == *"Total Tests: 0"* ]] || fail "the library's tests are among the program's"
+    silently cmake --install "$added" --prefix "$scratch/of_the_consumer"
+    [[ ! -e $scratch/of_the_consumer ]] || fail "the library is installed with the program"
+}
 
 consumer=$scratch/consumer
 cp -r tests/install/consumer "$consumer"
 ln -s "$PWD" "$consumer/gilvane"
 expectConsumerServed by_add_subdirectory static
+expectNothingButTheLibrary "$scratch/by_add_subdirectory" "$consumer"
 
-# The program's own project stays as it was.
-added=$scratch/by_add_subdirectory
-# Of its programs, not of the library's sources.
-commands=$(grep -F '"command":' "$added/compile_commands.json" | grep -F -- "$consumer/main.cpp")
-[[ -n $commands ]] || fail "no command compiles the consumer"
-! grep -E -- ' -(W|std=c\+\+17|fvisibility)' <<<"$commands" || fail "the library's flags leak into the commands above"
-! grep -E '^BUILD_SHARED_LIBS|^BUILD_TESTING' "$added/CMakeCache.txt" || fail "the options above were set for it"
-targets=$(ninja -C "$added" -t targets all)
-! grep -E 'quickstart|parallel_gzip|_tests' <<<"$targets" || fail "more than the library is built"
-[[ $(ctest --test-dir "$added" -N) == *"Total Tests: 0"* ]] || fail "the library's tests are among the program's"
-silently cmake --install "$added" --prefix "$scratch/of_the_consumer"
-[[ ! -e $scratch/of_the_consumer ]] || fail "the library is installed with the program"
+fetched=$scratch/by_fetch_content
+silently cmake -S tests/install/consumer -B "$fetched" -G Ninja -DGILVANE_FETCHED="$PWD"
+silently cmake --build "$fetched" -j 2 --target program
+expectServed static "$fetched/program"
+expectNothingButTheLibrary "$fetched" "$PWD/tests/install/consumer"
 
 # --- the README's lines for CMake -------------------------------------------------------------------------------------
 

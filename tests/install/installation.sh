@@ -34,6 +34,7 @@ expectInstalled() {
         printf 'lib/cmake/Gilvane/Gilvane%s.cmake\n' Config ConfigVersion Targets Targets-BUILDTYPE
         echo lib/pkgconfig/gilvane.pc
         echo bin/gvview
+        echo share/man/man1/gvview.1
         echo share/gdb/auto-load/gilvane/gilvane_gdb.py
         echo "lib/libgilvane.so.$version-gdb.py"
     } | sort) <(find "$prefix" ! -type d -printf '%P\n' | sed 's|Targets-[a-z]*|Targets-BUILDTYPE|' | sort) ||

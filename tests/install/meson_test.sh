@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# The installed library serves programs that Meson builds, by gilvane.pc. Ends with status 77 where there is no Meson.
+#
+#   tests/install/meson_test.sh SOURCE_DIR BUILD_DIR SCRATCH_DIR VERSION
+set -euo pipefail
+cd "$1"
+build=$2
+scratch=$3
+version=$4
+command -v meson >/dev/null || { echo "skipped: no meson here"; exit 77; }
+. tests/install/installation.sh
+rm -rf "$scratch"
+mkdir -p "$scratch"
+unset CXXFLAGS LDFLAGS DESTDIR LD_LIBRARY_PATH
+
+prefix=$scratch/prefix
+silently cmake --install "$build" --prefix "$prefix"
+cp -r tests/install/meson_consumer "$scratch/consumer"
+cp tests/install/consumer/main.cpp "$scratch/consumer"
+export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
+silently meson setup "$scratch/meson" "$scratch/consumer"
+silently ninja -C "$scratch/meson"
+expectServed shared env LD_LIBRARY_PATH="$prefix/lib" "$scratch/meson/program"
+expectServed static "$scratch/meson/program_static"
+
+# --- the README's line for Meson --------------------------------------------------------------------------------------
+
+shown=$(sed -n '/^```meson$/,/^```$/{//!p}' README.md | sed 's/ *#.*//')
+[[ -n $shown ]] || fail "README.md shows no lines for Meson"
+while IFS= read -r line; do
+    grep -qF -- "$line" tests/install/meson_consumer/meson.build ||
+        fail "README.md shows a line that the consumer does without: $line"
+done <<<"$shown"
+rm -rf "$scratch"
