@@ -2,16 +2,17 @@
 # The debugger shows what a program has in memory, and a pool's dump byte for byte as the program writes it: in the
 # process and in its core.
 #
-#   gdb_test.sh native   SOURCE_DIR WORK_FOLDER PROGRAM
-#   gdb_test.sh emulated SOURCE_DIR WORK_FOLDER PROGRAM LIBRARY_FOLDER SYSROOT EMULATOR...
+#   gdb_test.sh native   TRANSCRIPT SOURCE_DIR WORK_FOLDER PROGRAM
+#   gdb_test.sh emulated TRANSCRIPT SOURCE_DIR WORK_FOLDER PROGRAM LIBRARY_FOLDER SYSROOT EMULATOR...
 #
+# TRANSCRIPT names what the debugger is asked, and what it shall say: tests/gdb/TRANSCRIPT.transcript.
 # Natively, the debugger runs the program and writes the core. The emulator's core is its own, of the program that a
 # fault ended; the debugger finds the program's libraries in LIBRARY_FOLDER and below SYSROOT.
 set -euo pipefail
-kind=$1 source=$2 work=$3 program=$4
-shift 4
+kind=$1 transcript=$2 source=$3 work=$4 program=$5
+shift 5
 script=$source/tools/gdb/gilvane_gdb.py
-export GDB_TEST_TRANSCRIPT=$source/tests/gdb/printers.transcript GDB_TEST_WORK_FOLDER=$work GDB_TEST_PHASE
+export GDB_TEST_TRANSCRIPT=$source/tests/gdb/$transcript.transcript GDB_TEST_WORK_FOLDER=$work GDB_TEST_PHASE
 
 fail() {
     printf '%s\n' "$@" >&2

@@ -24,8 +24,10 @@ POOLS = {
 
 
 def answer(command):
+    # GDB warns where it looks for the class that a pointer of the hardened build points to, and standard error comes in
+    # here, too.
     try:
-        return gdb.execute(command, to_string=True)
+        return re.sub(r"^warning: RTTI symbol not found.*\n", "", gdb.execute(command, to_string=True), flags=re.MULTILINE)
     except gdb.error as problem:
         return "%s\n" % problem
 
@@ -47,6 +49,8 @@ transcript = ""
 for command in commands:
     said = re.sub(r"^\$\d+ = ", "", answer(command))
     said = re.sub(r"\b0x[0-9a-f]+\b", lambda found: names.get(found[0], found[0]), said)
+    said = re.sub(r"\bthread (\d+)\b", lambda found: names.get("thread:" + found[1], found[0]), said)
+    said = re.sub(r" at \S*/(\w+\.cpp):\d+", r" at \1:LINE", said)
     transcript += "(gdb) %s\n%s\n" % (command, said.rstrip("\n") + "\n")
 write(phase + ".transcript", transcript)
 

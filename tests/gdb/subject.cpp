@@ -4,10 +4,17 @@
 //
 // Writes into WORK_FOLDER the dump of each pool, and names for the addresses that a debugger will show; then calls
 // lookAround, where a debugger stops. With `core`, a fault ends the process there.
+#include <gilvane/base/gvallocationbudget.h>
 #include <gilvane/base/gvexception.h>
+#include <gilvane/base/gvstdallocator.h>
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvmemorypoolinspector.h>
+#include <gilvane/utilities/gvobjectlease.h>
+#include <gilvane/utilities/gvpoolresource.h>
 #include <gilvane/utilities/gvsharedpool.h>
+#include <gilvane/utilities/gvsharedtokenlease.h>
 #include <gilvane/utilities/gvtokencache.h>
+#include <gilvane/utilities/gvtokenlease.h>
 
 #include "gvtestpeer.h"
 
@@ -15,13 +22,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory_resource>
+#include <new>
 #include <string>
+
+#include <unistd.h>
 
 using namespace Gilvane;
 
 using Peer = GVTestPeer;
 using Words = GVHashTable<int, const char*>;
 using PoolPointer = GVSmartPointer<GVMemoryPool>;
+using NumberLease = GVObjectLease<int>;
 
 // The debugger finds these by name, however much the compiler optimises.
 alignas(GVMemoryPool) char zeros[1024];
@@ -31,6 +43,8 @@ TokenTable *tableWithoutSlots, *tableOfOddSize, *tableOfWrongCount, *copiedTable
 GVMemoryPoolObject *plainBlock, *emptyBlock, *damagedBlock;
 GVMemoryPool *poolPointer, *nullPointer, *damagedPool, *unreadablePool;
 PoolPointer *damagedPointer, *unreadablePointer;
+GVTokenLease* damagedLease;
+GVMemoryPoolInspector* damagedInspector;
 
 namespace {
 
@@ -77,6 +91,28 @@ Words::Entry* firstInState(Words& words, unsigned int state) {
         ++entry;
     }
     return entry;
+}
+
+unsigned int allocationsLeft = 0;
+
+void* allocateAFew(unsigned int numberOfBytes) {
+    if (allocationsLeft == 0) {
+        return nullptr;
+    }
+    --allocationsLeft;
+    return std::malloc(numberOfBytes);
+}
+
+// Builds a block that its pool's table has no room for: nobody can borrow it.
+void buildABlockThatIsNeverLent(GVMemoryPool& pool) {
+    allocationsLeft = 2; // the block's object and its bytes
+    GVObject::SetAllocationHooks(&allocateAFew, &std::free);
+    try {
+        pool.resizePool(Peer::table(pool).getUsedCount() + 1);
+    } catch (const std::bad_alloc&) {
+        // As it should be.
+    }
+    GVObject::SetAllocationHooks(nullptr, nullptr);
 }
 
 } // namespace
@@ -172,6 +208,74 @@ int main(int numberOfArguments, char** arguments) {
     name(&threadPool, "thread pool");
     nameParts(Peer::innerPool(threadPool), "inner pool");
 
+    Peer::nextToken() = 4000;
+    GVMemoryPool leasePool(2, 24, false);
+    GVMemoryPool bytelessPool(1, 0, false);
+    GVSharedPool leaseThreads(3, 24);
+    const GVTokenLease tokenLease(leasePool);
+    const GVTokenLease bytelessLease(bytelessPool);
+    const GVTokenLease emptyLease;
+    const GVSharedTokenLease sharedLease(leaseThreads);
+    const NumberLease numberLease(leaseThreads, 42);
+    const NumberLease plainNumberLease(leasePool, 43);
+    const NumberLease emptyNumberLease;
+    damagedLease = bytesOf(bytelessLease);
+    Peer::lengthOf(*damagedLease) = 24;
+    name(&leasePool, "lease pool");
+    name(&bytelessPool, "byteless pool");
+    name(&leaseThreads, "lease threads");
+    name(tokenLease.getBytes(), "bytes of lease");
+    name(sharedLease.getBytes(), "bytes of shared lease");
+    name(numberLease.get(), "number of lease");
+    name(plainNumberLease.get(), "number of plain lease");
+
+    Peer::nextToken() = 4100;
+    GVMemoryPool crowdedPool(5, 16, false); // 8 slots, which five blocks fill to two thirds
+    const unsigned int lentToken = crowdedPool.getTokenForFreeMemoryObject();
+    buildABlockThatIsNeverLent(crowdedPool);
+    Peer::freeTokens(crowdedPool).push_back(4100);
+    Peer::freeTokens(crowdedPool).push_back(17);
+    for (const unsigned int token : {4100U, 4101U, lentToken, 4105U}) {
+        name(crowdedPool.getMemoryForToken(token), "bytes of block " + std::to_string(token));
+    }
+    for (const unsigned int token : {cacheToken, secondToken, secondToken - 1}) {
+        name(threadPool.getMemoryForToken(token), "bytes of block " + std::to_string(token));
+    }
+    const GVMemoryPoolInspector inspector(leasePool);
+    const GVMemoryPoolInspector crowdedInspector(crowdedPool);
+    name(&crowdedPool, "crowded pool");
+
+    damagedInspector = bytesOf(inspector);
+    Peer::freeBlockCount(*damagedInspector) = 9;
+
+    constexpr unsigned int bytesForEight = alignof(std::max_align_t) + 8;
+    GVMemoryPool resourcePool(1, bytesForEight, false);
+    GVSharedPool resourceThreads(2, bytesForEight);
+    GVTokenCache resourceCache(resourceThreads, 1);
+    GVPoolResource poolResource(resourcePool);
+    GVPoolResource threadsResource(resourceThreads);
+    GVPoolResource cacheResource(resourceCache);
+    name(&resourcePool, "resource pool");
+    name(&resourceThreads, "resource threads");
+    name(&resourceCache, "resource cache");
+    name(std::pmr::get_default_resource(), "default resource");
+
+    if constexpr (detail::isHardened) {
+        using std::chrono::steady_clock;
+        const unsigned int third = *leaseThreads.tryBorrow();
+        name(leaseThreads.getMemoryForToken(third), "bytes of third loan");
+        GVSharedLoan& oldest = Peer::loanOf(leaseThreads, sharedLease.getToken());
+        GVSharedLoan& newest = Peer::loanOf(leaseThreads, numberLease.getToken());
+        oldest.theBegin = steady_clock::time_point(std::chrono::hours(1));
+        newest.theBegin = oldest.theBegin + std::chrono::milliseconds(2500);
+        Peer::loanOf(leaseThreads, third).theBegin = newest.theBegin;
+        newest.theFrames[0] = reinterpret_cast<unsigned char*>(&lookAround) + 1;
+        newest.theFrames[1] = reinterpret_cast<void*>(std::uintptr_t{64});
+        newest.theFrameCount = 2;
+        name(newest.theFrames[0], "in lookAround");
+        theNames << "thread:" << oldest.theThread << " [main thread]\n";
+    }
+
     const GVException exception("A \"quoted\"\ttext.", "libsrc/utilities/gvmemorypool", 17, gvoutofmemory, -3);
     const GVException ordinaryExceptions[] = {{"State", "a file", 1, gvinvalidstate, 0},
                                               {"Iterator", "a file", 2, gviteratormisuse, 0},
@@ -183,6 +287,22 @@ int main(int numberOfArguments, char** arguments) {
     dump(largePool, "largePool");
     dump(*shared, "shared");
     dump(Peer::innerPool(threadPool), "threadPool");
+
+    // The library asks for 100 bytes and for 60 with their header words, behind which the arena aligns: on every target
+    // these are the sums.
+    GVStdAllocator<char> characters;
+    const GVAllocationBudget budget(500);
+    static_cast<void>(characters.allocate(100 - sizeof(void*)));
+    try {
+        static_cast<void>(characters.allocate(450 - sizeof(void*)));
+    } catch (const std::bad_alloc&) {
+        // Beyond the budget.
+    }
+    alignas(std::max_align_t) static unsigned char range[1000 + alignof(std::max_align_t)];
+    unsigned char* const firstByte = range + alignof(std::max_align_t) - sizeof(void*);
+    const GVAllocationArena arena(firstByte, 1000);
+    static_cast<void>(characters.allocate(60 - sizeof(void*)));
+    name(firstByte, "range of arena");
     theNames.close();
 
     const void* const objects[] = {
@@ -202,6 +322,21 @@ int main(int numberOfArguments, char** arguments) {
         &borrowed,
         &threadPool,
         &tokenCache,
+        &tokenLease,
+        &bytelessLease,
+        &emptyLease,
+        &sharedLease,
+        &numberLease,
+        &plainNumberLease,
+        &emptyNumberLease,
+        &crowdedPool,
+        &inspector,
+        &crowdedInspector,
+        &poolResource,
+        &threadsResource,
+        &cacheResource,
+        &arena,
+        &budget,
         &exception,
         &sharedAgain,
         &emptyPointer,

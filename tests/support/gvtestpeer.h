@@ -84,6 +84,15 @@ struct GVTestPeer {
     static GVMutexHandle*& mutexHandle(GVMemoryPool& pool) { return pool.theMutexHandle; }
     static bool& useMutexHandle(GVMemoryPool& pool) { return pool.useMutexHandle; }
 
+    // Leases
+    template <typename Lease>
+    static unsigned int& lengthOf(Lease& lease) {
+        return lease.theLength;
+    }
+
+    // Inspectors
+    static std::size_t& freeBlockCount(GVMemoryPoolInspector& inspector) { return inspector.theFreeBlockCount; }
+
     // Shared pools
     static GVMemoryPool& innerPool(GVSharedPool& pool) { return pool.thePool; }
     static detail::GVAtomicWord& attention(GVSharedPool& pool) { return pool.theAttention; }
