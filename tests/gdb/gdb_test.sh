@@ -4,9 +4,11 @@
 #
 #   gdb_test.sh native   SOURCE_DIR WORK_FOLDER PROGRAM
 #   gdb_test.sh emulated SOURCE_DIR WORK_FOLDER PROGRAM LIBRARY_FOLDER SYSROOT EMULATOR...
+#   gdb_test.sh carried  SOURCE_DIR WORK_FOLDER PROGRAM FOLDER CORE
 #
 # Natively, the debugger runs the program and writes the core. The emulator's core is its own, of the program that a
-# fault ended; the debugger finds the program's libraries in LIBRARY_FOLDER and below SYSROOT.
+# fault ended; the debugger finds the program's libraries in LIBRARY_FOLDER and below SYSROOT. What is carried was
+# written in another machine: CORE by its kernel, and by the program, which has its libraries in it, all else in FOLDER.
 set -euo pipefail
 kind=$1 source=$2 work=$3 program=$4
 shift 4
@@ -49,6 +51,12 @@ if [[ $kind == native ]]; then
     check process
     GDB_TEST_PHASE=core
     debug gdb -batch -nx -ex "source $script" -ex "source $source/tests/gdb/look.py" "$program" "$work/core"
+    check core
+elif [[ $kind == carried ]]; then
+    cp "$1"/* .
+    GDB_TEST_PHASE=core
+    debug gdb-multiarch -batch -nx -ex "file $program" -ex "core-file $2" -ex "source $script" \
+        -ex "source $source/tests/gdb/look.py"
     check core
 else
     libraries=$1 sysroot=$2
