@@ -29,9 +29,9 @@ import stamps  # noqa: E402
 
 # In the order of a reader's questions: what may go wrong, is it noticed, is everything reached, would a fault be seen.
 # They run side by side, as many as there are processors, but for those that use all processors by themselves.
-PARTS = ["failures", "misuse", "model", "interleavings", "sharing", "threads", "valgrind", "platforms", "coverage",
-         "mutants"]
-ON_ALL_PROCESSORS = ["platforms", "mutants"]
+PARTS = ["failures", "misuse", "model", "interleavings", "sharing", "threads", "valgrind", "platforms", "target",
+         "coverage", "mutants"]
+ON_ALL_PROCESSORS = ["platforms", "target", "mutants"]
 LONGEST = "model"  # begins first
 ARM = "arm-linux-gnueabihf-g++"
 SANITIZED = "-O1 -g -fsanitize=address,undefined -fno-sanitize-recover=all"

@@ -25,6 +25,7 @@ testPackages=(
 provePackages=(
     "${testPackages[@]}" clang-19 llvm-19 libclang-rt-19-dev valgrind libc6-dbg
     g++-aarch64-linux-gnu g++-riscv64-linux-gnu g++-s390x-linux-gnu g++-i686-linux-gnu g++-arm-linux-gnueabi
+    qemu-system-arm cpio
 )
 
 # To take the figures of embedded use.

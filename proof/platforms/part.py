@@ -14,6 +14,7 @@ import typing
 
 import embedded
 import stamps
+import suites
 from driver import ROOT, emulator, text, words
 
 
@@ -65,27 +66,13 @@ def version(proof, program):
     return output(proof, [program, "--version"]).splitlines()[0]
 
 
-def count(pattern, said):
-    found = re.search(pattern, said, re.MULTILINE)
-    return int(found[1]) if found else 0
-
-
 def suite(proof, name, command, environment=None):
     """Runs a program of tests. Returns how many have run, how many of these were skipped, and what is wrong."""
-    listed = len(re.findall(r"^  (?!DISABLED_)\w", output(proof, [*command, "--gtest_list_tests"]), re.MULTILINE))
+    tests = suites.listed(output(proof, [*command, "--gtest_list_tests"]))
     log = proof.folder / name / command[-1].name
     status = proof.run(command, log, 900, environment)
-    said = text(log)
-    ran = count(r"^\[=+\] (\d+) tests? from .* ran\.", said)
-    passed = count(r"^\[  PASSED  \] (\d+) tests?\.", said)
-    skipped = count(r"^\[  SKIPPED \] (\d+) tests?, listed below:", said)
-    wrong = []
-    if listed == 0 or ran != listed:
-        wrong.append(f"{command[-1].name} lists {listed} tests, and {ran} have run")
-    if status != 0 or passed + skipped != ran:
-        failed = re.findall(r"^\[  FAILED  \] (\w+\.[\w/]+)$", said, re.MULTILINE)
-        wrong.append(f"{command[-1].name} ended with status {status}; {' '.join(failed) or 'no test failed'}: {log}")
-    return ran, skipped, wrong
+    ran, skipped, wrong = suites.outcome(command[-1].name, tests, status, text(log))
+    return ran, skipped, [f"{what}: {log}" for what in wrong]
 
 
 def mustNotice(proof, name, command):

@@ -4,10 +4,12 @@
 #
 #   gdb_test.sh native   TRANSCRIPT SOURCE_DIR WORK_FOLDER PROGRAM
 #   gdb_test.sh emulated TRANSCRIPT SOURCE_DIR WORK_FOLDER PROGRAM LIBRARY_FOLDER SYSROOT EMULATOR...
+#   gdb_test.sh carried  TRANSCRIPT SOURCE_DIR WORK_FOLDER PROGRAM FOLDER CORE
 #
 # TRANSCRIPT names what the debugger is asked, and what it shall say: tests/gdb/TRANSCRIPT.transcript.
 # Natively, the debugger runs the program and writes the core. The emulator's core is its own, of the program that a
-# fault ended; the debugger finds the program's libraries in LIBRARY_FOLDER and below SYSROOT.
+# fault ended; the debugger finds the program's libraries in LIBRARY_FOLDER and below SYSROOT. What is carried was
+# written in another machine: CORE by its kernel, and by the program, which has its libraries in it, all else in FOLDER.
 set -euo pipefail
 kind=$1 transcript=$2 source=$3 work=$4 program=$5
 shift 5
@@ -50,6 +52,12 @@ if [[ $kind == native ]]; then
     check process
     GDB_TEST_PHASE=core
     debug gdb -batch -nx -ex "source $script" -ex "source $source/tests/gdb/look.py" "$program" "$work/core"
+    check core
+elif [[ $kind == carried ]]; then
+    cp "$1"/* .
+    GDB_TEST_PHASE=core
+    debug gdb-multiarch -batch -nx -ex "file $program" -ex "core-file $2" -ex "source $script" \
+        -ex "source $source/tests/gdb/look.py"
     check core
 else
     libraries=$1 sysroot=$2
