@@ -4,6 +4,7 @@
 #define GILVANE_TESTS_SUPPORT_GVTESTPEER_H
 
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvmemorypoolinspector.h>
 #include <gilvane/utilities/gvsharedpool.h>
 #include <gilvane/utilities/gvtokencache.h>
 
