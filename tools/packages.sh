@@ -17,7 +17,7 @@ testPackages=(
     "${buildPackages[@]}" "${sitePackages[@]}" "${packagingPackages[@]}" lintian meson
     clang libclang-rt-dev libc++-dev libc++abi-dev llvm clang-format clang-tidy libgtest-dev
     g++-arm-linux-gnueabihf qemu-user googletest abigail-tools python3
-    pkg-config libmimalloc-dev valgrind
+    pkg-config man-db libmimalloc-dev valgrind
     gdb gdb-multiarch binutils systemtap-sdt-dev bpftrace
 )
 

@@ -23,12 +23,14 @@ silently ninja -C "$scratch/meson"
 expectServed shared env LD_LIBRARY_PATH="$prefix/lib" "$scratch/meson/program"
 expectServed static "$scratch/meson/program_static"
 
-# --- the README's line for Meson --------------------------------------------------------------------------------------
+# --- what the documents show for Meson --------------------------------------------------------------------------------
 
-shown=$(sed -n '/^```meson$/,/^```$/{//!p}' README.md | sed 's/ *#.*//')
-[[ -n $shown ]] || fail "README.md shows no lines for Meson"
-while IFS= read -r line; do
-    grep -qF -- "$line" tests/install/meson_consumer/meson.build ||
-        fail "README.md shows a line that the consumer does without: $line"
-done <<<"$shown"
+for page in README.md docs/installing.md; do
+    shown=$(sed -n '/^```meson$/,/^```$/{//!p}' "$page")
+    [[ -n $shown ]] || fail "$page shows no lines for Meson"
+    while IFS= read -r line; do
+        grep -qxF -- "$line" tests/install/meson_consumer/meson.build ||
+            fail "$page shows a line that the consumer does without: $line"
+    done <<<"$shown"
+done
 rm -rf "$scratch"
