@@ -476,6 +476,7 @@ TEST(HardenedLoanReport, endsWithTheTraceIfThereIsOne) {
         frameCount = GVTestPeer::loanOf(pool, *pool.tryBorrow()).theFrameCount;
     });
     EXPECT_NE(frameCount, 0U);
+    EXPECT_EQ(report.find("gilvane: "), 0U);
     EXPECT_EQ(std::count(report.begin(), report.end(), '\n'), 1 + static_cast<std::ptrdiff_t>(frameCount)) << report;
 }
 
