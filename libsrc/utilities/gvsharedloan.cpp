@@ -34,10 +34,8 @@ GVLoanRecords::GVLoanRecords(unsigned int firstToken, unsigned int span)
     std::uninitialized_default_construct_n(theRecords, span);
 }
 
-GVLoanRecords::~GVLoanRecords() {
-    std::destroy_n(theRecords, theSpan);
-    GVStdAllocator<GVSharedLoan>().deallocate(theRecords, 0);
-}
+// Loans own nothing: their destructors are not missed.
+GVLoanRecords::~GVLoanRecords() { GVStdAllocator<GVSharedLoan>().deallocate(theRecords, 0); }
 
 // Not inline: the trace's first frame is this function's own, and left out.
 [[gnu::noinline]] void GVLoanRecords::begin(unsigned int token) noexcept {
@@ -99,7 +97,7 @@ void GVLoanRecords::report(const void* pool) const noexcept {
     dprintf(
         STDERR_FILENO,
         "gilvane: ~GVSharedPool: pool %p: blocks still lent: %u, the oldest is token %u, loan %llu, borrowed by thread "
-        "%d %lld ms ago\n",
+        "%d, %lld ms ago\n",
         pool, count, oldest->theToken, static_cast<unsigned long long>(oldest->theNumber),
         static_cast<int>(oldest->theThread), static_cast<long long>(age.count()));
     backtrace_symbols_fd(oldest->theFrames, static_cast<int>(oldest->theFrameCount), STDERR_FILENO);

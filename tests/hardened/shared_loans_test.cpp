@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include <malloc.h>
 #include <unistd.h>
 
 namespace Gilvane {
@@ -69,7 +70,7 @@ std::string reportAfter(Use use) {
     return ::testing::internal::GetCapturedStderr();
 }
 
-TEST(HardenedLoan, beginsAsNone) {
+TEST(HardenedLoans, beginAsNone) {
     const GVSharedLoan loan;
     EXPECT_EQ(loan.theToken, 0U);
     EXPECT_EQ(loan.theNumber, 0U);
@@ -346,6 +347,23 @@ TEST(HardenedLoanRecords, areMadeAtConstructionSoThatLendingAllocatesNothing) {
     EXPECT_EQ(ledger.liveBlocks().size(), 0U);
 }
 
+#if defined(__GLIBC__)
+// A process of its own traces nothing before.
+TEST(HardenedLoanTraces, loadWhatTheyNeedWhenTheyAreSwitchedOnAndNotWithTheFirstLoan) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            GVSharedPool pool(1, 16);
+            pool.setLoanTraceInterval(1);
+            const std::size_t before = mallinfo2().uordblks;
+            const bool isTraced = GVTestPeer::loanOf(pool, *pool.tryBorrow()).theFrameCount != 0;
+            _exit(isTraced && mallinfo2().uordblks == before ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+    GTEST_FLAG_SET(death_test_style, "fast");
+}
+#endif
+
 TEST(HardenedLoanRecords, thatAreRefusedRefuseThePool) {
     HookLedger ledger;
     std::size_t before = 0;
@@ -429,7 +447,7 @@ TEST(HardenedLoanReport, isOneLineThatNamesTheOldestLoan) {
     const std::string beginning = "gilvane: ~GVSharedPool: pool ";
     EXPECT_EQ(report.substr(0, beginning.size() + 2), beginning + "0x");
     const std::string who = ": blocks still lent: 3, the oldest is token 16, loan 2, borrowed by thread " +
-                            std::to_string(gettid()) + " 36000";
+                            std::to_string(gettid()) + ", 36000";
     EXPECT_NE(report.find(who), std::string::npos) << report;
     EXPECT_EQ(report.substr(report.size() - 8), " ms ago\n");
     EXPECT_EQ(report.find('\n'), report.size() - 1);
@@ -458,6 +476,7 @@ TEST(HardenedLoanReport, endsWithTheTraceIfThereIsOne) {
         frameCount = GVTestPeer::loanOf(pool, *pool.tryBorrow()).theFrameCount;
     });
     EXPECT_NE(frameCount, 0U);
+    EXPECT_EQ(report.find("gilvane: "), 0U);
     EXPECT_EQ(std::count(report.begin(), report.end(), '\n'), 1 + static_cast<std::ptrdiff_t>(frameCount)) << report;
 }
 

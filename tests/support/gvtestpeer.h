@@ -92,7 +92,10 @@ struct GVTestPeer {
     }
 
     // Inspectors
-    static std::size_t& freeBlockCount(GVMemoryPoolInspector& inspector) { return inspector.theFreeBlockCount; }
+    template <typename Inspector>
+    static std::size_t& freeBlockCount(Inspector& inspector) {
+        return inspector.theFreeBlockCount;
+    }
 
     // Shared pools
     static GVMemoryPool& innerPool(GVSharedPool& pool) { return pool.thePool; }
