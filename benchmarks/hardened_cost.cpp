@@ -1,7 +1,12 @@
 // What valgrind's callgrind counts the instructions of, once with the default library and once with the hardened one:
-// tools/renewal/hardened-cost builds and runs it.
+// tools/renewal/hardened-cost builds and runs it. It writes the bytes that a block of a shared pool takes.
+#include <gilvane/base/gvallocationbudget.h>
 #include <gilvane/utilities/gvmemorypool.h>
+#include <gilvane/utilities/gvsharedpool.h>
+#include <gilvane/utilities/gvtokencache.h>
 
+#include <cstddef>
+#include <iostream>
 #include <string>
 #include <vector>
 
@@ -9,7 +14,10 @@
 
 namespace {
 
+using Gilvane::GVAllocationBudget;
 using Gilvane::GVMemoryPool;
+using Gilvane::GVSharedPool;
+using Gilvane::GVTokenCache;
 
 constexpr unsigned int repetitions = 512;
 
@@ -47,6 +55,35 @@ void countWithFreeTokens(unsigned int freeTokens) {
     });
 }
 
+template <typename Lender>
+void countLoansOf(const std::string& name, Lender& made) {
+    Lender* lender = &made;
+    count(name, [&](unsigned int) {
+        escape(lender);
+        unsigned int token = *lender->tryBorrow();
+        escape(token);
+        lender->releaseObject(token);
+    });
+}
+
+void countSharedPools() {
+    GVSharedPool pool(64, 64);
+    countLoansOf("shared", pool);
+    {
+        GVTokenCache cache(pool, 16);
+        countLoansOf("cache", cache);
+    }
+    pool.setLoanTraceInterval(1);
+    countLoansOf("traced", pool);
+}
+
+// The header words of blocks that the library asks for are counted in.
+std::size_t bytesOfSharedPool(unsigned int numberOfBlocks) {
+    const GVAllocationBudget budget;
+    const GVSharedPool pool(numberOfBlocks, 64);
+    return GVAllocationBudget::GetLiveBytes();
+}
+
 } // namespace
 
 int main() {
@@ -65,4 +102,7 @@ int main() {
     for (const unsigned int freeTokens : {0U, 10U, 100U, 1000U, 10000U}) {
         countWithFreeTokens(freeTokens);
     }
+    countSharedPools();
+    // Both have tables of 8192 slots.
+    std::cout << (bytesOfSharedPool(3600) - bytesOfSharedPool(3500)) / 100 << "\n";
 }
