@@ -223,7 +223,9 @@ std::string padded(std::string text) {
 // A member's header, as POSIX has it: texts and octal numbers at fixed places.
 std::string tarHeader(const std::string& name, std::size_t bytes) {
     std::string header(tarBlock, '\0');
-    const auto put = [&header](std::size_t place, const std::string& text) { header.replace(place, text.size(), text); };
+    const auto put = [&header](std::size_t place, const std::string& text) {
+        header.replace(place, text.size(), text);
+    };
     const auto octal = [](std::size_t number, int digits) {
         char text[16];
         std::snprintf(text, sizeof text, "%0*zo", digits, number);

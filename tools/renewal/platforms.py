@@ -132,7 +132,8 @@ planted.
 |---|---|---|---|---|---|
 {rows}
 {without}Tests are skipped where an emulator does not hand on to the kernel what they watch: advice about huge pages, and limits
-of memory. `./test` alone has the tests of documents, scripts, the debugger, installations and examples.
+of memory. `./prove target` has the latter, on a kernel of ARM. `./test` alone has the tests of documents, scripts, the
+debugger, installations and examples.
 
 [Layout](layout.md) has the classes on `armhf` and `x86-64`. These lie otherwise on another platform with words of the
 same length: size in bytes, and alignment.
