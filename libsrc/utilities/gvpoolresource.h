@@ -144,6 +144,7 @@ class GVPoolResource : public std::pmr::memory_resource, public GVObject {
         : thePool(pool), theSharedPool(sharedPool), theCache(cache), theUpstream(upstream),
           theSmallEnd(bytesInEachBlock < headerBytes ? 0 : bytesInEachBlock - headerBytes + 1) {}
 
+    bool hasNoLock() const noexcept { return thePool != nullptr && !thePool->useMutexHandle; }
     Loan borrow(std::size_t bytes);
     template <typename Lender>
     static Loan borrowFrom(Lender& lender);
@@ -171,7 +172,7 @@ inline void* GVPoolResource::do_allocate(std::size_t bytes, std::size_t alignmen
     if (detail::expectFalse(!isSmall(bytes, alignment))) {
         return theUpstream->allocate(bytes, alignment);
     }
-    const Loan loan = thePool != nullptr && !thePool->useMutexHandle ? takeFrom(*thePool, bytes) : borrow(bytes);
+    const Loan loan = hasNoLock() ? takeFrom(*thePool, bytes) : borrow(bytes);
     if (detail::expectFalse(!isUsable(loan, alignment))) {
         return allocateBehind(bytes, loan);
     }

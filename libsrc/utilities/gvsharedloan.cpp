@@ -29,8 +29,9 @@ pid_t thisThread() noexcept {
 
 } // namespace
 
-GVLoanRecords::GVLoanRecords(unsigned int firstToken, unsigned int span)
-    : theFirstToken(firstToken), theSpan(span), theRecords(GVStdAllocator<GVSharedLoan>().allocate(span)) {
+GVLoanRecords::GVLoanRecords(unsigned int firstToken, unsigned int span, GVMutexProtocol protocol)
+    : theLock(protocol), theFirstToken(firstToken), theSpan(span),
+      theRecords(GVStdAllocator<GVSharedLoan>().allocate(span)) {
     std::uninitialized_default_construct_n(theRecords, span);
 }
 

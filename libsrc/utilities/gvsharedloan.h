@@ -48,10 +48,12 @@ namespace detail {
 class GVLoanRecords : public GVObject {
   public:
     /// Records for tokens in a row, none of them lent.
+    /// @param protocol  of the records' lock: the pool's
     /// @throws GVException     kind gvoutofmemory: no POSIX mutex
     /// @throws std::bad_alloc  no memory for the records or for the exception's own texts; they need more bytes than the
     ///                         hooks' 32 bits can say
-    GILVANE_HARDENED_ONLY GVLoanRecords(unsigned int firstToken, unsigned int span);
+    GILVANE_HARDENED_ONLY GVLoanRecords(unsigned int firstToken, unsigned int span,
+                                        GVMutexProtocol protocol = gvnoprotocol);
 
     /// Not copied: a pool's loans are noted once.
     GVLoanRecords(const GVLoanRecords&) = delete;

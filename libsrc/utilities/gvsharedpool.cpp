@@ -354,7 +354,7 @@ GVSharedPool::GVSharedPool(unsigned int numberOfObjects, unsigned int bytesPerOb
     const unsigned int span = freeTokens.back() - firstToken + 1;
     std::unique_ptr<detail::GVLoanRecords> loans;
     if constexpr (detail::isHardened) {
-        loans = std::make_unique<detail::GVLoanRecords>(firstToken, span);
+        loans = std::make_unique<detail::GVLoanRecords>(firstToken, span, protocol);
     }
     detail::GVSharedBlock* const blocks = GVStdAllocator<detail::GVSharedBlock>().allocate(span);
     // Nothing throws from here on.

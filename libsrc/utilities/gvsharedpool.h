@@ -404,7 +404,7 @@ class GILVANE_EXPORT GVSharedPoolAccess {
     static const GVMemoryPool& innerPool(const GVSharedPool& pool) noexcept { return pool.thePool; }
     static GVPlainLock& lock(const GVSharedPool& pool) noexcept { return pool.theLock; }
     /// Where the hardened build notes loans.
-    static GVLoanRecords& loans(const GVSharedPool& pool) noexcept { return *pool.theLoans; }
+    GILVANE_HARDENED_ONLY static GVLoanRecords& loans(const GVSharedPool& pool) noexcept;
     /// The address of a token's block, or what the pool throws for a token that it does not take.
     static void* findOrRefuse(const GVSharedPool& pool, unsigned int token) { return pool.findOrRefuse(token); }
     /// Throws what the pool throws for a token that it does not take.

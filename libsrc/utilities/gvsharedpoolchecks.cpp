@@ -1,4 +1,4 @@
-// What the hardened build checks in the use of a shared pool.
+// What the hardened build checks in the use of a shared pool, and where it notes loans.
 #include <gilvane/base/gvhardened.h>
 #include <gilvane/utilities/gvsharedpool.h>
 
@@ -12,5 +12,11 @@ void GVSharedPool::checkThatNobodyUsesIt() const {
         detail::reportMisuse("~GVSharedPool: pool %p: a cache is alive", static_cast<const void*>(this));
     }
 }
+
+namespace detail {
+
+GVLoanRecords& GVSharedPoolAccess::loans(const GVSharedPool& pool) noexcept { return *pool.theLoans; }
+
+} // namespace detail
 
 } // namespace Gilvane
