@@ -1,19 +1,19 @@
-"""Runs the suite and more on Debian's own kernel for 32-bit ARM, in a machine that qemu emulates as a whole. It has four
-processors, 256 MB, and no network. Its first process, init.cpp, does what a plan says, tells of it on the console, and
-switches the machine off. What is to be looked at later it writes to a disk. fetch-kernel gets the kernel: it needs the
-network the first time, and 200 MB of disk.
+"""Runs the suite and more on Debian's own kernel for 32-bit ARM, in a machine that qemu emulates as a whole. It has
+four processors, 256 MB, and no network. Its first process, init.cpp, does what a plan says, tells of it on the console,
+and switches the machine off. What is to be looked at later it writes to a disk. fetch-kernel gets the kernel: it needs
+the network the first time, and 200 MB of disk.
 
 An emulator of programs leaves these to this machine's kernel, or does them itself:
 
 - threads on several processors, and the kernel's futexes: each of the processors must have done a part of each storm;
 - memory that is refused: refusal_test.cpp;
-- the end of a program that accesses what is not aligned. The kernel is told to end it, and must have had no other reason
-  for it than the accesses that are planted: the suite has none;
+- the end of a program that accesses what is not aligned. The kernel is told to end it, and must have had no other
+  reason for it than the accesses that are planted: the suite has none;
 - cores: the kernel writes them, and the debugger shows what is in them.
 
 qemu translates the programs for this machine's processors, which order accesses to memory more strictly than ARM does:
-what only a processor of weak order shows is not seen here. One test is skipped, since this kernel has no transparent huge
-pages.
+what only a processor of weak order shows is not seen here. One test is skipped, since this kernel has no transparent
+huge pages.
 
 The short form runs no suite, and one storm."""
 
