@@ -344,6 +344,7 @@ TEST(HardenedLoanRecords, areMadeAtConstructionSoThatLendingAllocatesNothing) {
     const HookLedger ledger;
     {
         GVSharedPool pool(50, 16);
+        EXPECT_EQ(loansOf(pool).size(), 0U) << "though the memory is not empty";
         GVTokenCache cache(pool, 8);
         const std::size_t before = ledger.allocationCount();
         pool.setLoanTraceInterval(1);
