@@ -72,7 +72,8 @@ bool GVLoanRecords::findLoan(unsigned int& index, std::chrono::steady_clock::tim
     while (index < theSpan) {
         const std::lock_guard<GVPlainLock> guard(theLock);
         const GVSharedLoan& record = theRecords[index++];
-        if (record.theNumber != 0 && inSeconds(now - record.theBegin) >= seconds) {
+        const bool isOldEnough = inSeconds(now - record.theBegin) >= seconds;
+        if (record.theNumber != 0 && isOldEnough) {
             loan = record;
             return true;
         }
