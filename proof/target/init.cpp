@@ -74,7 +74,7 @@ void write(const std::string& path, const std::string& text) {
     must(file.good(), "write " + path);
 }
 
-// --- the machine ------------------------------------------------------------------------------------------------------
+// --- the machine -----------------------------------------------------------------------------------------------------
 
 void mountAll() {
     const char* const systems[][2] = {{"proc", "/proc"}, {"sysfs", "/sys"}, {"devtmpfs", "/dev"}};
@@ -121,7 +121,7 @@ std::vector<long> processorTimes() {
     return times;
 }
 
-// --- programs ---------------------------------------------------------------------------------------------------------
+// --- programs --------------------------------------------------------------------------------------------------------
 
 // What holds for the programs that follow.
 struct Manner {
@@ -211,7 +211,7 @@ void run(const Manner& manner, const std::string& name, int seconds, const Words
     say(text.str());
 }
 
-// --- what is carried out of the machine -------------------------------------------------------------------------------
+// --- what is carried out of the machine ------------------------------------------------------------------------------
 
 constexpr std::size_t tarBlock = 512;
 
@@ -262,7 +262,7 @@ void carry(const std::string& device) {
     sync();
 }
 
-// --- the plan ---------------------------------------------------------------------------------------------------------
+// --- the plan --------------------------------------------------------------------------------------------------------
 
 void follow(const std::string& plan) {
     Manner manner;

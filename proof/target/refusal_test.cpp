@@ -154,8 +154,8 @@ TEST_P(RefusedMemory, leavesAPoolThatHasGrownWhatItHas) {
     };
     {
         const Limit limit(GetParam(), 16 * mebibyte);
-        // A growth that is refused leaves the blocks that it has built: only the second refusal in a row says that there
-        // is nothing more.
+        // A growth that is refused leaves the blocks that it has built: only the second refusal in a row says that
+        // there is nothing more.
         int refusals = 0;
         for (int inARow = 0; inARow < 2 && lent.size() < 1000;) {
             const bool isRefused = borrow() != Outcome::done;
