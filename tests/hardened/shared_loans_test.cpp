@@ -400,6 +400,15 @@ TEST(HardenedLoanRecords, areRefusedBeyondTheHooks32Bits) {
     EXPECT_EQ(ledger.liveBlocks().size(), 0U);
 }
 
+TEST(HardenedLoanRecords, areOfNoLoanWhateverTheMemoryHeld) {
+    const HookLedger ledger; // fills memory with a pattern
+    const detail::GVLoanRecords records(7, 3);
+    unsigned int index = 0;
+    GVSharedLoan loan;
+    EXPECT_FALSE(records.findLoan(index, steady_clock::now(), -1e9L, loan));
+    EXPECT_EQ(index, 3U);
+}
+
 TEST(HardenedLoanRecords, areFoundFromAnIndexOnIfTheyAreOldEnough) {
     using std::chrono::seconds;
     detail::GVLoanRecords records(7, 3);
