@@ -31,6 +31,7 @@ enum GVSharedTokenState : std::uint32_t {
     gvnotoken = 0,   ///< nowhere: a gap between the pool's tokens
     gvtokenfree = 1, ///< in the pool's free list, or in a cache
     gvtokenlent = 2, ///< with a borrower
+    gvtokenback = 4, ///< in the hands of the thread that returns it; in the hardened build alone
 };
 
 /// A block's address, and beside it where its token is: both are used together, in one cache line.
@@ -97,7 +98,7 @@ class GVSharedDirectory {
         if constexpr (isHardened) {
             std::uint32_t expected = gvtokenlent;
             // Relaxed: the exchange decides between two returns and orders nothing else.
-            if (!block.theState.compare_exchange_strong(expected, gvtokenfree, std::memory_order_relaxed)) {
+            if (!block.theState.compare_exchange_strong(expected, gvtokenback, std::memory_order_relaxed)) {
                 reportMisuse("releaseObject: token %u of a shared pool: returned by two threads at once", token);
             }
             markBytesUntouchable(block.theBytes, theLength);
