@@ -20,7 +20,7 @@ ESCAPES = {'"': '\\"', "\\": "\\\\"}
 
 SMALL_SIZE = 8
 SLOTS_AT_ONCE = 4096  # a damaged table may claim billions: memory is asked for piece by piece
-SHARED_TOKEN_STATES = {0: "unknown", 1: "free", 2: "lent"}
+SHARED_TOKEN_STATES = {0: "unknown", 1: "free", 2: "lent", 4: "being returned"}
 # What a look into damaged memory, or at a type that is not known whole, ends with.
 UNREADABLE = (gdb.error, LookupError, OverflowError, TypeError, ValueError)
 
