@@ -17,6 +17,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <new>
 #include <optional>
 #include <ratio>
@@ -263,10 +264,20 @@ TEST(HardenedLoans, areVisitedWhileThreadsBorrow) {
 
 // Traces: which, where they begin and how far they go.
 
+// What backtrace says of a call that returns to this address.
+void* asInTraces(void* returnAddress) {
+#if defined(__arm__)
+    return reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(returnAddress) &
+                                   ~std::uintptr_t{1}); // Thumb's mark
+#else
+    return returnAddress;
+#endif
+}
+
 // Borrows, and says where it is itself called from.
 [[gnu::noinline]] void* borrowHere(detail::GVLoanRecords& records) {
     records.begin(7);
-    return __builtin_return_address(0);
+    return asInTraces(__builtin_return_address(0));
 }
 
 [[gnu::noinline]] unsigned int borrowBehindCalls(GVSharedPool& pool, unsigned int calls) {
@@ -309,7 +320,7 @@ TEST(HardenedLoanTraces, endWhenTheyAreSwitchedOff) {
 [[gnu::noinline]] std::ptrdiff_t framesOfSanitizers() {
     void* frames[4];
     void** const end = frames + backtrace(frames, 4);
-    return std::find(frames, end, __builtin_return_address(0)) - frames - 1;
+    return std::find(frames, end, asInTraces(__builtin_return_address(0))) - frames - 1;
 }
 
 TEST(HardenedLoanTraces, beginWithTheCall) {
@@ -359,6 +370,9 @@ TEST(HardenedLoanRecords, areMadeAtConstructionSoThatLendingAllocatesNothing) {
 #if defined(__GLIBC__)
 // A process of its own traces nothing before.
 TEST(HardenedLoanTraces, loadWhatTheyNeedWhenTheyAreSwitchedOnAndNotWithTheFirstLoan) {
+#if defined(GILVANE_TEST_EMULATED)
+    GTEST_SKIP() << "a program that is emulated cannot start itself again";
+#endif
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
