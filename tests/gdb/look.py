@@ -39,6 +39,8 @@ def write(name, text):
 
 gdb.execute("set pagination off")
 gdb.execute("set print pretty on")
+# The name of what a pointer to data points to is there or not, as the program is linked.
+gdb.execute("set print symbol off")
 gdb.execute("frame function main", to_string=True)
 with open(os.path.join(folder, "names"), encoding="utf-8") as file:
     names = dict(line.rstrip("\n").split(" ", 1) for line in file)
