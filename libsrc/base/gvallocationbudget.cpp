@@ -67,9 +67,9 @@ struct Front {
     GVDeallocatorFunction theDeallocatorBelow; // the next budget may stand on other hooks
     unsigned int theBytes;
 };
-constexpr unsigned int theFrontBytes = theStrictestAlignment;
-static_assert(sizeof(Front) <= alignof(std::max_align_t),
-              "the block behind it is aligned as the one that the hooks below gave");
+// So many that the block behind them is aligned as the one that the hooks below gave.
+constexpr unsigned int theFrontBytes = std::max(sizeof(Front), theStrictestAlignment);
+static_assert((sizeof(Front) & (sizeof(Front) - 1)) == 0, "of two powers of two, one is a multiple of the other");
 
 // The caller holds the lock.
 bool isWithinBudget(unsigned int numberOfBytes) {

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -22,7 +23,7 @@ namespace {
 using Budget = GVAllocationBudget;
 
 constexpr unsigned int header = detail::rawBlockHeaderBytes;
-constexpr std::size_t front = alignof(std::max_align_t);
+constexpr std::size_t front = std::max(2 * sizeof(void*), alignof(std::max_align_t));
 
 // A raw block of which the hooks see this many bytes.
 void* blockOf(unsigned int numberOfBytes) { return detail::allocateRawBlock(numberOfBytes - header); }
