@@ -32,6 +32,14 @@ def ratio(title, size, against):
                f"{title}, {size}, against {against}")
 
 
+def sharing(threads):
+    """How a shared pool with caches compares with the best of the others, and which that is."""
+    title = f"borrow + address + touch + return, shared pool and caches, {threads} thread{'s' if threads > 1 else ''}"
+    row = one((row for row in rows("performance.md") if len(row) == 9 and row[0] == title and ", the best of" in row[3]),
+              title)
+    return f"{row[5]} {row[3].partition(',')[0]} with {threads}"
+
+
 def bytes_per_block():
     return one((row[2] for row in rows("performance.md") if row[0] == "resident memory per block, bytes"), "memory")
 
@@ -61,6 +69,8 @@ def facts():
     arm_block, x86_block = size("GVMemoryPoolObject")
     by_hand = "as much as a pool written by hand with Boost and Abseil"
     table = [
+        ("threads borrow, use and return shared blocks",
+         f"{sharing(1)}, {sharing(2)}, {sharing(8)}: the best of malloc, mimalloc, jemalloc, tcmalloc and rte_mempool"),
         ("borrow and return, no lock", f"{ratio('borrow + return, unlocked', '1 024', 'hand-written')} {by_hand}"),
         ("address of a random token, 1 000 blocks", f"{ratio('address of a random live token', small, 'hand-written')} likewise"),
         ("shrink of a million free blocks, each block",
