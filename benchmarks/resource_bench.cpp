@@ -23,65 +23,55 @@ constexpr unsigned int nodes = 1000;
 
 // --- what gives the nodes their memory --------------------------------------------------------------------------------
 
-// Each subject has an allocator for each type, and makes one.
+// Each subject has an allocator for each type, and makes one. This is that of subjects with a memory resource.
+template <typename Subject>
+class OnResource {
+  public:
+    template <typename T>
+    using Allocator = std::pmr::polymorphic_allocator<T>;
+    template <typename T>
+    Allocator<T> allocator() {
+        return &static_cast<Subject*>(this)->theResource;
+    }
+};
 
 // @tparam Resource  of the standard library
 template <typename Resource>
-class Standard {
+class Standard : public OnResource<Standard<Resource>> {
   public:
     static constexpr const char* name = "std::pmr";
-    template <typename T>
-    using Allocator = std::pmr::polymorphic_allocator<T>;
-    template <typename T>
-    Allocator<T> allocator() {
-        return &theResource;
-    }
 
   private:
+    friend class OnResource<Standard<Resource>>;
     Resource theResource;
 };
 
-class OverPool {
+class OverPool : public OnResource<OverPool> {
   public:
     static constexpr const char* name = "gilvane";
-    template <typename T>
-    using Allocator = std::pmr::polymorphic_allocator<T>;
-    template <typename T>
-    Allocator<T> allocator() {
-        return &theResource;
-    }
 
   private:
+    friend class OnResource<OverPool>;
     Gilvane::GVMemoryPool thePool{2 * nodes, blockBytes, false};
     Gilvane::GVPoolResource theResource{thePool};
 };
 
-class OverSharedPool {
+class OverSharedPool : public OnResource<OverSharedPool> {
   public:
     static constexpr const char* name = "gilvane";
-    template <typename T>
-    using Allocator = std::pmr::polymorphic_allocator<T>;
-    template <typename T>
-    Allocator<T> allocator() {
-        return &theResource;
-    }
 
   private:
+    friend class OnResource<OverSharedPool>;
     Gilvane::GVSharedPool thePool{2 * nodes, blockBytes};
     Gilvane::GVPoolResource theResource{thePool};
 };
 
-class OverCache {
+class OverCache : public OnResource<OverCache> {
   public:
     static constexpr const char* name = "gilvane";
-    template <typename T>
-    using Allocator = std::pmr::polymorphic_allocator<T>;
-    template <typename T>
-    Allocator<T> allocator() {
-        return &theResource;
-    }
 
   private:
+    friend class OnResource<OverCache>;
     Gilvane::GVSharedPool thePool{2 * nodes, blockBytes};
     Gilvane::GVTokenCache theCache{thePool};
     Gilvane::GVPoolResource theResource{theCache};
@@ -117,17 +107,12 @@ class BareResource : public std::pmr::memory_resource {
     Block* theFirst = nullptr;
 };
 
-class DesignAlone {
+class DesignAlone : public OnResource<DesignAlone> {
   public:
     static constexpr const char* name = "the design alone";
-    template <typename T>
-    using Allocator = std::pmr::polymorphic_allocator<T>;
-    template <typename T>
-    Allocator<T> allocator() {
-        return &theResource;
-    }
 
   private:
+    friend class OnResource<DesignAlone>;
     BareResource theResource;
 };
 
