@@ -10,6 +10,9 @@
 /// library is compiled with `-fvisibility=hidden`, and does nothing elsewhere.
 #define GILVANE_EXPORT __attribute__((__visibility__("default")))
 
+/// Compiles a function into its callers, however large the compiler finds it.
+#define GILVANE_ALWAYS_INLINE __attribute__((__always_inline__)) inline
+
 /// Keeps a rare path out of line, so that its callers stay small.
 #define GILVANE_OUT_OF_LINE __attribute__((__noinline__))
 

@@ -39,7 +39,7 @@ GVLoanRecords::GVLoanRecords(unsigned int firstToken, unsigned int span, GVMutex
 GVLoanRecords::~GVLoanRecords() { GVStdAllocator<GVSharedLoan>().deallocate(theRecords, 0); }
 
 // Not inline: the trace's first frame is this function's own, and left out.
-[[gnu::noinline]] void GVLoanRecords::begin(unsigned int token) noexcept {
+GILVANE_OUT_OF_LINE void GVLoanRecords::begin(unsigned int token) noexcept {
     const std::lock_guard<GVPlainLock> guard(theLock);
     GVSharedLoan& loan = theRecords[token - theFirstToken];
     loan.theToken = token;

@@ -32,8 +32,8 @@ class GILVANE_EXPORT GVSharedLoan : public GVObject {
     std::chrono::steady_clock::time_point theBegin; ///< when the block was borrowed
     pid_t theThread = 0;                            ///< borrowed it: the kernel's number, as GDB and top show it
     unsigned int theFrameCount = 0;                 ///< frames in theFrames; 0 when the loan was not traced
-    void* theFrames[mostFrames] =
-        {}; ///< where it was borrowed: addresses of calls, the innermost first, as of backtrace()
+    /// Where it was borrowed: addresses of calls, the innermost first, as of backtrace()
+    void* theFrames[mostFrames] = {};
 };
 
 namespace detail {
