@@ -90,6 +90,29 @@ expectBreach utilities/gvmemorypool.h 'class GILVANE_EXPORT GVNowhere;' "declare
 
 # --- building ---------------------------------------------------------------------------------------------------------
 
-g++ -std=c++17 -I include libsrc/*/*.cpp examples/quickstart.cpp -pthread -o "$scratch/quickstart"
-"$scratch/quickstart" >/dev/null
+# links PROGRAM SOURCE...: the sources and nothing else make this program, which then runs.
+links() {
+    g++ -I include examples/"$1".cpp "${@:2}" -std=c++17 -pthread -o "$scratch/$1"
+    "$scratch/$1" >/dev/null
+}
+
+mkdir -p "$scratch/objects"
+printf '%s\n' libsrc/*/*.cpp | xargs -P "$(nproc)" -I{} sh -c \
+    'g++ -std=c++17 -I include -c "$1" -o "$2/objects/$(basename "$1" .cpp).o"' compile {} "$scratch"
+links quickstart "$scratch"/objects/*.o
+
+# Without what the page on embedded use says needs Linux, the pool is whole, and nothing includes a header of Linux alone
+# but the hooks, which see for themselves whether it is there.
+needsLinux=$(sed -n '/<!-- what needs Linux -->/,/<!-- end of what needs Linux -->/s/^- `\(.*\)`$/\1/p' docs/guide/embedded.md)
+[[ $(wc -l <<<"$needsLinux") -gt 3 ]] || die "docs/guide/embedded.md says hardly what needs Linux"
+while read -r source; do
+    rm "$scratch/objects/$(basename "$source" .cpp).o" || die "docs/guide/embedded.md: there is no $source"
+done <<<"$needsLinux"
+links quickstart "$scratch"/objects/*.o
+for object in "$scratch"/objects/*.o; do
+    source=$(ls libsrc/*/"$(basename "$object" .o)".cpp)
+    [[ $source == libsrc/base/gvobject.cpp ]] ||
+        ! g++ -std=c++17 -I include -M "$source" | grep -o 'linux/futex\.h\|sys/eventfd\.h\|sys/syscall\.h\|sys/mman\.h' ||
+        die "$source needs Linux, and docs/guide/embedded.md does not say so"
+done
 rm -rf "$scratch"

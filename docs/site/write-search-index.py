@@ -102,11 +102,15 @@ def sections(site):
                 yield [title, heading, address, plain(text)]
 
 
+def assigned(name, data):
+    # Parsed from one string: engines bound how many constants a script may have.
+    return f"var {name} = JSON.parse({json.dumps(data, ensure_ascii=False)});\n"
+
+
 site = pathlib.Path(sys.argv[1])
-listing = ",\n".join(json.dumps(section, ensure_ascii=False) for section in sections(site))
 written = site / "search-index.js"
-written.write_text(f"var siteSections = [\n{listing}\n];\n")
+written.write_text(assigned("siteSections", json.dumps(list(sections(site)), ensure_ascii=False)))
 index = subprocess.run([sys.argv[2], site / "lunr.min.js", written, pathlib.Path(__file__).with_name("index.js")],
                        check=True, stdout=subprocess.PIPE, text=True).stdout
 with written.open("a") as file:
-    file.write(f"var siteIndex = {index};\n")
+    file.write(assigned("siteIndex", index))

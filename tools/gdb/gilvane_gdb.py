@@ -726,6 +726,8 @@ written is the token's state, and the length and the address of its block:
 
   free        nobody has it: it is in the free list or, in a shared pool, in a cache
   lent        somebody has it. In the hardened build a shared pool also knows who
+  being returned  in the hardened build: a thread is just giving it back
+  free N times  it was returned too often
   never lent  nobody has it, and nobody can have it: its building ended with an exception
   unknown     it is not of this pool, or its block is gone
 
