@@ -133,16 +133,16 @@ class Proof:
         return folder
 
     def buildLocked(self, folder, targets, compiler, flags, library, options):
-        if not (folder / "build.ninja").exists():
-            settings = [f"-DCMAKE_CXX_COMPILER={compiler}", "-DCMAKE_BUILD_TYPE=None", f"-DCMAKE_CXX_FLAGS={flags}"]
-            if triplet(compiler):
-                settings[:1] = [f"-DCMAKE_TOOLCHAIN_FILE={ROOT}/cmake/debian-cross.cmake",
-                                f"-DGILVANE_TRIPLET={triplet(compiler)}"]
-            if "-fsanitize" in flags: # tests leave out what a sanitizer ends
-                settings.append("-DGILVANE_SANITIZE=" + re.search(r"-fsanitize=(\S+)", flags)[1])
-            self.quietly("cmake", "-S", ROOT, "-B", folder, "-G", "Ninja", "-DGILVANE_BUILD_PROOF=ON",
-                         "-DGILVANE_BUILD_EXAMPLES=OFF", f"-DGILVANE_WERROR={'OFF' if library else 'ON'}",
-                         f"-DGILVANE_LIBRARY={library or ROOT}", *settings, *options)
+        # Also where that has been done: the settings may have changed.
+        settings = [f"-DCMAKE_CXX_COMPILER={compiler}", "-DCMAKE_BUILD_TYPE=None", f"-DCMAKE_CXX_FLAGS={flags}"]
+        if triplet(compiler):
+            settings[:1] = [f"-DCMAKE_TOOLCHAIN_FILE={ROOT}/cmake/debian-cross.cmake",
+                            f"-DGILVANE_TRIPLET={triplet(compiler)}"]
+        if "-fsanitize" in flags:  # tests leave out what a sanitizer ends
+            settings.append("-DGILVANE_SANITIZE=" + re.search(r"-fsanitize=(\S+)", flags)[1])
+        self.quietly("cmake", "-S", ROOT, "-B", folder, "-G", "Ninja", "-DGILVANE_BUILD_PROOF=ON",
+                     "-DGILVANE_BUILD_EXAMPLES=OFF", f"-DGILVANE_WERROR={'OFF' if library else 'ON'}",
+                     f"-DGILVANE_LIBRARY={library or ROOT}", *settings, *options)
         self.quietly("cmake", "--build", folder, "-j", os.cpu_count(), "--target", *targets)
 
     # --- to find planted faults ---------------------------------------------------------------------------------------

@@ -105,7 +105,12 @@ def read(path):
 
 def forPart(part):
     """The faults that a part must find."""
-    return [fault for fault in read(ROOT / "proof/faults/catalogue.txt") if part in fault.parts]
+    catalogue = read(ROOT / "proof/faults/catalogue.txt")
+    for fault in catalogue:
+        unknown = [name for name in fault.parts if not (ROOT / "proof" / re.match(r"\w+", name)[0] / "part.py").exists()]
+        if unknown or not fault.parts:
+            raise Wrong(f"{fault.name}: found by no part that there is: {', '.join(unknown)}")
+    return [fault for fault in catalogue if part in fault.parts]
 
 
 def place(path, text, old, name):

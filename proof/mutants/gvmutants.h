@@ -4,8 +4,8 @@
 /// The environment variable GILVANE_MUTANT holds the number of the one mutation that is in force; 0, or nothing, leaves
 /// the library as it is. GILVANE_MUTANTS_SEEN names a file that gets the numbers of the mutations that the program, and
 /// every process that it made, came by; also when they end with abort.
-#ifndef GILVANE_TOOLS_PROVE_MUTATION_GVMUTANTS_H
-#define GILVANE_TOOLS_PROVE_MUTATION_GVMUTANTS_H
+#ifndef GILVANE_PROOF_MUTANTS_GVMUTANTS_H
+#define GILVANE_PROOF_MUTANTS_GVMUTANTS_H
 
 #include <csignal>
 #include <cstdio>

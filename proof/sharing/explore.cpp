@@ -1,7 +1,7 @@
 // Runs listed programs of threads over a shared pool, with caches and without, under every order of their steps, or
 // under every one with few preemptions.
 //
-//   explore [--short] [FIGURES]
+//   sharing [--short] [FIGURES]
 //
 // A step is an access to an atomic word, a lock taken or released, sleep and wake-up; each is done at one moment for all
 // threads. Orders of steps that do not touch the same thing come to the same, and one of them is enough: two schedules
@@ -551,9 +551,10 @@ int run(bool brief, const char* figuresFile) {
     for (const Program& program : programsOfTwo()) {
         explore(program, DepthFirst::unbounded, two, true);
     }
-    std::puts("== three threads of three operations, at most 4 preemptions");
+    const unsigned int mostPreemptions = brief ? 2 : 4;
+    std::printf("== three threads of three operations, at most %u preemptions\n", mostPreemptions);
     for (const Program& program : programsOfThree()) {
-        explore(program, brief ? 2 : 4, three, true);
+        explore(program, mostPreemptions, three, true);
     }
     const unsigned int byChance = brief ? 20 : 500;
     std::printf("== %u programs of two threads by chance, and as many of three\n", byChance);

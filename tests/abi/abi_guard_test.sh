@@ -28,10 +28,15 @@ change() { # NAME SED_EXPRESSION: a copy of the library with one change in all i
     build "$scratch/$1"
 }
 
-expectFiring() { # NAME SED_EXPRESSION
-    change "$@"
+expectFiring() { # NAME SED_EXPRESSION TEXT: and the report says this
+    change "$1" "$2"
     if tools/check-abi "$scratch/base.abi" "$scratch/$1/libgilvane.so" >"$scratch/$1/report" 2>&1; then
         echo "the guard let pass: $1" >&2
+        exit 1
+    fi
+    if ! grep -qE "$3" "$scratch/$1/report"; then
+        echo "the guard does not say \"$3\" of: $1" >&2
+        cat "$scratch/$1/report" >&2
         exit 1
     fi
     echo "the guard fires: $1"
@@ -48,13 +53,17 @@ takeDownInterface "$scratch/base/libgilvane.so" "$scratch/base.abi"
 tools/check-abi "$scratch/base.abi" "$scratch/base/libgilvane.so" >/dev/null
 echo "the guard is silent: nothing changed"
 
-expectFiring "a field widened" 's|^    unsigned int initialNumberOfObjects;|    unsigned long long initialNumberOfObjects;|'
+expectFiring "a field widened" 's|^    unsigned int initialNumberOfObjects;|    unsigned long long initialNumberOfObjects;|' \
+    "type of 'unsigned int initialNumberOfObjects' changed"
 expectFiring "two fields swapped" \
     's|^    unsigned int theHash; |    unsigned int TMP; |; s|^    unsigned int theState;|    unsigned int theHash;|
-     s|^    unsigned int TMP; |    unsigned int theState; |'
+     s|^    unsigned int TMP; |    unsigned int theState; |' \
+    "'unsigned int theHash' offset changed"
 expectFiring "a virtual operation added" \
-    's|virtual bool tryLock\(\) = 0;|virtual bool tryLock() = 0;\n    virtual void another() {}|'
-expectFiring "an operation gone" 's|removeTokenFromAvailableList|removeTokenFromList|'
+    's|virtual bool tryLock\(\) = 0;|virtual bool tryLock() = 0;\n    virtual void another() {}|' \
+    "lock\(\) changed from 3 to 4"
+expectFiring "an operation gone" 's|removeTokenFromAvailableList|removeTokenFromList|' \
+    "\[D\] .*removeTokenFromAvailableList"
 
 change "an operation added" \
     's|^    void makePool\(unsigned int numberOfObjects\);|&\n    __attribute__((used)) unsigned int addedOperation() const { return bytesInEachObject; }|'

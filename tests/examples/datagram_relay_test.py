@@ -164,13 +164,14 @@ class DatagramRelay(unittest.TestCase):
 
     def test_countsWhatNobodyTakes(self):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as closed:
+            # Nobody else gets its port, and it takes nothing but from the one that it is connected to.
             closed.bind((LOOPBACK, 0))
-            port = closed.getsockname()[1]
-        relay = Relay(self, destination=port)
-        for _ in range(100):
-            relay.send(b"nobody is there")
-        relay.waitUntilAllIsRead()
-        self.assertGreater(relay.end()[REFUSED], 0)
+            closed.connect((LOOPBACK, 9))
+            relay = Relay(self, destination=closed.getsockname()[1])
+            for _ in range(100):
+                relay.send(b"nobody is there")
+            relay.waitUntilAllIsRead()
+            self.assertGreater(relay.end()[REFUSED], 0)
 
     def test_endsUnderTraffic(self):
         """What it has received by then, it sends."""

@@ -126,7 +126,8 @@ rm -f out.gz
 # Each chunk is a member of its own; an empty file is one empty member.
 members() { LC_ALL=C grep -aobP '\x1f\x8b\x08\x00\x00\x00\x00\x00\x00' "$1" | wc -l; }
 for expected in empty:1 one_chunk:1 one_chunk_less_a_byte:1 one_chunk_and_a_byte:2 three_chunks_of_zeros:3; do
-    "${program[@]}" "files/${expected%:*}" out.gz 2>/dev/null
+    rm -f out.gz
+    "${program[@]}" "files/${expected%:*}" out.gz 2>/dev/null || problem "${expected%:*}: it fails"
     if [ "$(members out.gz)" != "${expected#*:}" ]; then
         problem "${expected%:*}: $(members out.gz) members instead of ${expected#*:}"
     fi
@@ -136,13 +137,13 @@ rm -f out.gz
 # --- what goes where --------------------------------------------------------------------------------------------------
 
 # Standard error gets one line of figures, standard output the dump of both pools if asked for, with every block.
-"${program[@]}" files/mixed out.gz --threads 2 >stdout 2>stderr
+"${program[@]}" files/mixed out.gz --threads 2 >stdout 2>stderr || problem "it fails: $(cat stderr)"
 [ -s stdout ] && problem "without --dump there is something on standard output: $(head -c 200 stdout)"
 [ "$(wc -l <stderr)" = 1 ] || problem "not one line of figures but: $(cat stderr)"
 for figure in 'MB/s' 'ratio' 'blocks used: [1-8] of 8 for input and [1-8] of 8 for output'; do
     grep -q "$figure" stderr || problem "no \"$figure\" in the figures: $(cat stderr)"
 done
-"${program[@]}" --dump files/mixed out.gz --threads 2 >stdout 2>/dev/null
+"${program[@]}" --dump files/mixed out.gz --threads 2 >stdout 2>/dev/null || problem "--dump fails"
 [ "$(grep -o '<GVMemoryPool>' stdout | wc -l)" = 2 ] || problem "--dump does not write two <GVMemoryPool>"
 [ "$(grep -c '<GVHashTableEntry>' stdout)" = 16 ] || problem "--dump does not show 8 blocks in each pool"
 gunzip -c out.gz | cmp - files/mixed || problem "--dump spoils the file"
@@ -166,7 +167,7 @@ rm -f stderr real.gz link.gz
 # Nobody may read the output who may not read the input.
 cp files/one_byte secret
 chmod 600 secret
-"${program[@]}" secret out.gz 2>/dev/null
+"${program[@]}" secret out.gz 2>/dev/null || problem "a file with mode 600: it fails"
 [ "$(stat -c %a out.gz)" = 600 ] || problem "the output of a file with mode 600 has mode $(stat -c %a out.gz)"
 rm -f secret out.gz
 

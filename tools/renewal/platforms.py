@@ -79,7 +79,8 @@ Some tests are not run on ARM:
 
 - the compressor among the examples, since its library is not there,
 - the checks of documents and scripts, which belong to the building machine,
-- with UndefinedBehaviorSanitizer, the hardened library, which the other three presets test.
+- with UndefinedBehaviorSanitizer, the hardened library, the examples, and the check of objects' types (`vptr`): all of
+  them are in the presets `asan` and `arm`, or in one of the two.
 
 {ofLibrary(library.read_text().strip())}"""
 
