@@ -20,8 +20,8 @@ namespace {
 
 constexpr const char* anAddress = "0x[0-9a-f]+";
 
-// Returns a token while another thread is about to return it: that one has seen that the token is lent, and waits for the
-// pool's lock, since its cache is full. A thread that is too slow is refused; then it is tried again, with more time.
+// Returns a token while another thread is about to return it: that one has seen that the token is lent, and waits for
+// the pool's lock, since its cache is full. If it is too slow it is refused, and they try again with more time.
 void returnByTwoThreadsAtOnce() {
     using std::chrono::milliseconds;
     GVSharedPool pool(2, 16);
