@@ -55,7 +55,7 @@ struct ThreadsLog {
 
 /// A test that begins and ends with an empty log.
 class TestOfLocks : public testing::Test {
-  protected:
+  public:
     TestOfLocks() { ThreadsLog::clear(); }
     ~TestOfLocks() override { ThreadsLog::clear(); }
 };
