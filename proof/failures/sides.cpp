@@ -78,11 +78,7 @@ struct ArrayProbe {
         return ::operator new[](bytes);
     }
     static void operator delete[](void* array) { ::operator delete[](array); }
-    virtual ~ArrayProbe() { destroyed() = true; }
-    static bool& destroyed() {
-        static bool theFlag;
-        return theFlag;
-    }
+    virtual ~ArrayProbe() = default;
 };
 
 } // namespace

@@ -19,6 +19,7 @@
 #include <gilvane/utilities/gvtokencache.h>
 
 #include <gvtestpeer.h>
+#include <testclock.h>
 
 #include <algorithm>
 #include <array>
@@ -161,21 +162,16 @@ std::string textOf(const TraceEntry& entry) {
 // --- what the threads do ----------------------------------------------------------------------------------------------
 
 // The clock of borrowUntil: the explorer decides whether the time is over, and it stays so.
-struct Clock {
-    using duration = std::chrono::seconds;
-    using rep = duration::rep;
-    using period = duration::period;
-    using time_point = std::chrono::time_point<Clock>;
+struct Clock : TestClock<Clock, std::chrono::seconds> {
     static time_point now() noexcept {
         Runner& self = runner(theCurrent);
         if (self.clockAnswers < mostClockAnswers && choose(2) == 0) {
             ++self.clockAnswers;
-            return time_point(seconds(0));
+            return time_point(duration(0));
         }
         runner(theCurrent).clockAnswers = mostClockAnswers;
-        return time_point(seconds(2));
+        return time_point(duration(2));
     }
-    using seconds = std::chrono::seconds;
 };
 
 // Blocks that others may have, or may be about to have or to give back.
@@ -232,7 +228,7 @@ void checkStatistics() {
 
 template <typename Lender>
 void lendBy(Lender& lender, Do what, int number) {
-    const Clock::time_point deadline(Clock::seconds(1));
+    const Clock::time_point deadline(Clock::duration(1));
     switch (what) {
     case tryBorrow:
         take(number, lender.tryBorrow(), false);

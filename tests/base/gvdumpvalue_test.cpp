@@ -1,5 +1,7 @@
 #include <gilvane/base/gvdumpvalue.h>
 
+#include "writtentext.h"
+
 #include <gtest/gtest.h>
 
 #include <iomanip>
@@ -29,19 +31,13 @@ std::string dumpOf(const T& value) {
     return stream.str();
 }
 
-std::string asAddress(const void* address) {
-    std::ostringstream stream;
-    stream << address;
-    return stream.str();
-}
-
 } // namespace
 
 TEST(DumpValue, writesAPointerAsAnAddress) {
     int number = 5;
-    EXPECT_EQ(dumpOf(&number), asAddress(&number));
-    EXPECT_EQ(dumpOf(static_cast<const int*>(&number)), asAddress(&number));
-    EXPECT_EQ(dumpOf(static_cast<void*>(&number)), asAddress(&number));
+    EXPECT_EQ(dumpOf(&number), addressText(&number));
+    EXPECT_EQ(dumpOf(static_cast<const int*>(&number)), addressText(&number));
+    EXPECT_EQ(dumpOf(static_cast<void*>(&number)), addressText(&number));
     EXPECT_EQ(dumpOf(&number).substr(0, 2), "0x");
 }
 
@@ -54,20 +50,20 @@ TEST(DumpValue, writesANullPointerAsALoneZero) {
 
 TEST(DumpValue, writesAPointerToCharactersAsAnAddress) {
     char text[] = "text";
-    EXPECT_EQ(dumpOf(static_cast<char*>(text)), asAddress(text));
-    EXPECT_EQ(dumpOf(static_cast<const char*>(text)), asAddress(text));
-    EXPECT_EQ(dumpOf(reinterpret_cast<const unsigned char*>(text)), asAddress(text));
+    EXPECT_EQ(dumpOf(static_cast<char*>(text)), addressText(text));
+    EXPECT_EQ(dumpOf(static_cast<const char*>(text)), addressText(text));
+    EXPECT_EQ(dumpOf(reinterpret_cast<const unsigned char*>(text)), addressText(text));
 }
 
 TEST(DumpValue, writesAPointerToVolatileAsAnAddress) {
     volatile int number = 5;
-    EXPECT_EQ(dumpOf(&number), asAddress(const_cast<int*>(&number)));
-    EXPECT_EQ(dumpOf(static_cast<const volatile int*>(&number)), asAddress(const_cast<int*>(&number)));
+    EXPECT_EQ(dumpOf(&number), addressText(const_cast<int*>(&number)));
+    EXPECT_EQ(dumpOf(static_cast<const volatile int*>(&number)), addressText(const_cast<int*>(&number)));
 }
 
 TEST(DumpValue, writesAFunctionPointerAsAnAddress) {
     int (*const function)(int) = &doubled;
-    EXPECT_EQ(dumpOf(function), asAddress(reinterpret_cast<const void*>(function)));
+    EXPECT_EQ(dumpOf(function), addressText(reinterpret_cast<const void*>(function)));
     EXPECT_EQ(dumpOf(function).substr(0, 2), "0x");
 }
 
@@ -105,7 +101,7 @@ TEST(DumpValue, isOneInsertion) {
     detail::writeDumpValue(stream, 42U);
     stream << std::setw(40) << std::left;
     detail::writeDumpValue(stream, &number);
-    const std::string address = asAddress(&number);
+    const std::string address = addressText(&number);
     EXPECT_EQ(stream.str(), "....42" + address + std::string(40 - address.size(), '.'));
 }
 

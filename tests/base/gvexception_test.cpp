@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <cstring>
 #include <exception>
-#include <limits>
 #include <new>
 #include <string>
 #include <type_traits>

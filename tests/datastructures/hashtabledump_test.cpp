@@ -1,15 +1,14 @@
 // The text that a table and its entries write.
 
 #include "tablesupport.h"
+#include "writtentext.h"
 
 #include <gtest/gtest.h>
 
-#include <cstddef>
 #include <iomanip>
 #include <ios>
 #include <ostream>
 #include <sstream>
-#include <streambuf>
 #include <string>
 #include <vector>
 
@@ -40,28 +39,6 @@ std::string dumpOf(const K& key, const V& value) {
 std::string entryText(const std::string& key, const std::string& value) {
     return "\n\t<GVHashTableEntry>\n\t\t<K>" + key + "</K>\n\t\t<V>" + value + "</V>\n\t</GVHashTableEntry>\n";
 }
-
-std::string addressText(const void* address) {
-    std::ostringstream stream;
-    stream << address;
-    return stream.str();
-}
-
-/// Keeps apart what it is given in separate insertions.
-class PieceBuffer : public std::streambuf {
-  public:
-    std::vector<std::string> pieces;
-
-  protected:
-    std::streamsize xsputn(const char* text, std::streamsize length) override {
-        pieces.emplace_back(text, static_cast<std::size_t>(length));
-        return length;
-    }
-    int_type overflow(int_type character) override {
-        pieces.emplace_back(1, traits_type::to_char_type(character));
-        return character;
-    }
-};
 
 struct Point {
     int x;
@@ -116,9 +93,6 @@ TEST(HashTableDump, followsTheOrderOfTheSlots) {
 TEST(HashTableDump, isMadeOfOneInsertionForEachPiece) {
     Table table;
     table.insert(3, 30);
-    PieceBuffer buffer;
-    std::ostream stream(&buffer);
-    table.WriteTable(stream);
     const std::vector<std::string> expected{
         "<GVHashTable>",
         "\n",
@@ -132,7 +106,7 @@ TEST(HashTableDump, isMadeOfOneInsertionForEachPiece) {
         "\t</GVHashTableEntry>\n",
         "</GVHashTable>",
     };
-    EXPECT_EQ(buffer.pieces, expected);
+    EXPECT_EQ(insertionsOf([&table](std::ostream& stream) { table.WriteTable(stream); }), expected);
 }
 
 TEST(HashTableDump, obeysTheStreamsFormattingAndLeavesItAlone) {

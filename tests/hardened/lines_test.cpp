@@ -1,5 +1,6 @@
 // The guide shows the lines that end a hardened program; here they are made.
 #include "gvtestpeer.h"
+#include "poolsupport.h"
 
 #include <gilvane/threads/gvmutex.h>
 #include <gilvane/utilities/gvmemorypool.h>
@@ -78,11 +79,7 @@ TEST(HardenedLines, areThoseOfTheGuide) {
             //  slot    0   1   2   3   4   5   6   7
             //  token   0   -   .   .   .   .   8   .      8 is searched for in slot 0, then in slot 1
             GVMemoryPool shrunk(0, 64, false);
-            unsigned int blocks = 0;
-            for (const unsigned int token : {0U, 17U, 8U}) {
-                GVTestPeer::nextToken() = token;
-                shrunk.resizePool(++blocks);
-            }
+            buildBlocks(shrunk, {0, 17, 8});
             shrunk.resizePool(2);
             shrunk.getMemoryForToken(8);
         },

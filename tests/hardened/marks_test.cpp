@@ -1,6 +1,7 @@
 // What the library tells AddressSanitizer of a block's bytes. This program brings the sanitizer's functions itself, and
 // writes down with what they are called.
 #include "gvtestpeer.h"
+#include "poolsupport.h"
 
 #include <gilvane/utilities/gvmemorypool.h>
 #include <gilvane/utilities/gvpoolresource.h>
@@ -112,10 +113,7 @@ TEST_F(HardenedMarks, areTakenOffABlockThatAShrinkHid) {
     GVMemoryPool pool(0, blockBytes, false);
     //  slot   0   1   2   3   4   5   6   7
     //  key    0   -   .   .   .   .   8   .      8 is searched for in slot 0, then in slot 1, where 17 was
-    for (const unsigned int token : {0U, 17U, 8U}) {
-        GVTestPeer::nextToken() = token;
-        pool.resizePool(GVTestPeer::table(pool).getUsedCount() + 1);
-    }
+    buildBlocks(pool, {0, 17, 8});
     pool.resizePool(2);
     ASSERT_EQ(GVTestPeer::table(pool).get(8), nullptr);
     const Mark built = marks[2];

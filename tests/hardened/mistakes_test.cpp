@@ -1,6 +1,8 @@
 // Each mistake that the hardened build finds ends the program, with one line that says where it was made.
 #include "gvtestpeer.h"
 #include "hookledger.h"
+#include "onlyline.h"
+#include "poolsupport.h"
 
 #include <gilvane/base/gvhardened.h>
 #include <gilvane/threads/gvmutex.h>
@@ -22,9 +24,6 @@ constexpr unsigned int longestLength = 4294967295U - sizeof(void*); // with the 
 
 std::string addressOf(const void* object) { return ::testing::PrintToString(object); }
 
-// All that a dying program writes; an emulator may write about the signal after it.
-std::string onlyLine(const std::string& text) { return "^gilvane: " + text + "\n(qemu: .*)?$"; }
-
 std::string lineOnToken(const std::string& operation, unsigned int token, const GVMemoryPool& pool,
                         const std::string& what) {
     return onlyLine(operation + ": token " + std::to_string(token) + " of pool " + addressOf(&pool) + ": " + what);
@@ -33,20 +32,12 @@ std::string lineOnToken(const std::string& operation, unsigned int token, const 
 constexpr const char* unknown = "unknown: not of this pool, or its block is gone";
 constexpr const char* twice = "returned twice, or never lent";
 
-// Builds one more block, with this token.
-void build(GVMemoryPool& pool, unsigned int token) {
-    GVTestPeer::nextToken() = token;
-    pool.resizePool(GVTestPeer::table(pool).getUsedCount() + 1);
-}
-
 // A pool whose token 8 the table no longer finds, though the block is there.
 struct PoolWithAHiddenBlock {
     PoolWithAHiddenBlock() {
         //  slot   0   1   2   3   4   5   6   7
         //  key    0  17   .   .   .   .   8   .      8 has home slot 0, then comes by 1
-        build(pool, 0);
-        build(pool, 17);
-        build(pool, 8);
+        buildBlocks(pool, {0, 17, 8});
         pool.resizePool(2);
         //  key    0   -   .   .   .   .   8   .
     }

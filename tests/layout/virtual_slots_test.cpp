@@ -9,8 +9,6 @@
 
 #include <sstream>
 #include <string>
-#include <type_traits>
-#include <vector>
 
 // The tests call member functions as the free functions that they are in the machine's calling convention, which the
 // function sanitizer of clang would take for a mistake.

@@ -2,6 +2,8 @@
 #include <gilvane/base/gvprobes.h>
 #include <gilvane/utilities/gvtokencache.h>
 
+#include "../support/testclock.h"
+
 #include <chrono>
 #include <cinttypes>
 #include <cstdint>
@@ -24,12 +26,7 @@ void told(const char* probe, const void* pool, std::initializer_list<unsigned in
 }
 
 // Does something whenever it is asked for the time, which a borrower does while it waits.
-struct BusyClock {
-    using duration = std::chrono::nanoseconds;
-    using rep = duration::rep;
-    using period = duration::period;
-    using time_point = std::chrono::time_point<BusyClock>;
-    static constexpr bool is_steady = true;
+struct BusyClock : TestClock<BusyClock, std::chrono::nanoseconds> {
     static time_point now() {
         theWork();
         return time_point();

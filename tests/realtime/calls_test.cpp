@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -18,7 +17,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <string>
 #include <thread>
 #include <vector>
 

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <csignal>
 #include <cstddef>
 #include <memory>

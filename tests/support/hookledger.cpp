@@ -160,4 +160,12 @@ void HookLedger::release(void* block) {
     books().live.erase(std::next(position).base());
 }
 
+std::vector<unsigned int> bytesOf(const std::vector<HookLedger::Block>& blocks) {
+    std::vector<unsigned int> bytes;
+    for (const HookLedger::Block& block : blocks) {
+        bytes.push_back(block.bytes);
+    }
+    return bytes;
+}
+
 } // namespace Gilvane

@@ -56,6 +56,9 @@ class HookLedger {
     static void* allocate(unsigned int numberOfBytes);
 };
 
+/// The bytes of each block, in the same order.
+std::vector<unsigned int> bytesOf(const std::vector<HookLedger::Block>& blocks);
+
 } // namespace Gilvane
 
 #endif

@@ -55,8 +55,8 @@ void RecordingMutexHandle::unlock() {
     record("unlock " + std::to_string(theNumber));
 }
 
-std::vector<std::string>& ThreadsLog::entries() {
-    static std::vector<std::string> theEntries;
+Log& ThreadsLog::entries() {
+    static Log theEntries;
     return theEntries;
 }
 

@@ -7,6 +7,8 @@
 
 #include <gilvane/threads/gvthreadsfactory.h>
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -31,13 +33,16 @@ class RecordingMutexHandle : public GVMutexHandle {
     bool theLocked = false;
 };
 
+/// Entries, the oldest first.
+using Log = std::vector<std::string>;
+
 /// What happened since clear(). The entries, N being a handle's number:
 ///   "factory made", "factory destroyed",
 ///   "factory creates N (3, false)" for GVThreadsFactory::CreateUnnamedHandle,
 ///   "function creates N (3, false)" for CreateUnnamedMutexHandle,
 ///   "lock N", "unlock N", "tryLock N", "delete N".
 struct ThreadsLog {
-    static std::vector<std::string>& entries();
+    static Log& entries();
     /// Called after each entry, with the entry: a test looks at or changes things at this very moment.
     static std::function<void(const std::string&)>& observer();
     /// When set, the next creation of a handle throws GVException kind gvoutofmemory instead.
@@ -46,6 +51,13 @@ struct ThreadsLog {
     static void clear();
     /// Number of entries equal to `entry`.
     static int count(const std::string& entry);
+};
+
+/// A test that begins and ends with an empty log.
+class TestOfLocks : public testing::Test {
+  public:
+    TestOfLocks() { ThreadsLog::clear(); }
+    ~TestOfLocks() override { ThreadsLog::clear(); }
 };
 
 } // namespace Gilvane

@@ -1,6 +1,8 @@
 #include <gilvane/threads/gvmutexhandle.h>
 #include <gilvane/threads/gvthreadsfactory.h>
 
+#include "writtentext.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -51,18 +53,6 @@ class CountingHandle : public GVMutexHandle {
   private:
     int theOperationCount = 0;
 };
-
-std::string textOf(const GVMutexHandle& handle) {
-    std::ostringstream stream;
-    stream << handle;
-    return stream.str();
-}
-
-std::string asAddress(const void* address) {
-    std::ostringstream stream;
-    stream << address;
-    return stream.str();
-}
 
 } // namespace
 
@@ -217,7 +207,7 @@ TEST(MutexHandle, cannotBeCopied) {
 
 TEST(MutexHandleText, isItsAddress) {
     const OwnedHandle handle = makeHandle();
-    EXPECT_EQ(textOf(*handle), asAddress(handle.get()));
+    EXPECT_EQ(textOf(*handle), addressText(handle.get()));
     EXPECT_NE(textOf(*handle), textOf(*makeHandle()));
 }
 
@@ -229,14 +219,14 @@ TEST(MutexHandleText, hasNoDoubleQuote) {
 
 TEST(MutexHandleText, isWrittenWithoutLocking) {
     const CountingHandle handle;
-    EXPECT_EQ(textOf(handle), asAddress(&handle));
+    EXPECT_EQ(textOf(handle), addressText(&handle));
     EXPECT_EQ(handle.operationCount(), 0);
 }
 
 TEST(MutexHandleText, canBeWrittenWhileTheHandleIsHeld) {
     const OwnedHandle handle = makeHandle();
     handle->lock();
-    EXPECT_EQ(textOf(*handle), asAddress(handle.get()));
+    EXPECT_EQ(textOf(*handle), addressText(handle.get()));
     EXPECT_FALSE(canBeTakenElsewhere(*handle));
     handle->unlock();
 }

@@ -12,7 +12,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstddef>
 #include <cstring>
 #include <limits>
 #include <memory>

@@ -4,6 +4,7 @@
 #include "hookledger.h"
 #include "noposixmutexes.h"
 #include "sharedpoolsupport.h"
+#include "testclock.h"
 #include "throwsites.h"
 
 #include <gilvane/utilities/gvsharedpool.h>
@@ -40,13 +41,7 @@ constexpr GVMutexProtocol protocols[] = {gvnoprotocol, gvpriorityinheritance};
 using Years = duration<std::int64_t, std::ratio<31556952>>;
 
 // A clock that stands where a test puts it.
-struct StandingClock {
-    using duration = std::chrono::duration<std::int64_t, std::pico>;
-    using rep = duration::rep;
-    using period = duration::period;
-    using time_point = std::chrono::time_point<StandingClock>;
-    [[maybe_unused]] static constexpr bool is_steady = false;
-
+struct StandingClock : TestClock<StandingClock, std::chrono::duration<std::int64_t, std::pico>> {
     static time_point now() { return theNow; }
     static time_point theNow;
 };

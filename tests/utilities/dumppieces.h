@@ -3,52 +3,23 @@
 #ifndef GILVANE_TESTS_UTILITIES_DUMPPIECES_H
 #define GILVANE_TESTS_UTILITIES_DUMPPIECES_H
 
+#include "writtentext.h"
+
 #include <gtest/gtest.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <ios>
 #include <ostream>
 #include <sstream>
-#include <streambuf>
 #include <string>
 #include <vector>
 
 namespace Gilvane {
 
-/// Parts what is written at each flush. A stream with `unitbuf` flushes at the end of each formatted insertion.
-class PieceBuffer : public std::streambuf {
-  public:
-    const std::vector<std::string>& pieces() const { return thePieces; }
-
-  protected:
-    int_type overflow(int_type character) override {
-        theCurrentPiece.push_back(traits_type::to_char_type(character));
-        return character;
-    }
-    std::streamsize xsputn(const char* text, std::streamsize count) override {
-        theCurrentPiece.append(text, static_cast<std::size_t>(count));
-        return count;
-    }
-    int sync() override {
-        thePieces.push_back(theCurrentPiece);
-        theCurrentPiece.clear();
-        return 0;
-    }
-
-  private:
-    std::string theCurrentPiece;
-    std::vector<std::string> thePieces;
-};
-
 /// The insertions made by `printable.print`, one text for each.
 template <typename Printable>
 std::vector<std::string> piecesOf(const Printable& printable) {
-    PieceBuffer buffer;
-    std::ostream stream(&buffer);
-    stream.setf(std::ios_base::unitbuf);
-    printable.print(stream);
-    return buffer.pieces();
+    return insertionsOf([&printable](std::ostream& stream) { printable.print(stream); });
 }
 
 /// What `printable.print` writes to a stream with default flags.
@@ -56,13 +27,6 @@ template <typename Printable>
 std::string dumpOf(const Printable& printable) {
     std::ostringstream stream;
     printable.print(stream);
-    return stream.str();
-}
-
-/// An address as a stream writes it.
-inline std::string addressText(const void* address) {
-    std::ostringstream stream;
-    stream << address;
     return stream.str();
 }
 

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <new>
 #include <type_traits>
 #include <vector>

@@ -2,6 +2,7 @@
 #include "gvtestpeer.h"
 #include "hookledger.h"
 #include "misuse.h"
+#include "poolsupport.h"
 #include "throwsites.h"
 
 #include <gilvane/base/gvexception.h>
@@ -35,18 +36,10 @@ Tokens tokensInTable(GVMemoryPool& pool) {
     return tokens;
 }
 
-// Adds blocks of these tokens, in this order.
-void build(GVMemoryPool& pool, const std::vector<unsigned int>& tokens) {
-    for (const unsigned int token : tokens) {
-        GVTestPeer::nextToken() = token;
-        pool.resizePool(GVTestPeer::table(pool).getUsedCount() + 1);
-    }
-}
-
 // Adds a sixth block to a table of 8 slots that is not allowed to grow; its token misses the free list.
 void buildSixthWithoutGrowth(HookLedger& ledger, GVMemoryPool& pool, unsigned int token) {
     ledger.refuseOnce(2);
-    expectGVException([&] { build(pool, {token}); }, gvoutofmemory, tableFile, noMemoryForTheTable);
+    expectGVException([&] { buildBlocks(pool, {token}); }, gvoutofmemory, tableFile, noMemoryForTheTable);
     ledger.refuseNothing();
     ASSERT_EQ(GVTestPeer::mask(GVTestPeer::table(pool)), 7U);
     ASSERT_EQ(GVTestPeer::fillCount(GVTestPeer::table(pool)), 6U);
@@ -259,7 +252,7 @@ TEST(PoolShrinking, keepsABlockWhoseTokenIsMissedPastADeletedSlot) {
     const HookLedger ledger;
     {
         GVMemoryPool pool(0, 16, false);
-        build(pool, {0, 9, 8});
+        buildBlocks(pool, {0, 9, 8});
         TokenTable& table = GVTestPeer::table(pool);
         ASSERT_EQ(GVTestPeer::slots(table)[6].theKey, 8U);
         GVMemoryPoolObject* const missed = GVTestPeer::slots(table)[6].theValue;
@@ -292,7 +285,7 @@ TEST(PoolShrinking, keepsABlockWhoseTokenIsMissedPastADeletedSlot) {
 TEST(PoolShrinking, growsTheTableForAMissedTokenAndFindsItsBlockAgain) {
     HookLedger ledger;
     GVMemoryPool pool(0, 16, false);
-    build(pool, {0, 9, 8, 2, 3});
+    buildBlocks(pool, {0, 9, 8, 2, 3});
     buildSixthWithoutGrowth(ledger, pool, 4);
     const void* const missedBytes = startOf(GVTestPeer::slots(GVTestPeer::table(pool))[6].theValue->getBytes());
 
@@ -313,7 +306,7 @@ TEST(PoolShrinking, growsTheTableForAMissedTokenAndFindsItsBlockAgain) {
 TEST(PoolShrinking, takesATokenThatTheTableHoldsTwiceOutOfTheFreeListTwice) {
     const HookLedger ledger;
     GVMemoryPool pool(0, 16, false);
-    build(pool, {0, 9, 8});
+    buildBlocks(pool, {0, 9, 8});
     pool.resizePool(2);
     GVTestPeer::table(pool)[8] = nullptr;
     ASSERT_EQ(tokensInTable(pool), (Tokens{0, 8, 8}));
@@ -332,7 +325,7 @@ TEST(PoolShrinking, losesABlockWhoseMissedTokenIsStoredAgainBehindIt) {
     const void* missedBytes = nullptr;
     {
         GVMemoryPool pool(0, 16, false);
-        build(pool, {1, 15, 9, 2, 3});
+        buildBlocks(pool, {1, 15, 9, 2, 3});
         buildSixthWithoutGrowth(ledger, pool, 5);
         const GVMemoryPoolObject* const block = GVTestPeer::slots(GVTestPeer::table(pool))[4].theValue;
         ASSERT_EQ(block->getToken(), 9U);
@@ -353,7 +346,7 @@ TEST(PoolShrinking, losesABlockWhoseMissedTokenIsStoredAgainBehindIt) {
 TEST(PoolShrinking, stopsWhereAMissedTokenCannotGrowTheTable) {
     HookLedger ledger;
     GVMemoryPool pool(0, 16, false);
-    build(pool, {0, 9, 8, 2, 3});
+    buildBlocks(pool, {0, 9, 8, 2, 3});
     buildSixthWithoutGrowth(ledger, pool, 4);
     ledger.refuseOnce(2); // after the lists of tokens and of marks
     expectGVException([&] { pool.resizePool(4); }, gvoutofmemory, tableFile, noMemoryForTheTable);
@@ -370,7 +363,7 @@ TEST(PoolShrinking, stopsWhereAMissedTokenCannotGrowTheTable) {
 TEST(PoolShrinking, leavesTheTokensBelowAMissedOneThatCannotGrowTheTableInTheFreeList) {
     HookLedger ledger;
     GVMemoryPool pool(0, 16, false);
-    build(pool, {0, 9, 8, 2, 3});
+    buildBlocks(pool, {0, 9, 8, 2, 3});
     buildSixthWithoutGrowth(ledger, pool, 4);
     ledger.refuseOnce(2); // after the lists of tokens and of marks
     EXPECT_THROW(pool.resizePool(1), GVException);

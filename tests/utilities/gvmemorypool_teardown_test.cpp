@@ -1,4 +1,5 @@
 // What a pool's destructor gives back, in which order and through which hooks.
+#include "countinghooks.h"
 #include "gvtestpeer.h"
 #include "hookledger.h"
 #include "misuse.h"
@@ -8,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <functional>
 #include <vector>
 
@@ -26,20 +26,6 @@ void* rawBlockHolding(const HookLedger& ledger, const void* address) {
         }
     }
     return nullptr;
-}
-
-// A pair of hooks that only count.
-int countedAllocations = 0;
-int countedReleases = 0;
-
-void* countingAllocate(unsigned int numberOfBytes) {
-    ++countedAllocations;
-    return std::malloc(numberOfBytes);
-}
-
-void countingRelease(void* block) {
-    ++countedReleases;
-    std::free(block);
 }
 
 TEST(PoolTeardown, releasesTheHandleThenTheBlocksThenTheFreeListThenTheTable) {

@@ -4,12 +4,12 @@
 #include "gvtestpeer.h"
 #include "hookledger.h"
 #include "misuse.h"
+#include "poolsupport.h"
+#include "writtentext.h"
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
 #include <new>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,14 +20,6 @@ namespace {
 using Peer = GVTestPeer;
 using Tokens = GVMemoryPoolInspector::TokenList;
 using Inspector = GVMemoryPoolInspector;
-
-// Builds one block for each token, in this order.
-void buildBlocks(GVMemoryPool& pool, std::initializer_list<unsigned int> tokens) {
-    for (const unsigned int token : tokens) {
-        Peer::nextToken() = token;
-        pool.resizePool(Peer::table(pool).getUsedCount() + 1);
-    }
-}
 
 // The slots of a snapshot in a row, as the text draws them.
 std::string slotsOf(const Inspector& inspector) {
@@ -47,13 +39,6 @@ GVInspectedBlock blockOf(const Inspector& inspector, unsigned int token) {
     }
     ADD_FAILURE() << "no block " << token;
     return GVInspectedBlock();
-}
-
-template <typename T>
-std::string textOf(const T& value) {
-    std::ostringstream stream;
-    stream << value;
-    return stream.str();
 }
 
 } // namespace

@@ -5,11 +5,11 @@
 
 #include "gvtestpeer.h"
 #include "hookledger.h"
+#include "poolsupport.h"
 
 #include <gtest/gtest.h>
 
 #include <cstddef>
-#include <initializer_list>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -31,14 +31,6 @@ std::string statesOf(const Pool& pool) {
         states += block.isNeverLent ? 'n' : block.isFree ? 'f' : 'l';
     });
     return states;
-}
-
-// Builds blocks with these tokens, in this order.
-void buildBlocks(GVMemoryPool& pool, std::initializer_list<unsigned int> tokens) {
-    for (const unsigned int token : tokens) {
-        Peer::nextToken() = token;
-        pool.resizePool(Peer::table(pool).getUsedCount() + 1);
-    }
 }
 
 // Builds a block while the table cannot grow.

@@ -1,4 +1,5 @@
 // One pooled block: its bytes, its token, its comparison and its end.
+#include "countinghooks.h"
 #include "gvtestpeer.h"
 #include "hookledger.h"
 #include "misuse.h"
@@ -9,7 +10,6 @@
 
 #include <csignal>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <new>
 #include <type_traits>
@@ -27,20 +27,6 @@ static_assert(!std::is_copy_assignable_v<GVMemoryPoolObject>, "two blocks would 
 static_assert(!std::is_convertible_v<unsigned int, GVMemoryPoolObject>, "a number is not a block");
 
 constexpr unsigned int lastToken = 4294967295U;
-
-// A second pair of hooks, which only count.
-int countedAllocations = 0;
-int countedReleases = 0;
-
-void* countingAllocate(unsigned int numberOfBytes) {
-    ++countedAllocations;
-    return std::malloc(numberOfBytes);
-}
-
-void countingRelease(void* block) {
-    ++countedReleases;
-    std::free(block);
-}
 
 // A deallocation function that only takes down what it is called with.
 void* addressToRelease = nullptr;

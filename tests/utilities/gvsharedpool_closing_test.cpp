@@ -1,6 +1,7 @@
 #include <gilvane/utilities/gvsharedpool.h>
 
 #include "sharedpoolsupport.h"
+#include "testclock.h"
 #include "throwsites.h"
 
 #include <gilvane/base/gvexception.h>
@@ -10,8 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <exception>
@@ -65,11 +64,7 @@ class NoStandardInput {
 };
 
 // Closes the pool and returns a block, while a wait that is long enough for the block to be handed over goes on.
-struct ClosingClock {
-    using duration = std::chrono::milliseconds;
-    using rep = duration::rep;
-    using period = duration::period;
-    using time_point = std::chrono::time_point<ClosingClock>;
+struct ClosingClock : TestClock<ClosingClock> {
     static time_point now() {
         letTheOvertakingEnd();
         thePool->close();

@@ -14,7 +14,6 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <new>
 #include <set>

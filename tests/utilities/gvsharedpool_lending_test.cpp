@@ -12,7 +12,6 @@
 #include <atomic>
 #include <cstring>
 #include <new>
-#include <optional>
 #include <thread>
 #include <vector>
 

@@ -2,12 +2,12 @@
 
 #include "gvtestpeer.h"
 #include "sharedpoolsupport.h"
+#include "testclock.h"
 
 #include <gilvane/utilities/gvtokencache.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -29,6 +29,16 @@ void expectCounts(const GVSharedPool& pool, unsigned int lent, unsigned int cach
     EXPECT_EQ(statistics.theFreeCount, free);
     EXPECT_EQ(statistics.theNumberOfObjects, lent + cached + free);
 }
+
+constexpr std::chrono::milliseconds theCall(10);
+
+// Stands until a test calls the time, so that a wait lasts as long as the test says.
+struct CalledClock : TestClock<CalledClock> {
+    static time_point now() { return time_point(isCalled ? theCall : duration(0)); }
+    static std::atomic<bool> isCalled;
+};
+
+std::atomic<bool> CalledClock::isCalled{false};
 
 // A cache that holds one token. Nothing of it can be read after its end.
 class EndingCache {
@@ -300,8 +310,12 @@ TEST(SharedPoolStatistics, countAWaitWhenItBeginsAndTheRestWhenItEnds) {
     EXPECT_GT(pool.getStatistics().theLongestWait.count(), 0);
     EXPECT_EQ(pool.getStatistics().theTimeoutCount, 0U);
     EXPECT_EQ(pool.tryBorrow(), token);
-    // The time runs from the call on, and on a busy machine the wait begins somewhat later.
-    EXPECT_FALSE(pool.borrowFor(std::chrono::milliseconds(200)).has_value());
+    CalledClock::isCalled = false;
+    std::thread late([&] { EXPECT_FALSE(pool.borrowUntil(CalledClock::time_point(theCall)).has_value()); });
+    awaitWaits(pool, 2);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    CalledClock::isCalled = true;
+    late.join();
     const GVSharedPoolStatistics statistics = pool.getStatistics();
     EXPECT_EQ(statistics.theWaitCount, 2U);
     EXPECT_EQ(statistics.theTimeoutCount, 1U);

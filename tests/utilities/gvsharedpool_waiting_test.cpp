@@ -2,6 +2,7 @@
 
 #include "gvtestpeer.h"
 #include "sharedpoolsupport.h"
+#include "testclock.h"
 
 #include <gilvane/utilities/gvtokencache.h>
 
@@ -53,13 +54,7 @@ milliseconds processorTime() {
 }
 
 // A clock that a test moves.
-struct MovedClock {
-    using duration = milliseconds;
-    using rep = duration::rep;
-    using period = duration::period;
-    using time_point = std::chrono::time_point<MovedClock>;
-    [[maybe_unused]] static constexpr bool is_steady = false;
-
+struct MovedClock : TestClock<MovedClock> {
     static time_point now() {
         if (theCallsBeforeAThrow >= 0 && theCallsBeforeAThrow-- == 0) {
             throw std::runtime_error("the clock is broken");
@@ -74,11 +69,7 @@ std::atomic<int> MovedClock::theNow{0};
 std::atomic<int> MovedClock::theCallsBeforeAThrow{-1};
 
 // Returns a block when the wait is long enough for it to be handed over, and throws.
-struct GivingClock {
-    using duration = milliseconds;
-    using rep = duration::rep;
-    using period = duration::period;
-    using time_point = std::chrono::time_point<GivingClock>;
+struct GivingClock : TestClock<GivingClock> {
     static time_point now() {
         letTheOvertakingEnd();
         thePool->releaseObject(theGift);
@@ -92,13 +83,7 @@ GVSharedPool* GivingClock::thePool = nullptr;
 unsigned int GivingClock::theGift = 0;
 
 // The pool's lock is free while the clock is asked.
-struct LookingClock {
-    using duration = milliseconds;
-    using rep = duration::rep;
-    using period = duration::period;
-    using time_point = std::chrono::time_point<LookingClock>;
-    [[maybe_unused]] static constexpr bool is_steady = false;
-
+struct LookingClock : TestClock<LookingClock> {
     static time_point now() {
         if (theGift.has_value()) {
             thePool->releaseObject(*theGift);
@@ -114,11 +99,7 @@ GVSharedPool* LookingClock::thePool = nullptr;
 std::optional<unsigned int> LookingClock::theGift;
 
 // Keeps waiters in the queue and awake, until they are let go. Then it says that their time is over.
-struct HoldingClock {
-    using duration = milliseconds;
-    using rep = duration::rep;
-    using period = duration::period;
-    using time_point = std::chrono::time_point<HoldingClock>;
+struct HoldingClock : TestClock<HoldingClock> {
     static time_point now() {
         ++theCallCount;
         await([] { return !isHolding; });

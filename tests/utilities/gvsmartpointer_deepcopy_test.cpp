@@ -14,7 +14,6 @@
 #include <new>
 #include <stdexcept>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 namespace Gilvane {
@@ -40,14 +39,6 @@ std::vector<unsigned int> freeTokensOf(GVMemoryPool& pool) {
 std::vector<unsigned int> requestsAfter(const HookLedger& ledger, std::size_t before) {
     const std::vector<unsigned int> requests = ledger.requests();
     return {requests.begin() + static_cast<std::ptrdiff_t>(before), requests.end()};
-}
-
-std::vector<unsigned int> bytesOf(const std::vector<HookLedger::Block>& blocks) {
-    std::vector<unsigned int> bytes;
-    for (const HookLedger::Block& block : blocks) {
-        bytes.push_back(block.bytes);
-    }
-    return bytes;
 }
 
 // Counts the living and can refuse to be copied.

@@ -34,14 +34,6 @@ constexpr unsigned int flagCellBytes = detail::rawBlockHeaderBytes + sizeof(bool
 // The address of the header word before what a user got.
 void* blockStart(const void* userBytes) { return reinterpret_cast<void*>(detail::rawBlockStart(userBytes)); }
 
-std::vector<unsigned int> bytesOf(const std::vector<HookLedger::Block>& blocks) {
-    std::vector<unsigned int> bytes;
-    for (const HookLedger::Block& block : blocks) {
-        bytes.push_back(block.bytes);
-    }
-    return bytes;
-}
-
 // Where a virtual operation stands in the table of virtual operations, counted from 0. A pointer to a virtual member
 // function begins with the entry's offset; some targets add 1 to it.
 template <typename MemberFunction>

@@ -13,7 +13,6 @@
 #include <chrono>
 #include <cstdint>
 #include <new>
-#include <numeric>
 #include <optional>
 #include <thread>
 #include <type_traits>

@@ -10,7 +10,6 @@
 #include <array>
 #include <condition_variable>
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <mutex>
 #include <thread>

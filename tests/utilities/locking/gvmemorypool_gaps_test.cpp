@@ -16,16 +16,10 @@ namespace Gilvane {
 
 namespace {
 
+using TokenLending = TestOfLocks;
+using PoolBlockSize = TestOfLocks;
+using PoolGrowth = TestOfLocks;
 using Tokens = std::vector<unsigned int, GVStdAllocator<unsigned int>>;
-
-// An empty log at the start and at the end of a test; to be made before the pools.
-class FreshLog {
-  public:
-    FreshLog() { ThreadsLog::clear(); }
-    FreshLog(const FreshLog&) = delete;
-    FreshLog& operator=(const FreshLog&) = delete;
-    ~FreshLog() { ThreadsLog::clear(); }
-};
 
 // Plays another thread: runs `act` at the `number`th entry from now on, counted from 1. The other thread's own locking
 // is left out, since in truth it would come a moment before or after.
@@ -58,8 +52,7 @@ class DryPool : public GVMemoryPool {
     unsigned int blocks() { return GVTestPeer::table(*this).getUsedCount(); }
 };
 
-TEST(TokenLending, readsTheNumberOfBlocksOutsideTheLock) {
-    const FreshLog log;
+TEST_F(TokenLending, readsTheNumberOfBlocksOutsideTheLock) {
     DryPool pool;
     atEntry(foundNothing, pool, [&] { pool.resizePool(8); });
     EXPECT_EQ(pool.getTokenForFreeMemoryObject(), 15U);
@@ -67,8 +60,7 @@ TEST(TokenLending, readsTheNumberOfBlocksOutsideTheLock) {
     EXPECT_EQ(ThreadsLog::entries().size(), 6U);
 }
 
-TEST(TokenLending, growsAfterAnotherThreadReturnedATokenInTheGap) {
-    const FreshLog log;
+TEST_F(TokenLending, growsAfterAnotherThreadReturnedATokenInTheGap) {
     DryPool pool;
     atEntry(foundNothing, pool, [&] { pool.releaseObject(2); });
     EXPECT_EQ(pool.getTokenForFreeMemoryObject(), 7U);
@@ -76,24 +68,21 @@ TEST(TokenLending, growsAfterAnotherThreadReturnedATokenInTheGap) {
     EXPECT_EQ(GVTestPeer::freeTokens(pool), (Tokens{2, 4, 5, 6}));
 }
 
-TEST(TokenLending, doesNotGrowAgainWhenAnotherThreadGrewAfterTheNumberWasRead) {
-    const FreshLog log;
+TEST_F(TokenLending, doesNotGrowAgainWhenAnotherThreadGrewAfterTheNumberWasRead) {
     DryPool pool;
     atEntry(aboutToGrow, pool, [&] { pool.resizePool(8); });
     EXPECT_EQ(pool.getTokenForFreeMemoryObject(), 7U);
     EXPECT_EQ(pool.blocks(), 8U);
 }
 
-TEST(TokenLending, undoesLargerGrowthByAnotherThreadAfterTheNumberWasRead) {
-    const FreshLog log;
+TEST_F(TokenLending, undoesLargerGrowthByAnotherThreadAfterTheNumberWasRead) {
     DryPool pool;
     atEntry(aboutToGrow, pool, [&] { pool.resizePool(10); });
     EXPECT_EQ(pool.getTokenForFreeMemoryObject(), 7U);
     EXPECT_EQ(pool.blocks(), 8U);
 }
 
-TEST(TokenLending, destroysWhatAnotherThreadBuiltInAnEmptyPoolAfterTheNumberWasRead) {
-    const FreshLog log;
+TEST_F(TokenLending, destroysWhatAnotherThreadBuiltInAnEmptyPoolAfterTheNumberWasRead) {
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(2, true);
     unsigned int lentToTheOther = 0;
@@ -104,8 +93,7 @@ TEST(TokenLending, destroysWhatAnotherThreadBuiltInAnEmptyPoolAfterTheNumberWasR
     EXPECT_EQ(GVTestPeer::freeTokens(pool), (Tokens{0, 2}));
 }
 
-TEST(TokenLending, takesWhatOtherThreadsLeftAfterTheGrowth) {
-    const FreshLog log;
+TEST_F(TokenLending, takesWhatOtherThreadsLeftAfterTheGrowth) {
     DryPool pool;
     unsigned int lentToTheOther = 0;
     atEntry(hasGrown, pool, [&] { lentToTheOther = pool.getTokenForFreeMemoryObject(); });
@@ -114,8 +102,7 @@ TEST(TokenLending, takesWhatOtherThreadsLeftAfterTheGrowth) {
     EXPECT_EQ(pool.blocks(), 8U);
 }
 
-TEST(TokenLending, takesWhatAnotherThreadReturnedAfterTheGrowth) {
-    const FreshLog log;
+TEST_F(TokenLending, takesWhatAnotherThreadReturnedAfterTheGrowth) {
     DryPool pool;
     atEntry(hasGrown, pool, [&] { pool.releaseObject(1); });
     EXPECT_EQ(pool.getTokenForFreeMemoryObject(), 1U);
@@ -139,7 +126,7 @@ TEST(TokenLending, takesWhatAnotherThreadReturnedAfterTheGrowth) {
 
 #endif
 
-TEST(TokenLending, popsAfterGrowthWithoutLookingAgain) {
+TEST_F(TokenLending, popsAfterGrowthWithoutLookingAgain) {
     GILVANE_TEST_OF_MISUSE();
 #if defined(GILVANE_TEST_SANITIZED) || defined(_GLIBCXX_ASSERTIONS)
     GTEST_SKIP() << "a checker may report the pop from an empty list first";
@@ -148,8 +135,7 @@ TEST(TokenLending, popsAfterGrowthWithoutLookingAgain) {
 #endif
 }
 
-TEST(PoolBlockSize, locksTheCheckAndTheRebuildingSeparately) {
-    const FreshLog log;
+TEST_F(PoolBlockSize, locksTheCheckAndTheRebuildingSeparately) {
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(3, 16, true);
     unsigned int borrowed = 0;
@@ -159,11 +145,10 @@ TEST(PoolBlockSize, locksTheCheckAndTheRebuildingSeparately) {
     EXPECT_EQ(borrowed, 2U);
     EXPECT_EQ(GVTestPeer::table(pool).get(borrowed), nullptr); // gone, and its borrower is not told
     EXPECT_EQ(GVTestPeer::freeTokens(pool), (Tokens{0, 1, 3, 4, 5}));
-    EXPECT_EQ(ThreadsLog::entries(), (std::vector<std::string>{"lock 1", "unlock 1", "lock 1", "unlock 1"}));
+    EXPECT_EQ(ThreadsLog::entries(), (Log{"lock 1", "unlock 1", "lock 1", "unlock 1"}));
 }
 
-TEST(PoolBlockSize, isWrittenBetweenTheLockedSteps) {
-    const FreshLog log;
+TEST_F(PoolBlockSize, isWrittenBetweenTheLockedSteps) {
     GVMemoryPool pool(3, 16, true);
     ThreadsLog::entries().clear();
     std::vector<unsigned int> sizes;
@@ -173,24 +158,21 @@ TEST(PoolBlockSize, isWrittenBetweenTheLockedSteps) {
     EXPECT_EQ(sizes, (std::vector<unsigned int>{16, 16, 32, 32}));
 }
 
-TEST(PoolBlockSize, rebuildsAsManyBlocksAsThereAreAfterTheCheck) {
-    const FreshLog log;
+TEST_F(PoolBlockSize, rebuildsAsManyBlocksAsThereAreAfterTheCheck) {
     GVMemoryPool pool(3, 16, true);
     atEntry(2, pool, [&] { pool.resizePool(7); });
     pool.setNumberOfBytesInPoolObject(32);
     EXPECT_EQ(GVTestPeer::table(pool).getUsedCount(), 7U);
 }
 
-TEST(PoolBlockSize, checksUnderTheLock) {
-    const FreshLog log;
+TEST_F(PoolBlockSize, checksUnderTheLock) {
     GVMemoryPool pool(3, 16, true);
     atEntry(1, pool, [&] { pool.getTokenForFreeMemoryObject(); });
     EXPECT_THROW(pool.setNumberOfBytesInPoolObject(32), GVException);
     EXPECT_EQ(GVTestPeer::bytesInEachObject(pool), 16U);
 }
 
-TEST(PoolGrowth, countsTheBlocksUnderTheLock) {
-    const FreshLog log;
+TEST_F(PoolGrowth, countsTheBlocksUnderTheLock) {
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(3, 16, true);
     atEntry(1, pool, [&] { pool.resizePool(5); });

@@ -16,20 +16,11 @@ namespace Gilvane {
 
 namespace {
 
-using Log = std::vector<std::string>;
+using PoolLocking = TestOfLocks;
 using Tokens = std::vector<unsigned int, GVStdAllocator<unsigned int>>;
 
 const Log lockedOnce = {"lock 1", "unlock 1"};
 const Log lockedTwice = {"lock 1", "unlock 1", "lock 1", "unlock 1"};
-
-// An empty log at the start and at the end of a test; to be made before the pools.
-class FreshLog {
-  public:
-    FreshLog() { ThreadsLog::clear(); }
-    FreshLog(const FreshLog&) = delete;
-    FreshLog& operator=(const FreshLog&) = delete;
-    ~FreshLog() { ThreadsLog::clear(); }
-};
 
 // What an operation enters in the log.
 Log logOf(const std::function<void()>& operation) {
@@ -45,35 +36,30 @@ bool isLocked(GVMemoryPool& pool) {
 // Makes `look` run at the next entries, with each of them.
 void watch(const std::function<void(const std::string&)>& look) { ThreadsLog::observer() = look; }
 
-TEST(PoolLocking, constructionAsksAFactoryOfItsOwnForTheHandle) {
-    const FreshLog log;
+TEST_F(PoolLocking, constructionAsksAFactoryOfItsOwnForTheHandle) {
     const GVMemoryPool pool(true);
     EXPECT_EQ(ThreadsLog::entries(), (Log{"factory made", "factory creates 1 (3, false)", "factory destroyed"}));
 }
 
-TEST(PoolLocking, everyConstructorMakesAFactoryEvenWithoutLocking) {
-    const FreshLog log;
+TEST_F(PoolLocking, everyConstructorMakesAFactoryEvenWithoutLocking) {
     const Log factoryOnly = {"factory made", "factory destroyed"};
     EXPECT_EQ(logOf([] { GVMemoryPool(false); }), factoryOnly);
     EXPECT_EQ(logOf([] { GVMemoryPool(3, false); }), factoryOnly);
     EXPECT_EQ(logOf([] { GVMemoryPool(3, 16, false); }), factoryOnly);
 }
 
-TEST(PoolLocking, constructionWithANumberDoesNotLock) {
-    const FreshLog log;
+TEST_F(PoolLocking, constructionWithANumberDoesNotLock) {
     const GVMemoryPool pool(3, true);
     EXPECT_EQ(ThreadsLog::entries(), (Log{"factory made", "factory creates 1 (3, false)", "factory destroyed"}));
 }
 
-TEST(PoolLocking, constructionWithASizeLocksOnlyForTheBuilding) {
-    const FreshLog log;
+TEST_F(PoolLocking, constructionWithASizeLocksOnlyForTheBuilding) {
     const GVMemoryPool pool(3, 16, true);
     EXPECT_EQ(ThreadsLog::entries(),
               (Log{"factory made", "factory creates 1 (3, false)", "factory destroyed", "lock 1", "unlock 1"}));
 }
 
-TEST(PoolLocking, constructionThatFailsUnlocksAndLeavesTheHandle) {
-    const FreshLog log;
+TEST_F(PoolLocking, constructionThatFailsUnlocksAndLeavesTheHandle) {
     HookLedger ledger;
     ledger.refuseOnce(1); // after the handle
     EXPECT_THROW(GVMemoryPool(3, 16, true), GVException);
@@ -82,8 +68,7 @@ TEST(PoolLocking, constructionThatFailsUnlocksAndLeavesTheHandle) {
     EXPECT_EQ(ledger.reclaimLiveBlocks(), 1U);
 }
 
-TEST(PoolLocking, constructionPassesOnWhatTheFactoryThrows) {
-    const FreshLog log;
+TEST_F(PoolLocking, constructionPassesOnWhatTheFactoryThrows) {
     const HookLedger ledger;
     const std::vector<std::function<void()>> constructions = {[] { GVMemoryPool(true); }, [] { GVMemoryPool(3, true); },
                                                               [] { GVMemoryPool(3, 16, true); }};
@@ -94,14 +79,12 @@ TEST(PoolLocking, constructionPassesOnWhatTheFactoryThrows) {
     }
 }
 
-TEST(PoolLocking, destructionDeletesTheHandleOnceAndDoesNotLock) {
-    const FreshLog log;
+TEST_F(PoolLocking, destructionDeletesTheHandleOnceAndDoesNotLock) {
     auto* const pool = new GVMemoryPool(3, 16, true);
     EXPECT_EQ(logOf([&] { delete pool; }), (Log{"delete 1"}));
 }
 
-TEST(PoolLocking, destructionDeletesTheHandleBeforeAnyBlock) {
-    const FreshLog log;
+TEST_F(PoolLocking, destructionDeletesTheHandleBeforeAnyBlock) {
     const HookLedger ledger;
     std::size_t releasesBefore = 0;
     std::size_t releasesAtDelete = 0;
@@ -115,8 +98,7 @@ TEST(PoolLocking, destructionDeletesTheHandleBeforeAnyBlock) {
     EXPECT_GT(ledger.releaseCount(), releasesBefore);
 }
 
-TEST(PoolLocking, destructionDeletesEvenAHandleThatIsNotUsed) {
-    const FreshLog log;
+TEST_F(PoolLocking, destructionDeletesEvenAHandleThatIsNotUsed) {
     {
         GVMemoryPool pool(true);
         GVTestPeer::useMutexHandle(pool) = false;
@@ -124,15 +106,13 @@ TEST(PoolLocking, destructionDeletesEvenAHandleThatIsNotUsed) {
     EXPECT_EQ(ThreadsLog::count("delete 1"), 1);
 }
 
-TEST(PoolLocking, makePoolLocksOnce) {
-    const FreshLog log;
+TEST_F(PoolLocking, makePoolLocksOnce) {
     GVMemoryPool pool(3, 16, true);
     EXPECT_EQ(logOf([&] { pool.makePool(2); }), lockedOnce);
     EXPECT_EQ(logOf([&] { pool.makePool(0); }), lockedOnce);
 }
 
-TEST(PoolLocking, makePoolDestroysAndBuildsUnderTheLock) {
-    const FreshLog log;
+TEST_F(PoolLocking, makePoolDestroysAndBuildsUnderTheLock) {
     const HookLedger ledger;
     GVMemoryPool pool(3, 16, true);
     const std::size_t releasesBefore = ledger.releaseCount();
@@ -153,52 +133,45 @@ TEST(PoolLocking, makePoolDestroysAndBuildsUnderTheLock) {
     EXPECT_EQ(allocations, (std::vector<std::size_t>{allocationsBefore, allocationsAfter}));
 }
 
-TEST(PoolLocking, resizePoolLocksOnceWhicheverWayItGoes) {
-    const FreshLog log;
+TEST_F(PoolLocking, resizePoolLocksOnceWhicheverWayItGoes) {
     GVMemoryPool pool(3, 16, true);
     EXPECT_EQ(logOf([&] { pool.resizePool(8); }), lockedOnce);
     EXPECT_EQ(logOf([&] { pool.resizePool(8); }), lockedOnce);
     EXPECT_EQ(logOf([&] { pool.resizePool(5); }), lockedOnce);
 }
 
-TEST(PoolLocking, numberOfObjectsInPoolInUseLocksOnce) {
-    const FreshLog log;
+TEST_F(PoolLocking, numberOfObjectsInPoolInUseLocksOnce) {
     GVMemoryPool pool(3, true);
     EXPECT_EQ(logOf([&] { pool.numberOfObjectsInPoolInUse(); }), lockedOnce); // without blocks
     pool.resizePool(1);
     EXPECT_EQ(logOf([&] { pool.numberOfObjectsInPoolInUse(); }), lockedOnce);
 }
 
-TEST(PoolLocking, getMemoryForTokenLocksOnce) {
-    const FreshLog log;
+TEST_F(PoolLocking, getMemoryForTokenLocksOnce) {
     GVMemoryPool pool(3, 16, true);
     const unsigned int token = pool.getTokenForFreeMemoryObject();
     EXPECT_EQ(logOf([&] { pool.getMemoryForToken(token); }), lockedOnce);
 }
 
-TEST(PoolLocking, releaseObjectLocksOnce) {
-    const FreshLog log;
+TEST_F(PoolLocking, releaseObjectLocksOnce) {
     GVMemoryPool pool(3, 16, true);
     const unsigned int token = pool.getTokenForFreeMemoryObject();
     EXPECT_EQ(logOf([&] { pool.releaseObject(token); }), lockedOnce);
 }
 
-TEST(PoolLocking, lendingWithoutGrowthLocksOnce) {
-    const FreshLog log;
+TEST_F(PoolLocking, lendingWithoutGrowthLocksOnce) {
     GVMemoryPool pool(3, 16, true);
     EXPECT_EQ(logOf([&] { pool.getTokenForFreeMemoryObject(); }), lockedOnce);
 }
 
-TEST(PoolLocking, lendingWithGrowthLocksTwiceAndOnceMoreToGrow) {
-    const FreshLog log;
+TEST_F(PoolLocking, lendingWithGrowthLocksTwiceAndOnceMoreToGrow) {
     const Log withGrowth = {"lock 1", "unlock 1", "lock 1", "unlock 1", "lock 1", "unlock 1"};
     GVMemoryPool pool(1, true);
     EXPECT_EQ(logOf([&] { pool.getTokenForFreeMemoryObject(); }), withGrowth); // makePool
     EXPECT_EQ(logOf([&] { pool.getTokenForFreeMemoryObject(); }), withGrowth); // resizePool
 }
 
-TEST(PoolLocking, lendingWhoseGrowthFailsLeavesTheLockFree) {
-    const FreshLog log;
+TEST_F(PoolLocking, lendingWhoseGrowthFailsLeavesTheLockFree) {
     HookLedger ledger;
     GVMemoryPool pool(1, true);
     ledger.refuseOnce(0);
@@ -209,35 +182,30 @@ TEST(PoolLocking, lendingWhoseGrowthFailsLeavesTheLockFree) {
     EXPECT_FALSE(isLocked(pool));
 }
 
-TEST(PoolLocking, setNumberOfBytesInPoolObjectLocksOnceForEachOfItsSteps) {
-    const FreshLog log;
+TEST_F(PoolLocking, setNumberOfBytesInPoolObjectLocksOnceForEachOfItsSteps) {
     GVMemoryPool pool(3, 16, true);
     EXPECT_EQ(logOf([&] { pool.setNumberOfBytesInPoolObject(8); }), lockedTwice);
 }
 
-TEST(PoolLocking, setNumberOfBytesInPoolObjectLocksOnceForEachOfItsStepsEvenWithoutBlocks) {
-    const FreshLog log;
+TEST_F(PoolLocking, setNumberOfBytesInPoolObjectLocksOnceForEachOfItsStepsEvenWithoutBlocks) {
     GVMemoryPool pool(3, true);
     EXPECT_EQ(logOf([&] { pool.setNumberOfBytesInPoolObject(8); }), lockedTwice);
 }
 
-TEST(PoolLocking, setNumberOfBytesInPoolObjectThatIsRefusedLocksOnce) {
-    const FreshLog log;
+TEST_F(PoolLocking, setNumberOfBytesInPoolObjectThatIsRefusedLocksOnce) {
     GVMemoryPool pool(3, 16, true);
     pool.getTokenForFreeMemoryObject();
     EXPECT_EQ(logOf([&] { EXPECT_THROW(pool.setNumberOfBytesInPoolObject(8), GVException); }), lockedOnce);
 }
 
-TEST(PoolLocking, removeTokenFromAvailableListDoesNotLock) {
-    const FreshLog log;
+TEST_F(PoolLocking, removeTokenFromAvailableListDoesNotLock) {
     GVMemoryPool pool(3, 16, true);
     const unsigned int token = GVTestPeer::freeTokens(pool).front();
     EXPECT_EQ(logOf([&] { pool.removeTokenFromAvailableList(token); }), Log{});
     EXPECT_EQ(GVTestPeer::freeTokens(pool).size(), 2U);
 }
 
-TEST(PoolLocking, comparisonDoesNotLock) {
-    const FreshLog log;
+TEST_F(PoolLocking, comparisonDoesNotLock) {
     GVMemoryPool one(3, 16, true);
     const GVMemoryPool other(3, 16, true);
     EXPECT_EQ(logOf([&] { EXPECT_FALSE(one == other); }), Log{});
@@ -245,8 +213,7 @@ TEST(PoolLocking, comparisonDoesNotLock) {
     EXPECT_EQ(logOf([&] { EXPECT_TRUE(one == one); }), Log{});
 }
 
-TEST(PoolLocking, copyingNeitherLocksNorAsksForAHandle) {
-    const FreshLog log;
+TEST_F(PoolLocking, copyingNeitherLocksNorAsksForAHandle) {
     const GVMemoryPool pool(3, 16, true);
     GVMemoryPool* copy = nullptr;
     EXPECT_EQ(logOf([&] { copy = new GVMemoryPool(pool); }), Log{});
@@ -255,8 +222,7 @@ TEST(PoolLocking, copyingNeitherLocksNorAsksForAHandle) {
     GVObject::operator delete(copy);
 }
 
-TEST(PoolLocking, aPoolWithoutAMutexNeverLocks) {
-    const FreshLog log;
+TEST_F(PoolLocking, aPoolWithoutAMutexNeverLocks) {
     GVMemoryPool pool(2, 16, false);
     const Log entries = logOf([&] {
         const unsigned int token = pool.getTokenForFreeMemoryObject();
@@ -271,8 +237,7 @@ TEST(PoolLocking, aPoolWithoutAMutexNeverLocks) {
     EXPECT_EQ(entries, Log{});
 }
 
-TEST(PoolLocking, aPoolWithoutAMutexTouchesNoHandleFromItsBeginningToItsEnd) {
-    const FreshLog log;
+TEST_F(PoolLocking, aPoolWithoutAMutexTouchesNoHandleFromItsBeginningToItsEnd) {
     const Log entries = logOf([] {
         GVMemoryPool pool(false);
         EXPECT_EQ(GVTestPeer::mutexHandle(pool), nullptr);
@@ -284,8 +249,7 @@ TEST(PoolLocking, aPoolWithoutAMutexTouchesNoHandleFromItsBeginningToItsEnd) {
     EXPECT_EQ(entries, (Log{"factory made", "factory destroyed"}));
 }
 
-TEST(PoolLocking, theFlagDecidesNotTheHandle) {
-    const FreshLog log;
+TEST_F(PoolLocking, theFlagDecidesNotTheHandle) {
     GVMemoryPool pool(2, 16, true);
     GVTestPeer::useMutexHandle(pool) = false;
     const Log entries = logOf([&] {
@@ -297,17 +261,15 @@ TEST(PoolLocking, theFlagDecidesNotTheHandle) {
     EXPECT_EQ(entries, Log{});
 }
 
-TEST(PoolLocking, eachPoolHasALockOfItsOwn) {
-    const FreshLog log;
+TEST_F(PoolLocking, eachPoolHasALockOfItsOwn) {
     GVMemoryPool one(2, 16, true);
     GVMemoryPool other(2, 16, true);
     EXPECT_EQ(logOf([&] { other.getTokenForFreeMemoryObject(); }), (Log{"lock 2", "unlock 2"}));
     EXPECT_EQ(logOf([&] { one.getTokenForFreeMemoryObject(); }), lockedOnce);
 }
 
-TEST(PoolLocking, theLockIsReleasedWhenAnOperationThrows) {
+TEST_F(PoolLocking, theLockIsReleasedWhenAnOperationThrows) {
     GILVANE_TEST_OF_MISUSE();
-    const FreshLog log;
     HookLedger ledger;
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(4, 16, true);
@@ -352,8 +314,7 @@ std::vector<Picture> picturesDuring(GVMemoryPool& pool, const std::function<void
     return pictures;
 }
 
-TEST(PoolLocking, theLockCoversTheWholeOfEachOperation) {
-    const FreshLog log;
+TEST_F(PoolLocking, theLockCoversTheWholeOfEachOperation) {
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(2, 16, true);
     EXPECT_EQ(picturesDuring(pool, [&] { pool.resizePool(4); }),
@@ -368,8 +329,7 @@ TEST(PoolLocking, theLockCoversTheWholeOfEachOperation) {
               (std::vector<Picture>{{{0, 1, 2}, 3}, {{0, 1, 2, 4}, 1}}));
 }
 
-TEST(PoolLocking, lendingPopsUnderTheSecondLockAfterGrowth) {
-    const FreshLog log;
+TEST_F(PoolLocking, lendingPopsUnderTheSecondLockAfterGrowth) {
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(2, true);
     EXPECT_EQ(picturesDuring(pool, [&] { pool.getTokenForFreeMemoryObject(); }),

@@ -9,20 +9,12 @@
 
 #include <new>
 #include <string>
-#include <vector>
 
 namespace Gilvane {
 
 namespace {
 
-using Log = std::vector<std::string>;
-
-// An empty log at the start and at the end of each test.
-class PoolInspectorLocking : public testing::Test {
-  protected:
-    PoolInspectorLocking() { ThreadsLog::clear(); }
-    ~PoolInspectorLocking() override { ThreadsLog::clear(); }
-};
+using PoolInspectorLocking = TestOfLocks;
 
 } // namespace
 

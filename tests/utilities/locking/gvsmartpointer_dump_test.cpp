@@ -14,7 +14,6 @@
 #include <stdexcept>
 #include <streambuf>
 #include <string>
-#include <vector>
 
 namespace Gilvane {
 
@@ -22,7 +21,7 @@ namespace {
 
 using PoolPointer = GVSmartPointer<GVMemoryPool>;
 using Peer = GVTestPeer;
-using Log = std::vector<std::string>;
+using DumpLocking = TestOfLocks;
 
 // Writes what it gets into the log of the locks, and refuses all characters after the first `limit`.
 class LoggingBuffer : public std::streambuf {
@@ -52,12 +51,6 @@ constexpr std::size_t unlimited = static_cast<std::size_t>(-1);
 struct ObjectThatCannotBeWritten {};
 
 std::ostream& operator<<(std::ostream&, const ObjectThatCannotBeWritten&) { throw std::runtime_error("unwritable"); }
-
-class DumpLocking : public testing::Test {
-  protected:
-    DumpLocking() { ThreadsLog::clear(); }
-    ~DumpLocking() override { ThreadsLog::clear(); }
-};
 
 } // namespace
 

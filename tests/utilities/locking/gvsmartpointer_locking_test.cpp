@@ -24,7 +24,7 @@ namespace {
 using Pointer = GVSmartPointer<SharedObject>;
 using PoolPointer = GVSmartPointer<GVMemoryPool>;
 using Peer = GVTestPeer;
-using Log = std::vector<std::string>;
+using SmartPointer = TestOfLocks;
 
 // Empties the log, but for handles that live on, which keep their numbers.
 void forgetEntries() { ThreadsLog::entries().clear(); }
@@ -57,14 +57,12 @@ void releaseIntoLog(void* block) {
 }
 
 // As HookLedger, with a log of locks, handles and releases in their common order.
-class SmartPointerLocking : public testing::Test {
+class SmartPointerLocking : public TestOfLocks {
   protected:
     SmartPointerLocking() {
-        ThreadsLog::clear();
         blockNames().clear();
         GVObject::SetAllocationHooks(&HookLedger::allocate, &releaseIntoLog);
     }
-    ~SmartPointerLocking() override { ThreadsLog::clear(); }
 
     // A pointer to an object of its own, its blocks named after `name`.
     Pointer makePointer(const std::string& name, bool owning = true, bool locking = true) {
@@ -136,8 +134,7 @@ TEST_F(SmartPointerLocking, makesTheCellsBeforeTheHandle) {
     ThreadsLog::observer() = nullptr;
 }
 
-TEST(SmartPointer, losesBothCellsWhenTheHandleCannotBeHad) {
-    ThreadsLog::clear();
+TEST_F(SmartPointer, losesBothCellsWhenTheHandleCannotBeHad) {
     int deletions = 0;
     SharedObject object(deletions);
     HookLedger ledger;

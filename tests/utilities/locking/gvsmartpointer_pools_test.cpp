@@ -20,13 +20,7 @@ namespace {
 
 using PoolPointer = GVSmartPointer<GVMemoryPool>;
 using Peer = GVTestPeer;
-using Log = std::vector<std::string>;
-
-class SharedPoolLocking : public testing::Test {
-  protected:
-    SharedPoolLocking() { ThreadsLog::clear(); }
-    ~SharedPoolLocking() override { ThreadsLog::clear(); }
-};
+using SharedPoolLocking = TestOfLocks;
 
 } // namespace
 

@@ -8,22 +8,13 @@
 #include <gtest/gtest.h>
 
 #include <new>
-#include <string>
 #include <utility>
-#include <vector>
 
 namespace Gilvane {
 
 namespace {
 
-using Log = std::vector<std::string>;
-
-// An empty log at the start and at the end of each test.
-class TokenLeaseLocking : public testing::Test {
-  protected:
-    TokenLeaseLocking() { ThreadsLog::clear(); }
-    ~TokenLeaseLocking() override { ThreadsLog::clear(); }
-};
+using TokenLeaseLocking = TestOfLocks;
 
 } // namespace
 
