@@ -4,12 +4,8 @@
 #   tests/architecture_test.sh SOURCE_DIR SCRATCH_DIR
 set -euo pipefail
 cd "$1"
+. tests/support/script.sh
 scratch=$2
-
-die() {
-    printf '%s\n' "$*" >&2
-    exit 1
-}
 
 # folder: what it may include, declare in advance or befriend; itself besides
 declare -A allowed=(
@@ -41,6 +37,7 @@ breaches() {
     local folder file name key='(?:class|struct|union|enum|enum class)'
     local -A definedIn=([GVTestPeer]=tests)
     cd "$1"
+. tests/support/script.sh
     while IFS=: read -r file name; do
         folder=${file#libsrc/}
         definedIn[$name]=${folder%%/*}
@@ -61,21 +58,20 @@ breaches() {
 }
 
 [[ $(found '^#include <gilvane/' libsrc/*/* | wc -l) -gt 20 && $(found '\bfriend\b' libsrc/*/* | wc -l) -gt 5 ]] ||
-    die "hardly an #include, or hardly a friend: is it looking in the right place?"
+    fail "hardly an #include, or hardly a friend: is it looking in the right place?"
 found=$(breaches .)
-[[ -z $found ]] || die "$found"
+[[ -z $found ]] || fail "$found"
 
 # --- the check itself -------------------------------------------------------------------------------------------------
 
 # expectBreach FILE LINE TEXT: with this line added to a file of the library, the check says just this.
 expectBreach() {
-    rm -rf "$scratch/copy"
-    mkdir -p "$scratch/copy"
+    freshFolder "$scratch/copy"
     cp -r libsrc "$scratch/copy"
     printf '%s\n' "$2" >>"$scratch/copy/libsrc/$1"
     local found
     found=$(breaches "$scratch/copy")
-    [[ $found == "libsrc/$1 $3" ]] || die "with the line \"$2\", the check says: ${found:-nothing}"
+    [[ $found == "libsrc/$1 $3" ]] || fail "with the line \"$2\", the check says: ${found:-nothing}"
 }
 
 expectBreach base/gvobject.h '#include <gilvane/threads/gvmutex.h>' "includes from threads"
@@ -104,15 +100,15 @@ links quickstart "$scratch"/objects/*.o
 # Without what the page on embedded use says needs Linux, the pool is whole, and nothing includes a header of Linux alone
 # but the hooks, which see for themselves whether it is there.
 needsLinux=$(sed -n '/<!-- what needs Linux -->/,/<!-- end of what needs Linux -->/s/^- `\(.*\)`$/\1/p' docs/guide/embedded.md)
-[[ $(wc -l <<<"$needsLinux") -gt 3 ]] || die "docs/guide/embedded.md says hardly what needs Linux"
+[[ $(wc -l <<<"$needsLinux") -gt 3 ]] || fail "docs/guide/embedded.md says hardly what needs Linux"
 while read -r source; do
-    rm "$scratch/objects/$(basename "$source" .cpp).o" || die "docs/guide/embedded.md: there is no $source"
+    rm "$scratch/objects/$(basename "$source" .cpp).o" || fail "docs/guide/embedded.md: there is no $source"
 done <<<"$needsLinux"
 links quickstart "$scratch"/objects/*.o
 for object in "$scratch"/objects/*.o; do
     source=$(ls libsrc/*/"$(basename "$object" .o)".cpp)
     [[ $source == libsrc/base/gvobject.cpp ]] ||
         ! g++ -std=c++17 -I include -M "$source" | grep -o 'linux/futex\.h\|sys/eventfd\.h\|sys/syscall\.h\|sys/mman\.h' ||
-        die "$source needs Linux, and docs/guide/embedded.md does not say so"
+        fail "$source needs Linux, and docs/guide/embedded.md does not say so"
 done
 rm -rf "$scratch"

@@ -4,6 +4,7 @@
 #   tests/documentation_test.sh SOURCE_DIR
 set -euo pipefail
 cd "$1"
+. tests/support/script.sh
 shown=$(awk '/^```cpp$/ { shown = 1; next } /^```$/ && shown { exit } shown' README.md)
-[ -n "$shown" ] || { echo "README.md shows no program" >&2; exit 1; }
-diff <(printf '%s\n' "$shown") examples/quickstart.cpp || { echo "README.md and quickstart.cpp differ" >&2; exit 1; }
+[ -n "$shown" ] || fail "README.md shows no program"
+diff <(printf '%s\n' "$shown") examples/quickstart.cpp || fail "README.md and quickstart.cpp differ"

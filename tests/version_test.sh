@@ -5,18 +5,13 @@
 #   tests/version_test.sh SOURCE_DIR SCRATCH_DIR
 set -euo pipefail
 cd "$1"
+. tests/support/script.sh
 scratch=$2
-
-die() {
-    printf '%s\n' "$*" >&2
-    exit 1
-}
 
 # versions ROOT: what each of them tells of the library in ROOT, a line each.
 versions() {
     local root=$1 build=$1/build
-    cmake -S "$root" -B "$build" -G Ninja -DGILVANE_BUILD_TESTS=OFF -DGILVANE_BUILD_EXAMPLES=OFF >"$scratch/log" 2>&1 ||
-        die "$(cat "$scratch/log")"
+    silently cmake -S "$root" -B "$build" -G Ninja -DGILVANE_BUILD_TESTS=OFF -DGILVANE_BUILD_EXAMPLES=OFF
     echo "macros: $(printf '#include <gilvane/base/gvversion.h>\nGILVANE_VERSION_STRING GILVANE_VERSION\n' |
         g++ -std=c++17 -E -P -x c++ -I "$root/include" - | tail -n 1)"
     echo "CMake's project: $(sed -n 's/^CMAKE_PROJECT_VERSION:[A-Z]*=//p' "$build/CMakeCache.txt")"
@@ -33,18 +28,17 @@ expect() {
     diff <(
         echo "macros: \"$major\" \".\" \"$minor\" \".\" \"$patch\" ($major * 10000 + $minor * 100 + $patch)"
         printf '%s: %s\n' "CMake's project" "$1" "CMake's package" "$1" pkg-config "$1" "shared library" "$1" pages "$1"
-    ) <(versions "$scratch/copy") || die "the library is of version $1 (<), and not all say so (>)"
+    ) <(versions "$scratch/copy") || fail "the library is of version $1 (<), and not all say so (>)"
 }
 
-rm -rf "$scratch"
-mkdir -p "$scratch/copy"
+freshFolder "$scratch/copy"
 cp -rP CMakeLists.txt ./*.md cmake docs include libsrc tools "$scratch/copy"
 header=$scratch/copy/libsrc/base/gvversion.h
 version=$(sed -nE 's/^#define GILVANE_VERSION_(MAJOR|MINOR|PATCH) //p' "$header" | paste -sd .)
 expect "$version"
 # Debian's tools read it in the list of their packages' changes.
 [[ $(sed -nE '1s/^gilvane \((.*)\) .*/\1/p' debian/changelog) == "$version" ]] ||
-    die "debian/changelog does not begin with version $version"
+    fail "debian/changelog does not begin with version $version"
 
 sed -Ei 's/^(#define GILVANE_VERSION_MAJOR) .*/\1 7/; s/^(#define GILVANE_VERSION_MINOR) .*/\1 8/
     s/^(#define GILVANE_VERSION_PATCH) .*/\1 19/' "$header"

@@ -9,18 +9,17 @@
 set -euo pipefail
 export LC_ALL=C
 cd "$1"
+. tests/support/script.sh
 source=$2
 
 read -ra flags <<<"$(sed -n 's|^// with: ||p' "$source")"
 text=$(sed -n 's|^// refused: ||p' "$source")
 for compiler in g++ clang++; do
     command=("$compiler" -std=c++17 -Wall -Wextra -Werror "${flags[@]}" -I include -fsyntax-only "$source")
-    "${command[@]}" || { echo "$compiler refuses $source" >&2; exit 1; }
+    "${command[@]}" || fail "$compiler refuses $source"
     [[ -n $text ]] || continue
     if output=$("${command[@]}" -DREFUSED 2>&1); then
-        echo "$compiler accepts $source, as REFUSED has it" >&2
-        exit 1
+        fail "$compiler accepts $source, as REFUSED has it"
     fi
-    grep -qF -- "$text" <<<"$output" ||
-        { echo "$compiler refuses $source, but does not say \"$text\":" "$output" >&2; exit 1; }
+    grep -qF -- "$text" <<<"$output" || fail "$compiler refuses $source, but does not say \"$text\":" "$output"
 done

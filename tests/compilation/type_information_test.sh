@@ -5,6 +5,7 @@
 #   tests/compilation/type_information_test.sh SOURCE_DIR SCRATCH_DIR LIBRARY
 set -euo pipefail
 cd "$1"
+. tests/support/script.sh
 scratch=$2
 library=$3
 mkdir -p "$scratch"
@@ -16,6 +17,6 @@ for compiler in g++ clang++; do
     for order in "with without" "without with"; do
         read -r first second <<<"$order"
         "$compiler" "$scratch/$first.o" "$scratch/$second.o" "$library" -pthread -o "$scratch/program"
-        timeout 20 "$scratch/program" || { echo "$compiler, objects in the order $order: status $?" >&2; exit 1; }
+        timeout 20 "$scratch/program" || fail "$compiler, objects in the order $order: status $?"
     done
 done

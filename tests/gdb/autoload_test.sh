@@ -4,13 +4,11 @@
 #
 #   autoload_test.sh BUILD_DIR WORK_FOLDER PROGRAM LIBRARY
 set -euo pipefail
+. "$(dirname "$0")/../support/script.sh"
 build=$1 work=$2 program=$3 library=$4
 prefix=$work/prefix
+forgetSettings
 
-fail() {
-    printf '%s\n' "$@" >&2
-    exit 1
-}
 # look COMMAND...: what gdb answers in the program, which runs with the installed library. It trusts the one folder of
 # the prefix that it trusts under /usr by itself.
 look() {
@@ -20,9 +18,8 @@ look() {
         -ex "set environment LD_LIBRARY_PATH $folder" -ex 'break lookAround' -ex "run $work" -ex 'frame function main' "${commands[@]}" "$program" 2>&1 </dev/null
 }
 
-rm -rf "$work"
-mkdir -p "$work"
-cmake --install "$build" --prefix "$prefix" --component debugger >"$work/install.log"
+freshFolder "$work"
+silently cmake --install "$build" --prefix "$prefix" --component debugger
 script=$(find "$prefix" -name '*-gdb.py')
 [[ $(basename "$script") == "$(basename "$library")-gdb.py" ]] || fail "no script of the library's name: $script"
 [[ -f $script && $(readlink "$script") != /* ]] || fail "the link to the script is broken, or bound to its place"

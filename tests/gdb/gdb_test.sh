@@ -13,13 +13,9 @@
 set -euo pipefail
 kind=$1 transcript=$2 source=$3 work=$4 program=$5
 shift 5
+. "$source/tests/support/script.sh"
 script=$source/tools/gdb/gilvane_gdb.py
 export GDB_TEST_TRANSCRIPT=$source/tests/gdb/$transcript.transcript GDB_TEST_WORK_FOLDER=$work GDB_TEST_PHASE
-
-fail() {
-    printf '%s\n' "$@" >&2
-    exit 1
-}
 
 # check PHASE: compares what the debugger said with the transcript, and its dumps with the program's.
 check() {
@@ -35,8 +31,7 @@ check() {
     done
 }
 
-rm -rf "$work"
-mkdir -p "$work"
+freshFolder "$work"
 cd "$work"
 
 # The debugger's own colours, paging and settings of a user have no place here.

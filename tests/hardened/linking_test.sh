@@ -5,24 +5,12 @@
 #   tests/hardened/linking_test.sh SOURCE_DIR SCRATCH_DIR DEFAULT_LIBRARY HARDENED_LIBRARY
 set -euo pipefail
 cd "$1"
+. tests/support/script.sh
 scratch=$2
 default=$3
 hardened=$4
-rm -rf "$scratch"
-mkdir -p "$scratch"
-
-fail() {
-    printf '%s\n' "$*" >&2
-    exit 1
-}
-
-# silently COMMAND...: shows what it writes only if it fails.
-silently() {
-    "$@" >"$scratch/log" 2>&1 || {
-        cat "$scratch/log" >&2
-        fail "failed: $*"
-    }
-}
+freshFolder "$scratch"
+forgetSettings
 
 # expectRefused SYMBOL OBJECT LIBRARY: they do not link, for want of this symbol.
 expectRefused() {

@@ -4,13 +4,9 @@
 #
 #   tests/hardened/valgrind_test.sh HARDENED_PROGRAM DEFAULT_PROGRAM
 set -euo pipefail
+. "$(dirname "$0")/../support/script.sh"
 hardened=$1
 default=$2
-
-fail() {
-    printf '%s\n' "$*" >&2
-    exit 1
-}
 
 # expectReported FUNCTION PATTERN PROGRAM USE: memcheck reports one thing, and the pattern's line stands right above the
 # function's.

@@ -8,15 +8,11 @@
 set -euo pipefail
 export LC_ALL=C
 cd "$1"
+. tests/support/script.sh
 scratch=$2
 macros=$PWD/tests/headers
 compilers=("g++" "clang++" "clang++ -stdlib=libc++")
 versions=(c++17 c++20 c++2b) # clang 14 knows C++23 by this name alone
-
-die() {
-    printf '%s\n' "$*" >&2
-    exit 1
-}
 
 # includes FILE...: a line for each of these files.
 includes() {
@@ -39,7 +35,7 @@ writeSources() {
     mapfile -t headers < <(cd "$root/libsrc" && printf 'gilvane/%s\n' */*.h)
     mapfile -t reversed < <(printf '%s\n' "${headers[@]}" | tac)
     mapfile -t standard < <(cat "$root"/libsrc/*/*.h | sed -nE 's|^#include <([^/]+)>$|\1|p' | sort -u)
-    [[ ${#headers[@]} -gt 10 && ${#standard[@]} -gt 10 ]] || die "hardly a header: is it looking in the right place?"
+    [[ ${#headers[@]} -gt 10 && ${#standard[@]} -gt 10 ]] || fail "hardly a header: is it looking in the right place?"
     mkdir -p "$root/sources"
     for header in "${headers[@]}"; do
         {
@@ -93,12 +89,12 @@ refusals() {
 
 # --- the headers ------------------------------------------------------------------------------------------------------
 
-rm -rf "$scratch"
-mkdir -p "$scratch/asis"
+freshFolder "$scratch"
+mkdir "$scratch/asis"
 cp -rP libsrc include "$scratch/asis"
 writeSources "$scratch/asis"
 refused=$(commands "$scratch/asis" '*' | refusals)
-[[ -z $refused ]] || die "$(head -n 20 <<<"$refused")"
+[[ -z $refused ]] || fail "$(head -n 20 <<<"$refused")"
 
 # --- the test itself --------------------------------------------------------------------------------------------------
 
@@ -106,7 +102,7 @@ refused=$(commands "$scratch/asis" '*' | refusals)
 plant() {
     mkdir -p "$scratch/$1"
     cp -rP libsrc include "$scratch/$1"
-    [[ $(tail -n 1 "$scratch/$1/libsrc/$2") == '#endif' ]] || die "the guard of $2 does not end with the file"
+    [[ $(tail -n 1 "$scratch/$1/libsrc/$2") == '#endif' ]] || fail "the guard of $2 does not end with the file"
     sed -i '$d' "$scratch/$1/libsrc/$2"
     printf '%s\n' "$3" '#endif' >>"$scratch/$1/libsrc/$2"
     writeSources "$scratch/$1"
@@ -117,7 +113,7 @@ expectRefusals() {
     local refused
     refused=$(commands "$scratch/$1" "$2" | refusals)
     [[ $(grep -c '^refused' <<<"$refused") == "$3" && $(grep -c "$4" <<<"$refused") == "$3" ]] ||
-        die "$1: expected $3 refusals that say \"$4\":" "$refused"
+        fail "$1: expected $3 refusals that say \"$4\":" "$refused"
 }
 
 plant corners base/gvcompiler.h '

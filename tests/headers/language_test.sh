@@ -5,12 +5,8 @@
 set -euo pipefail
 export LC_ALL=C
 cd "$1"
+. tests/support/script.sh
 expected="Gilvane needs C++17 or later: compile as C++ with -std=c++17"
-
-die() {
-    printf '%s\n' "$*" >&2
-    exit 1
-}
 
 # errors COMMAND HEADER: the lines with errors when a program that includes the header is compiled.
 errors() {
@@ -19,13 +15,13 @@ errors() {
 }
 
 mapfile -t headers < <(cd include && find -H gilvane/ -name '*.h' | sort)
-[[ ${#headers[@]} -gt 10 ]] || die "hardly a header: is it looking in the right place?"
+[[ ${#headers[@]} -gt 10 ]] || fail "hardly a header: is it looking in the right place?"
 for header in "${headers[@]}"; do
     for command in "g++ -std=c++14 -x c++" "clang++ -std=c++14 -x c++" "gcc -x c"; do
         said=$(errors "$command" "$header")
-        [[ -n $said ]] || die "$command accepts $header"
-        [[ $(head -n 1 <<<"$said") == *"error: "*"$expected" ]] || die "$command says of $header first:" "$said"
+        [[ -n $said ]] || fail "$command accepts $header"
+        [[ $(head -n 1 <<<"$said") == *"error: "*"$expected" ]] || fail "$command says of $header first:" "$said"
         # The sentence, and the file that there is not.
-        [[ $(wc -l <<<"$said") == 2 ]] || die "$command says more of $header than it should:" "$said"
+        [[ $(wc -l <<<"$said") == 2 ]] || fail "$command says more of $header than it should:" "$said"
     done
 done

@@ -13,9 +13,6 @@ triplet=$6
 shift 6
 emulator=("$@")
 . tests/install/installation.sh
-rm -rf "$scratch"
-mkdir -p "$scratch"
-unset CMAKE_PREFIX_PATH CXXFLAGS LDFLAGS DESTDIR
 
 prefix=$scratch/prefix
 silently cmake --install "$build" --prefix "$prefix"

@@ -13,9 +13,6 @@ for tool in dh dpkg-buildpackage lintian doxygen; do
     command -v "$tool" >/dev/null || { echo "skipped: no $tool here"; exit 77; }
 done
 . tests/install/installation.sh
-rm -rf "$scratch"
-mkdir -p "$scratch"
-unset CMAKE_PREFIX_PATH PKG_CONFIG_PATH LD_LIBRARY_PATH CXXFLAGS LDFLAGS DESTDIR
 
 # Compiled sooner than what is handed out, and packed the same.
 DEB_CXXFLAGS_APPEND="-O1 -g1" silently tools/build-packages --into "$scratch/packages"

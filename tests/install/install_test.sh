@@ -10,9 +10,6 @@ scratch=$3
 version=$4
 emulator=()
 . tests/install/installation.sh
-rm -rf "$scratch"
-mkdir -p "$scratch"
-unset CMAKE_PREFIX_PATH PKG_CONFIG_PATH LD_LIBRARY_PATH CXXFLAGS LDFLAGS DESTDIR
 
 # --- the prefix -------------------------------------------------------------------------------------------------------
 
@@ -96,10 +93,5 @@ expectNothingButTheLibrary "$fetched" "$PWD/tests/install/consumer"
 
 # --- the README's lines for CMake -------------------------------------------------------------------------------------
 
-shown=$(sed -n '/^```cmake$/,/^```$/{//!p}' README.md | sed 's/ *#.*//')
-[[ -n $shown ]] || fail "README.md shows no lines for CMake"
-while IFS= read -r line; do
-    sed 's/^ *//' tests/install/consumer/CMakeLists.txt | grep -qxF -- "$line" ||
-        fail "README.md shows a line that the consumer does without: $line"
-done <<<"$shown"
+expectUsed cmake tests/install/consumer/CMakeLists.txt README.md
 rm -rf "$scratch"

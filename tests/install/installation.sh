@@ -1,20 +1,11 @@
 # shellcheck shell=bash disable=SC2154
 # What the tests of installations share. To be sourced with the project's root as the current folder, the version in
-# $version, in $scratch an empty folder to work in, and in the array emulator the command that runs programs where this
-# machine cannot.
+# $version, in $scratch a folder to work in, which is emptied here, and in the array emulator the command that runs
+# programs where this machine cannot.
 
-fail() {
-    printf '%s\n' "$*" >&2
-    exit 1
-}
-
-# silently COMMAND...: shows what it writes only if it fails.
-silently() {
-    "$@" >"$scratch/log" 2>&1 || {
-        cat "$scratch/log" >&2
-        fail "failed: $*"
-    }
-}
+. tests/support/script.sh
+freshFolder "$scratch"
+forgetSettings
 
 # expectHolds WHAT TEXT PATTERN...: each extended regular expression occurs in the text.
 expectHolds() {
@@ -22,6 +13,20 @@ expectHolds() {
     shift 2
     for pattern in "$@"; do
         grep -qE -- "$pattern" <<<"$text" || fail "$what lacks '$pattern':" "$text"
+    done
+}
+
+# expectUsed LANGUAGE FILE PAGE...: the lines that each page shows in that language are the file's, but for indentation
+# there and comments here.
+expectUsed() {
+    local language=$1 file=$2 page shown line
+    shift 2
+    for page in "$@"; do
+        shown=$(sed -n '/^```'"$language"'$/,/^```$/{//!p}' "$page" | sed 's/ *#.*//')
+        [[ -n $shown ]] || fail "$page shows no lines in $language"
+        while IFS= read -r line; do
+            sed 's/^ *//' "$file" | grep -qxF -- "$line" || fail "$page shows a line that $file does without: $line"
+        done <<<"$shown"
     done
 }
 

@@ -9,9 +9,6 @@ scratch=$3
 version=$4
 command -v meson >/dev/null || { echo "skipped: no meson here"; exit 77; }
 . tests/install/installation.sh
-rm -rf "$scratch"
-mkdir -p "$scratch"
-unset CXXFLAGS LDFLAGS DESTDIR LD_LIBRARY_PATH
 
 prefix=$scratch/prefix
 silently cmake --install "$build" --prefix "$prefix"
@@ -25,12 +22,5 @@ expectServed static "$scratch/meson/program_static"
 
 # --- what the documents show for Meson --------------------------------------------------------------------------------
 
-for page in README.md docs/installing.md; do
-    shown=$(sed -n '/^```meson$/,/^```$/{//!p}' "$page")
-    [[ -n $shown ]] || fail "$page shows no lines for Meson"
-    while IFS= read -r line; do
-        grep -qxF -- "$line" tests/install/meson_consumer/meson.build ||
-            fail "$page shows a line that the consumer does without: $line"
-    done <<<"$shown"
-done
+expectUsed meson tests/install/meson_consumer/meson.build README.md docs/installing.md
 rm -rf "$scratch"

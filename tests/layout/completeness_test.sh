@@ -4,6 +4,7 @@
 #   tests/layout/completeness_test.sh SOURCE_DIR
 set -euo pipefail
 cd "$1"
+. tests/support/script.sh
 
 # What is declared at the margin is not nested in a class; helpers in detail are not for programs, traits have no objects.
 mapfile -t offered < <(
@@ -11,8 +12,8 @@ mapfile -t offered < <(
         grep -oE '^(class|enum)( \[\[[a-z]+\]\])?( GILVANE_EXPORT)? [A-Za-z_]+ *[:{]' |
         sed -E 's/ *[:{]$//; s/.* //' | sort -u
 )
-[[ ${#offered[@]} -gt 15 ]] || { echo "hardly a class found: is this looking in the right place?" >&2; exit 1; }
+[[ ${#offered[@]} -gt 15 ]] || fail "hardly a class found: is this looking in the right place?"
 for name in "${offered[@]}"; do
-    grep -qE "CLASS\($name," tests/layout/layout.h || { echo "tests/layout/layout.h lacks $name" >&2; exit 1; }
+    grep -qE "CLASS\($name," tests/layout/layout.h || fail "tests/layout/layout.h lacks $name"
 done
 echo "${#offered[@]} classes and enumerations, all of them in layout.h"

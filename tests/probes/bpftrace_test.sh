@@ -19,8 +19,7 @@ understood() {
     timeout 60 bpftrace -d "$1" "$probed" >"$work/log" 2>&1
 }
 
-rm -rf "$work"
-mkdir -p "$work"
+freshFolder "$work"
 used=$(grep -oE '^usdt:\$1:gilvane:\w+' "$script" | sed 's/.*://' | sort -u)
 [[ $used == "$(documented "$source" | sed 's/ .*//')" ]] || fail "the script does not use every probe, or others:" "$used"
 

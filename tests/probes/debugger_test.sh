@@ -10,8 +10,7 @@ export LC_ALL=C
 source=$1 work=$2 program=$3
 shift 3
 . "$source/tests/probes/documented.sh"
-rm -rf "$work"
-mkdir -p "$work"
+freshFolder "$work"
 cd "$work"
 
 # The commands: at each probe, its name and its arguments.

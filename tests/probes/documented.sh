@@ -1,10 +1,7 @@
-# shellcheck shell=bash
-# What the tests of probes share. To be sourced.
+# shellcheck shell=bash disable=SC2154
+# What the tests of probes share. To be sourced, with the project's root in $source.
 
-fail() {
-    printf '%s\n' "$@" >&2
-    exit 1
-}
+. "$source/tests/support/script.sh"
 
 # documented SOURCE_DIR: "NAME NUMBER_OF_ARGUMENTS" for each probe in the guide's table, sorted.
 documented() {

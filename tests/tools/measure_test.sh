@@ -4,16 +4,11 @@
 #
 #   measure_test.sh SOURCE_DIR SCRATCH_DIR
 set -euo pipefail
+. "$1/tests/support/script.sh"
 measure=$1/tools/bench/measure
 scratch=$2
-rm -rf "$scratch"
-mkdir -p "$scratch"
+freshFolder "$scratch"
 cd "$scratch"
-
-complain() {
-    printf '%s\n' "$@" >&2
-    exit 1
-}
 
 # Writes the names that match, as results; one that "falls" ends it by a signal, one that "gives up" with a status.
 cat >program <<'END'
@@ -44,7 +39,7 @@ chmod +x program
 "$measure" ./program row results >said
 
 # Each process wrote its own file, and what one that fell had written by then is not taken for results.
-diff - <(cat results/*.json | grep '^row' | sort) <<'END' || complain "not what was measured (<) is in the results (>)"
+diff - <(cat results/*.json | grep '^row' | sort) <<'END' || fail "not what was measured (<) is in the results (>)"
 row/one/good/8
 row/one/std::good, too/8/threads:2
 row/one_more/good/8
@@ -55,7 +50,7 @@ row/one/falls: Segmentation fault, signal 11
 row/one/gives up: status 3
 row/two/falls: Segmentation fault, signal 11
 END
-    complain "not what was lost (<) is said to be (>)"
-[[ $(grep -c '^   lost: ' said) == 3 ]] || complain "there is not a line for each loss:" "$(cat said)"
+    fail "not what was lost (<) is said to be (>)"
+[[ $(grep -c '^   lost: ' said) == 3 ]] || fail "there is not a line for each loss:" "$(cat said)"
 cd /
 rm -rf "$scratch"

@@ -6,15 +6,11 @@
 set -euo pipefail
 source=$1
 scratch=$2
-rm -rf "$scratch"
-mkdir -p "$scratch/bin"
+. "$source/tests/support/script.sh"
+freshFolder "$scratch"
+mkdir "$scratch/bin"
 cd "$scratch"
 export PATH=$scratch/bin:$PATH
-
-complain() {
-    printf '%s\n' "$@" >&2
-    exit 1
-}
 
 # fake NAME: a program of that name, from standard input.
 fake() {
@@ -45,8 +41,8 @@ need() {
 
 # expect STATUS CALLS: what the last one came to.
 expect() {
-    [[ $status == "$1" ]] || complain "status $status instead of $1:" "$(cat said)"
-    [[ $(sed 's/ .*//' calls | tr '\n' ' ') == "$2" ]] || complain "apt-get was not called for '$2':" "$(cat calls)"
+    [[ $status == "$1" ]] || fail "status $status instead of $1:" "$(cat said)"
+    [[ $(sed 's/ .*//' calls | tr '\n' ' ') == "$2" ]] || fail "apt-get was not called for '$2':" "$(cat calls)"
 }
 
 # --- nothing is missing -----------------------------------------------------------------------------------------------
@@ -61,7 +57,7 @@ expect 0 ''
 echo 'exit 0' >answer
 need one two three
 expect 0 'install '
-grep -qE '^install .* two three$' calls || complain "not what is missing was asked for:" "$(cat calls)"
+grep -qE '^install .* two three$' calls || fail "not what is missing was asked for:" "$(cat calls)"
 
 # The lists are brought up to date where the first attempt fails.
 echo '[[ $(wc -l <calls) == 3 ]]' >answer
@@ -87,21 +83,21 @@ exit 100
 END
 need two
 expect 1 'install update install '
-[[ $(grep -c . said) == 2 ]] || complain "more is said than what is done, and one line why not:" "$(cat said)"
+[[ $(grep -c . said) == 2 ]] || fail "more is said than what is done, and one line why not:" "$(cat said)"
 grep -q '^[^:]*: two cannot be installed beside g++-multilib gcc-12-multilib gcc-multilib; nothing was changed' said ||
-    complain "the line does not name the packages:" "$(cat said)"
+    fail "the line does not name the packages:" "$(cat said)"
 
 # --- apt-get fails for another reason ---------------------------------------------------------------------------------
 
 echo 'echo "E: Unable to locate package two" >&2; exit 100' >answer
 need two
 expect 1 'install update install '
-grep -q 'Unable to locate package two' said || complain "the reason is not shown:" "$(cat said)"
-grep -q ': apt-get cannot install two$' said || complain "no clear line at the end:" "$(cat said)"
+grep -q 'Unable to locate package two' said || fail "the reason is not shown:" "$(cat said)"
+grep -q ': apt-get cannot install two$' said || fail "no clear line at the end:" "$(cat said)"
 
 # Nothing of the project calls apt-get past all this.
 elsewhere=$(cd "$source" && grep -rlE 'apt-get (-[^ ]+ )*(install|remove)|apt install|dpkg -i' \
     run test prove bench .ci tools --exclude=lib.sh) || true
-[[ -z $elsewhere ]] || complain "these install packages by themselves: $elsewhere"
+[[ -z $elsewhere ]] || fail "these install packages by themselves: $elsewhere"
 cd /
 rm -rf "$scratch"

@@ -5,18 +5,14 @@
 #   tests/tools/stamps_test.sh SOURCE_DIR SCRATCH_DIR
 set -euo pipefail
 cd "$1"
+. tests/support/script.sh
 scratch=$2
 
-die() {
-    printf '%s\n' "$*" >&2
-    exit 1
-}
-
-tools/renew --check >/dev/null || die "a page of this project claims what was not measured"
+tools/renew --check >/dev/null || fail "a page of this project claims what was not measured"
 
 # A copy in which every page is of its library.
-rm -rf "$scratch"
-mkdir -p "$scratch/tools"
+freshFolder "$scratch"
+mkdir "$scratch/tools"
 cp -r docs libsrc README.md CMakeLists.txt benchmarks "$scratch"
 cp -r tools/renew tools/renewal "$scratch/tools"
 cd "$scratch"
@@ -32,7 +28,7 @@ tools/renew facts >/dev/null
 expect() {
     local status=0 said
     said=$(tools/renew "${@:3}" 2>&1) || status=$?
-    [[ $status == "$1" ]] && grep -qE "$2" <<<"$said" || die "expected status $1 and '$2', got $status and: $said"
+    [[ $status == "$1" ]] && grep -qE "$2" <<<"$said" || fail "expected status $1 and '$2', got $status and: $said"
 }
 expect 0 '^all figures are of version [0-9.]+, libsrc [0-9a-f]{12}$' --check
 
