@@ -74,6 +74,22 @@ showSeconds() {
     done
 }
 
+# buildPreset PRESET [OPTION...]: configures and builds it; the options are those of cmake --build. It configures each
+# time, since the folder may have been made with the settings of an earlier preset.
+buildPreset() {
+    quietly cmake --preset "$1"
+    quietly cmake --build --preset "$@"
+}
+
+# browse FOLDER OPTION... ADDRESS: a browser without a window, which has its profile in that folder.
+browse() {
+    local options=(--headless --disable-gpu --user-data-dir="$1")
+    if [[ $(id -u) == 0 ]]; then
+        options+=(--no-sandbox) # the sandbox refuses to be started by root
+    fi
+    timeout 600 chromium "${options[@]}" "${@:2}"
+}
+
 # isInstalled PACKAGE: whether it is; a pattern such as libboost1.8?-dev, whether one that matches is. A name such as
 # zlib1g-dev:amd64 may have several states; one that is installed will do.
 isInstalled() {

@@ -6,8 +6,10 @@ buildPackages=(cmake ninja-build g++ zlib1g-dev libconcurrentqueue-dev gzip)
 # To make the site, with its search.
 sitePackages=(cmake ninja-build g++ doxygen python3 libjs-lunr duktape)
 
-# To take its picture.
-sitePicturePackages=("${sitePackages[@]}" chromium fonts-dejavu-core)
+# To take its picture, and those of gvview.
+browserPackages=(chromium fonts-dejavu-core)
+sitePicturePackages=("${sitePackages[@]}" "${browserPackages[@]}")
+picturePackages=("${buildPackages[@]}" "${browserPackages[@]}" python3 pngquant)
 
 # To make Debian packages.
 packagingPackages=("${sitePackages[@]}" debhelper dpkg-dev)

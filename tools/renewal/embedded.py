@@ -5,12 +5,10 @@ import collections
 import os
 import pathlib
 import re
-import subprocess
-import sys
 
 import stamps
+from commands import ROOT, Failed, needPackages, output
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
 SOURCES = ROOT / "benchmarks/embedded"
 BUILD = ROOT / "build/embedded"
 TARGETS = {"armhf": ("arm-linux-gnueabihf", "qemu-arm"), "aarch64": ("aarch64-linux-gnu", "qemu-aarch64")}
@@ -19,17 +17,6 @@ WAYS = [(target, level) for target in TARGETS for level in LEVELS]
 FLAGS = ["-std=c++17", "-DNDEBUG", "-ffunction-sections", "-fdata-sections", "-fcallgraph-info=su",
          f"-I{ROOT}/include"]
 MEASURED = ["nothing", "pool", "shared_pool", "everything", "operations", "paths", "bytes_per_block"]
-
-
-class Wrong(Exception):
-    """Why there are no figures."""
-
-
-def run(*command, **options):
-    done = subprocess.run([str(word) for word in command], cwd=ROOT, capture_output=True, text=True, **options)
-    if done.returncode != 0:
-        raise Wrong(f"this ended with status {done.returncode}: {' '.join(map(str, command))}\n{done.stderr}")
-    return done.stdout
 
 
 # --- to build ---------------------------------------------------------------------------------------------------------
@@ -60,7 +47,7 @@ def build():
                 parts = " ".join(str(objects[part]) for part in [*own, *(source.stem for source in library)])
                 rules.append(f"build {folder / name}: link {parts}\n  compiler = {compiler}\n  flags = {flags}\n")
     (BUILD / "build.ninja").write_text("".join(rules))
-    run("ninja", "-C", BUILD, "-j", os.cpu_count())
+    output("ninja", "-C", BUILD, "-j", os.cpu_count())
 
 
 def emulated(target, *program):
@@ -69,7 +56,7 @@ def emulated(target, *program):
 
 
 def compilers():
-    return ", ".join(run(f"{triplet}-g++", "--version").splitlines()[0] for triplet, _ in TARGETS.values())
+    return ", ".join(output(f"{triplet}-g++", "--version").splitlines()[0] for triplet, _ in TARGETS.values())
 
 
 def table(title, head, rows, widths):
@@ -93,7 +80,7 @@ KINDS = {
 
 def sections(way, program):
     sizes = {}
-    for line in run(f"{TARGETS[way[0]][0]}-size", "-A", folderOf(way) / program).splitlines():
+    for line in output(f"{TARGETS[way[0]][0]}-size", "-A", folderOf(way) / program).splitlines():
         words = line.split()
         if len(words) == 3 and words[0].startswith("."):
             sizes[words[0]] = int(words[1])
@@ -104,10 +91,10 @@ def sizes():
     rows = []
     for program, title in {"pool": "a pool", "shared_pool": "a shared pool", "everything": "everything"}.items():
         for way in WAYS:
-            run(*emulated(way[0], folderOf(way) / program)) # it must work
+            output(*emulated(way[0], folderOf(way) / program)) # it must work
             cells = [with_ - without for with_, without in zip(sections(way, program), sections(way, "nothing"))]
             if cells[0] <= 0:
-                raise Wrong(f"{program} has no code {way}")
+                raise Failed(f"{program} has no code {way}")
             rows.append((f"{title}, {' '.join(way)}", cells))
     yield from table("bytes of a program with", KINDS, rows, [10, 12, 12, 8, 9])
 
@@ -144,7 +131,7 @@ POINTED_TO = r"PosixMutexHandle::(try)?[lL]ock\(|PosixMutexHandle::unlock\(|ByDe
 def letterOf(patterns, text):
     found = [letter for letter, pattern in patterns.items() if re.search(pattern, text)]
     if len(found) != 1:
-        raise Wrong(f"a call that has no name, or several ({found}): {text}")
+        raise Failed(f"a call that has no name, or several ({found}): {text}")
     return found[0]
 
 
@@ -164,7 +151,7 @@ class CallGraph:
                     frame = re.search(r"\\n(\d+) bytes \((.*?)\)", node[2])
                     if frame:
                         if frame[2] != "static":
-                            raise Wrong(f"a frame whose length is not known: {node[2]}")
+                            raise Failed(f"a frame whose length is not known: {node[2]}")
                         self.frames[node[1]] = int(frame[1])
                         self.names[node[1]] = node[2].partition("\\n")[0]
                 elif edge:
@@ -197,7 +184,7 @@ def stack():
     source = (SOURCES / "operations.cpp").read_text()
     names = re.findall(r"^OPERATION\([^,]+, (\w+__\w*),", source, re.MULTILINE)
     if len(names) < 40:
-        raise Wrong(f"{len(names)} operations")
+        raise Failed(f"{len(names)} operations")
     rows = []
     for name in names:
         found = [graph.deepest(name) for graph in graphs]
@@ -230,7 +217,7 @@ def countedCalls(way):
     trace = folderOf(way) / "trace"
     # On one processor and without haste, a thread that is woken goes on when the call is over.
     alone = ["chrt", "--batch", "0", "taskset", "1"]
-    said = run(*alone, *emulated(way[0], "-singlestep", "-d", "exec,nochain", "-D", trace, program), timeout=300)
+    said = output(*alone, *emulated(way[0], "-singlestep", "-d", "exec,nochain", "-D", trace, program), timeout=300)
     counts, caller, before = [], None, None
     with open(trace) as lines:
         for line in lines:
@@ -249,7 +236,7 @@ def countedCalls(way):
     trace.unlink()
     calls = [tuple(line.split("|")) for line in said.splitlines()]
     if len(calls) != len(counts) or not calls:
-        raise Wrong(f"{len(calls)} calls say what they are, and {len(counts)} were counted {way}")
+        raise Failed(f"{len(calls)} calls say what they are, and {len(counts)} were counted {way}")
     return calls, counts
 
 
@@ -274,7 +261,7 @@ def instructions():
 def blocks():
     for target in TARGETS:
         figures, numbers = {}, []
-        for line in run(*emulated(target, folderOf((target, "-O2")) / "bytes_per_block")).splitlines():
+        for line in output(*emulated(target, folderOf((target, "-O2")) / "bytes_per_block")).splitlines():
             size, number, *bytes_ = map(int, line.split())
             numbers = numbers if number in numbers else [*numbers, number]
             for pool, held in zip(("array", "pool", "shared pool"), bytes_):
@@ -293,8 +280,7 @@ TABLES = {"size": sizes, "stack": stack, "instructions": instructions, "blocks":
 
 def measured():
     """Each table's text, without a stamp."""
-    script = '. tools/lib.sh; . tools/packages.sh; needPackages "${embeddedPackages[@]}"'
-    subprocess.run(["bash", "-euo", "pipefail", "-c", script, "embedded"], cwd=ROOT, check=True, stdout=sys.stderr)
+    needPackages("embedded")
     build()
     about = compilers() + "\n"
     return {name: "".join(lines()) + "\n" + about for name, lines in TABLES.items()}
