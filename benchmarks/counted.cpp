@@ -1,8 +1,9 @@
-// What valgrind's callgrind counts the instructions of: each operation alone, some number of times and then twice that
-// number, so that the difference is free of whatever surrounds the loop. tools/bench/count-instructions runs it.
+// What valgrind's callgrind counts the instructions of: tools/bench/count-instructions runs it.
 //
 // With GILVANE_COUNT_TWICE=NAME in the environment the operation of that name, or each one if NAME is "all", is done
 // twice where it should be done once: who counts must notice.
+#include "callgrind.h"
+
 #include <gilvane/datastructures/gvhashtable.h>
 #include <gilvane/utilities/gvmemorypool.h>
 
@@ -14,7 +15,6 @@
 #include <vector>
 
 #include <gnu/libc-version.h>
-#include <valgrind/callgrind.h>
 
 namespace {
 
@@ -23,31 +23,20 @@ using Gilvane::GVMemoryPool;
 
 constexpr unsigned int repetitions = 4096;
 
-// Keeps the compiler from knowing what a value is, or that nobody needs it.
-template <typename T>
-void escape(T& value) {
-    asm volatile("" : "+m"(value) : : "memory");
-}
-
 unsigned int timesPerRepetition(const char* name) {
     const char* const twice = std::getenv("GILVANE_COUNT_TWICE");
     return twice != nullptr && (std::strcmp(twice, name) == 0 || std::strcmp(twice, "all") == 0) ? 2 : 1;
 }
 
-// Has callgrind count `operation(0)` ... `operation(N - 1)` under a name that says N.
 template <typename Operation>
-void count(const char* name, unsigned int number, Operation operation) {
-    const unsigned int times = timesPerRepetition(name);
-    const std::string label = std::string(name) + " " + std::to_string(number);
-    CALLGRIND_ZERO_STATS;
-    CALLGRIND_START_INSTRUMENTATION;
+void count(const std::string& name, unsigned int number, Operation operation) {
+    const unsigned int times = timesPerRepetition(name.c_str());
+    const Counted counted(name, number);
     for (unsigned int index = 0; index < number; ++index) {
         for (unsigned int time = 0; time < times; ++time) {
             operation(index);
         }
     }
-    CALLGRIND_STOP_INSTRUMENTATION;
-    CALLGRIND_DUMP_STATS_AT(label.c_str());
 }
 
 // A pool with every token borrowed, and its tokens in the order of the loans.
@@ -71,7 +60,7 @@ void countPool(const std::string& suffix, bool useMutex, unsigned int number) {
     LentPool lent(useMutex);
     GVMemoryPool* pool = &lent.pool;
     lent.returnAll();
-    count(("borrow_" + suffix).c_str(), number, [&](unsigned int) {
+    count("borrow_" + suffix, number, [&](unsigned int) {
         escape(pool);
         unsigned int token = pool->getTokenForFreeMemoryObject();
         escape(token);
@@ -79,7 +68,7 @@ void countPool(const std::string& suffix, bool useMutex, unsigned int number) {
 
     LentPool whole(useMutex);
     pool = &whole.pool;
-    count(("address_" + suffix).c_str(), number, [&](unsigned int index) {
+    count("address_" + suffix, number, [&](unsigned int index) {
         escape(pool);
         void* address = pool->getMemoryForToken(whole.tokens[index]);
         escape(address);
@@ -88,7 +77,7 @@ void countPool(const std::string& suffix, bool useMutex, unsigned int number) {
     for (unsigned int& token : whole.tokens) {
         token = pool->getTokenForFreeMemoryObject();
     }
-    count(("return_" + suffix).c_str(), number, [&](unsigned int index) {
+    count("return_" + suffix, number, [&](unsigned int index) {
         escape(pool);
         pool->releaseObject(whole.tokens[index]);
     });
@@ -97,14 +86,14 @@ void countPool(const std::string& suffix, bool useMutex, unsigned int number) {
 void countTable(const std::string& suffix, const std::vector<unsigned int>& keys, unsigned int number) {
     GVHashTable<unsigned int, void*> filled;
     GVHashTable<unsigned int, void*>* table = &filled;
-    count(("insert_" + suffix).c_str(), number, [&](unsigned int index) {
+    count("insert_" + suffix, number, [&](unsigned int index) {
         escape(table);
         table->insert(keys[index], table);
     });
     for (const unsigned int key : keys) {
         table->insert(key, table);
     }
-    count(("find_" + suffix).c_str(), number, [&](unsigned int index) {
+    count("find_" + suffix, number, [&](unsigned int index) {
         escape(table);
         void* value = table->get(keys[index])->theValue;
         escape(value);

@@ -1,5 +1,7 @@
 // What valgrind's callgrind counts the instructions of, once with the default library and once with the hardened one:
 // tools/renewal/hardened-cost builds and runs it. It writes the bytes that a block of a shared pool takes.
+#include "callgrind.h"
+
 #include <gilvane/base/gvallocationbudget.h>
 #include <gilvane/utilities/gvmemorypool.h>
 #include <gilvane/utilities/gvsharedpool.h>
@@ -10,8 +12,6 @@
 #include <string>
 #include <vector>
 
-#include <valgrind/callgrind.h>
-
 namespace {
 
 using Gilvane::GVAllocationBudget;
@@ -21,26 +21,15 @@ using Gilvane::GVTokenCache;
 
 constexpr unsigned int repetitions = 512;
 
-// Keeps the compiler from knowing what a value is, or that nobody needs it.
-template <typename T>
-void escape(T& value) {
-    asm volatile("" : "+m"(value) : : "memory");
-}
-
-// Has callgrind count some operations under a name that says how many, and then twice as many, so that the difference
-// is free of whatever surrounds the loop.
+// The second time goes on behind the first one's indexes.
 template <typename Operation>
 void count(const std::string& name, Operation operation) {
     unsigned int index = 0;
     for (const unsigned int number : {repetitions, 2 * repetitions}) {
-        const std::string label = name + " " + std::to_string(number);
-        CALLGRIND_ZERO_STATS;
-        CALLGRIND_START_INSTRUMENTATION;
+        const Counted counted(name, number);
         for (unsigned int done = 0; done < number; ++done) {
             operation(index++);
         }
-        CALLGRIND_STOP_INSTRUMENTATION;
-        CALLGRIND_DUMP_STATS_AT(label.c_str());
     }
 }
 
