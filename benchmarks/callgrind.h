@@ -14,23 +14,21 @@ void escape(T& value) {
     asm volatile("" : "+m"(value) : : "memory");
 }
 
-/// Has callgrind count the instructions between its begin and its end, as those of an operation that is done `number`
-/// times.
-class Counted {
-  public:
-    Counted(const std::string& name, unsigned int number) : theLabel(name + " " + std::to_string(number)) {
-        CALLGRIND_ZERO_STATS;
-        CALLGRIND_START_INSTRUMENTATION;
-    }
-    ~Counted() {
-        CALLGRIND_STOP_INSTRUMENTATION;
-        CALLGRIND_DUMP_STATS_AT(theLabel.c_str());
-    }
-    Counted(const Counted&) = delete;
-    Counted& operator=(const Counted&) = delete;
+/// The label of what is counted: the operation's name, and how often it is done. It is compiled into its caller, whose
+/// code a traced loan unwinds through, and costs the more the more there is of it.
+[[gnu::always_inline]] inline std::string countedLabel(const std::string& name, unsigned int number) {
+    return name + " " + std::to_string(number);
+}
 
-  private:
-    std::string theLabel;
-};
+/// Has callgrind count the instructions from here to endCounting.
+inline void beginCounting() {
+    CALLGRIND_ZERO_STATS;
+    CALLGRIND_START_INSTRUMENTATION;
+}
+
+inline void endCounting(const std::string& label) {
+    CALLGRIND_STOP_INSTRUMENTATION;
+    CALLGRIND_DUMP_STATS_AT(label.c_str());
+}
 
 #endif

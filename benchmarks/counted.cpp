@@ -31,12 +31,14 @@ unsigned int timesPerRepetition(const char* name) {
 template <typename Operation>
 void count(const std::string& name, unsigned int number, Operation operation) {
     const unsigned int times = timesPerRepetition(name.c_str());
-    const Counted counted(name, number);
+    const std::string label = countedLabel(name, number);
+    beginCounting();
     for (unsigned int index = 0; index < number; ++index) {
         for (unsigned int time = 0; time < times; ++time) {
             operation(index);
         }
     }
+    endCounting(label);
 }
 
 // A pool with every token borrowed, and its tokens in the order of the loans.

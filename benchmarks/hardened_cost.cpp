@@ -26,10 +26,12 @@ template <typename Operation>
 void count(const std::string& name, Operation operation) {
     unsigned int index = 0;
     for (const unsigned int number : {repetitions, 2 * repetitions}) {
-        const Counted counted(name, number);
+        const std::string label = countedLabel(name, number);
+        beginCounting();
         for (unsigned int done = 0; done < number; ++done) {
             operation(index++);
         }
+        endCounting(label);
     }
 }
 
