@@ -2,28 +2,22 @@
 #include "subjects.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <numeric>
 #include <random>
 
-#include <dlfcn.h>
 #include <malloc.h>
 
-void* (*Mimalloc::theMalloc)(std::size_t) = nullptr;
-void (*Mimalloc::theFree)(void*) = nullptr;
-
-void Mimalloc::load() {
-    void* const library = dlopen(GILVANE_BENCH_MIMALLOC, RTLD_NOW | RTLD_LOCAL);
-    if (library != nullptr) {
-        theMalloc = reinterpret_cast<void* (*)(std::size_t)>(dlsym(library, "mi_malloc"));
-        theFree = reinterpret_cast<void (*)(void*)>(dlsym(library, "mi_free"));
+int runBenchmarks(int argc, char** argv, const std::function<void()>& registerAll) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
     }
-    if (theMalloc == nullptr || theFree == nullptr) {
-        std::fprintf(stderr, "benchmarks: %s\n", dlerror());
-        std::exit(1);
-    }
+    benchmark::AddCustomContext("block_bytes", std::to_string(blockBytes));
+    registerAll();
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
 }
 
 std::vector<unsigned int> randomOrder(unsigned int size) {

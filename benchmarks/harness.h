@@ -5,6 +5,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -25,6 +27,10 @@ void registerDumps(const Settings& settings);
 void registerResources();
 /// @}
 
+/// Google Benchmark's main function around what registers the benchmarks.
+/// @return  the program's status
+int runBenchmarks(int argc, char** argv, const std::function<void()>& registerAll);
+
 /// The name under which the report looks for a benchmark.
 inline std::string benchmarkName(const std::string& kindAndId, const char* subject, unsigned int size) {
     return kindAndId + "/" + subject + "/" + std::to_string(size);
@@ -40,6 +46,22 @@ std::vector<unsigned int> randomOrder(unsigned int size);
 
 /// Gives back to the system what malloc keeps for later, so that what ran before leaves no mark on what comes.
 void tidyHeap();
+
+/// One subject for all threads of a benchmark. It is made before the first of them begins, and is torn down after the last
+/// has been joined: a thread's exit may still work on it, as it does where a pool keeps something for each thread.
+template <typename Subject, unsigned int NumberOfBlocks>
+class Common {
+  public:
+    static void make(const benchmark::State&) {
+        tidyHeap();
+        theSubject = std::make_unique<Subject>(NumberOfBlocks);
+    }
+    static void tearDown(const benchmark::State&) { theSubject.reset(); }
+    static Subject& get() { return *theSubject; }
+
+  private:
+    inline static std::unique_ptr<Subject> theSubject;
+};
 
 /// Makes the compiler take it that anything may have happened to the object, so that none of it stays in registers.
 template <typename T>

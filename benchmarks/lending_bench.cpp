@@ -3,7 +3,6 @@
 #include "subjects.h"
 
 #include <algorithm>
-#include <memory>
 #include <mutex>
 
 namespace {
@@ -33,27 +32,13 @@ void borrowTouchAndReturn(Subject* subject) {
     subject->giveBack(loan);
 }
 
-// One pool for all threads of a benchmark. It is made before the first of them begins, and is torn down after the last has
-// been joined: a thread's exit may still work on it, as it does where a pool keeps something for each thread.
-template <typename Subject>
-class SharedPool {
-  public:
-    static void make(const benchmark::State&) {
-        tidyHeap();
-        thePool = std::make_unique<Subject>(blocksOfSmallPool);
+// With one pool for all threads of a benchmark.
+template <typename Subject, void (*Operation)(Subject*)>
+void repeat(benchmark::State& state) {
+    for (auto _ : state) {
+        Operation(&Common<Subject, blocksOfSmallPool>::get());
     }
-    static void tearDown(const benchmark::State&) { thePool.reset(); }
-
-    template <void (*Operation)(Subject*)>
-    static void repeat(benchmark::State& state) {
-        for (auto _ : state) {
-            Operation(thePool.get());
-        }
-    }
-
-  private:
-    inline static std::unique_ptr<Subject> thePool;
-};
+}
 
 // The locking alone, which no pool that locks once for each operation can do without.
 template <int Pairs>
@@ -87,12 +72,12 @@ benchmark::internal::Benchmark* addOnThreads(const std::string& kindAndId, const
 // to tell their number, which is one.
 template <typename Subject>
 void registerOnThreads(const std::string& prefix, int threads) {
-    using Pool = SharedPool<Subject>;
+    using Pool = Common<Subject, blocksOfSmallPool>;
     const auto add = [&](const std::string& id, void (*function)(benchmark::State&)) {
         addOnThreads(prefix + id, Subject::name, threads, function)->Setup(Pool::make)->Teardown(Pool::tearDown);
     };
-    add("borrow_return", Pool::template repeat<borrowAndReturn<Subject>>);
-    add("borrow_touch_return", Pool::template repeat<borrowTouchAndReturn<Subject>>);
+    add("borrow_return", repeat<Subject, borrowAndReturn<Subject>>);
+    add("borrow_touch_return", repeat<Subject, borrowTouchAndReturn<Subject>>);
 }
 
 template <typename Subject>

@@ -2,13 +2,10 @@
 //
 //     gilvane_bench [--largest=N] [--shrink_seconds=S] [Google Benchmark's options]
 #include "harness.h"
-#include "subjects.h"
+#include "mimalloc.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-
-#include <gnu/libc-version.h>
 
 namespace {
 
@@ -35,20 +32,12 @@ Settings takeSettings(int& argc, char** argv) {
 
 int main(int argc, char** argv) {
     const Settings settings = takeSettings(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::AddCustomContext("compiler", "g++ " __VERSION__);
-    benchmark::AddCustomContext("c_library", std::string("glibc ") + gnu_get_libc_version());
-    benchmark::AddCustomContext("block_bytes", std::to_string(blockBytes));
-    benchmark::AddCustomContext("largest", std::to_string(settings.largest));
-    Mimalloc::load();
-    registerLending(settings);
-    registerBuilding(settings);
-    registerTables(settings);
-    registerDumps(settings);
-    registerResources();
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
+    return runBenchmarks(argc, argv, [&] {
+        MimallocLibrary::load();
+        registerLending(settings);
+        registerBuilding(settings);
+        registerTables(settings);
+        registerDumps(settings);
+        registerResources();
+    });
 }

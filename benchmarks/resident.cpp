@@ -6,6 +6,7 @@
 //
 // The output is JSON: bytes of resident memory, and for pools what malloc's live chunks amount to, by size.
 #include "handwrittenpool.h"
+#include "mimalloc.h"
 
 #include <gilvane/utilities/gvmemorypool.h>
 
@@ -16,7 +17,6 @@
 #include <fstream>
 #include <string>
 
-#include <dlfcn.h>
 #include <malloc.h>
 
 // --- malloc, watched --------------------------------------------------------------------------------------------------
@@ -115,27 +115,6 @@ void measurePool(const char* subject, unsigned int numberOfBlocks, Arguments... 
     delete pool;
 }
 
-void* (*mimallocMalloc)(std::size_t);
-void (*mimallocFree)(void*);
-
-constexpr std::size_t padding = alignof(std::max_align_t) - sizeof(void*);
-
-void* allocateWithMimalloc(unsigned int bytes) { return static_cast<char*>(mimallocMalloc(padding + bytes)) + padding; }
-
-void releaseWithMimalloc(void* block) { mimallocFree(static_cast<char*>(block) - padding); }
-
-// Loaded at run time, since it replaces malloc in a program that is linked with it.
-void hookMimalloc() {
-    void* const library = dlopen(GILVANE_BENCH_MIMALLOC, RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
-        std::fprintf(stderr, "gilvane_resident: %s\n", dlerror());
-        std::exit(1);
-    }
-    mimallocMalloc = reinterpret_cast<void* (*)(std::size_t)>(dlsym(library, "mi_malloc"));
-    mimallocFree = reinterpret_cast<void (*)(void*)>(dlsym(library, "mi_free"));
-    Gilvane::GVObject::SetAllocationHooks(&allocateWithMimalloc, &releaseWithMimalloc);
-}
-
 // The most that was resident while writing, less what was resident before.
 void measureDump(unsigned int numberOfBlocks) {
     const Gilvane::GVMemoryPool pool(numberOfBlocks, blockBytes, false);
@@ -150,19 +129,20 @@ void measureDump(unsigned int numberOfBlocks) {
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) {
+    const char* const what = argc == 3 ? argv[1] : "";
+    const unsigned int numberOfBlocks = argc == 3 ? static_cast<unsigned int>(std::strtoul(argv[2], nullptr, 10)) : 0;
+    if (std::strcmp(what, "gilvane") == 0) {
+        measurePool<Gilvane::GVMemoryPool>(what, numberOfBlocks, false);
+    } else if (std::strcmp(what, "gilvane-on-mimalloc") == 0) {
+        MimallocLibrary::load();
+        MimallocLibrary::hook();
+        measurePool<Gilvane::GVMemoryPool>(what, numberOfBlocks, false);
+    } else if (std::strcmp(what, "hand-written") == 0) {
+        measurePool<HandWrittenPool<NoMutex>>(what, numberOfBlocks);
+    } else if (std::strcmp(what, "dump") == 0) {
+        measureDump(numberOfBlocks);
+    } else {
         std::fprintf(stderr, "usage: gilvane_resident gilvane|gilvane-on-mimalloc|hand-written|dump N\n");
         return 2;
-    }
-    const unsigned int numberOfBlocks = static_cast<unsigned int>(std::strtoul(argv[2], nullptr, 10));
-    if (std::strcmp(argv[1], "gilvane") == 0) {
-        measurePool<Gilvane::GVMemoryPool>(argv[1], numberOfBlocks, false);
-    } else if (std::strcmp(argv[1], "gilvane-on-mimalloc") == 0) {
-        hookMimalloc();
-        measurePool<Gilvane::GVMemoryPool>(argv[1], numberOfBlocks, false);
-    } else if (std::strcmp(argv[1], "hand-written") == 0) {
-        measurePool<HandWrittenPool<NoMutex>>(argv[1], numberOfBlocks);
-    } else {
-        measureDump(numberOfBlocks);
     }
 }

@@ -21,7 +21,6 @@
 #include <numeric>
 #include <thread>
 
-#include <gnu/libc-version.h>
 #include <sched.h>
 
 // --- subjects ---------------------------------------------------------------------------------------------------------
@@ -99,21 +98,6 @@ template <>
 const char* nameOf<Shared<Malloc>>() {
     return theOtherMalloc != nullptr ? theOtherMalloc : Malloc::name;
 }
-
-// One object for all threads of a benchmark.
-template <typename Subject, unsigned int NumberOfBlocks>
-class Common {
-  public:
-    static void make(const benchmark::State&) {
-        tidyHeap();
-        theSubject = std::make_unique<Subject>(NumberOfBlocks);
-    }
-    static void tearDown(const benchmark::State&) { theSubject.reset(); }
-    static Subject& get() { return *theSubject; }
-
-  private:
-    inline static std::unique_ptr<Subject> theSubject;
-};
 
 // Names the number of threads as Google Benchmark does.
 template <typename Subject, unsigned int NumberOfBlocks, typename Function>
@@ -411,11 +395,18 @@ void addresses(benchmark::State& state) {
 }
 
 template <typename Subject, unsigned int NumberOfBlocks>
-void registerAddresses() {
+void registerAddressesOf() {
     add<Subject, NumberOfBlocks>("row/shared_address", lookingThreads, addresses<Subject, NumberOfBlocks>)
         ->Setup(makeLent<Subject, NumberOfBlocks>)
         ->UseManualTime()
         ->Iterations(1);
+}
+
+template <typename Subject>
+void registerAddresses() {
+    registerAddressesOf<Subject, 1'000>();
+    registerAddressesOf<Subject, 100'000>();
+    registerAddressesOf<Subject, 1'000'000>();
 }
 
 // --- waiting ----------------------------------------------------------------------------------------------------------
@@ -574,20 +565,11 @@ void registerSharing(int crowd) {
     registerHandOver<Subject>();
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::AddCustomContext("compiler", "g++ " __VERSION__);
-    benchmark::AddCustomContext("c_library", std::string("glibc ") + gnu_get_libc_version());
-    benchmark::AddCustomContext("block_bytes", std::to_string(blockBytes));
+void registerAll() {
     const int crowd = 20 * static_cast<int>(std::max(1U, std::thread::hardware_concurrency()));
     registerSharing<Shared<Malloc>>(crowd);
     if (theOtherMalloc == nullptr) {
-        Mimalloc::load();
+        MimallocLibrary::load();
         DpdkPool::load();
         registerSharing<SharedPoolCached>(crowd);
         registerSharing<Shared<LockedPool>>(crowd);
@@ -598,23 +580,17 @@ int main(int argc, char** argv) {
         registerTurns<SharedPoolAlone>("row/uncached_turn", 1);
         registerTurns<Shared<LockedPool>>("row/uncached_turn", 1);
         registerHandOver<StaticArray>();
-        registerAddresses<SharedPoolAlone, 1'000>();
-        registerAddresses<SharedPoolAlone, 100'000>();
-        registerAddresses<SharedPoolAlone, 1'000'000>();
-        registerAddresses<CheckedArray, 1'000>();
-        registerAddresses<CheckedArray, 100'000>();
-        registerAddresses<CheckedArray, 1'000'000>();
-        registerAddresses<PlainArray, 1'000>();
-        registerAddresses<PlainArray, 100'000>();
-        registerAddresses<PlainArray, 1'000'000>();
-        registerAddresses<WideArray, 1'000>();
-        registerAddresses<WideArray, 100'000>();
-        registerAddresses<WideArray, 1'000'000>();
+        registerAddresses<SharedPoolAlone>();
+        registerAddresses<CheckedArray>();
+        registerAddresses<PlainArray>();
+        registerAddresses<WideArray>();
         registerWaiting<SharedPoolAlone>();
         registerWaiting<Shared<WaitingByHand>>();
         registerWakeUp<SharedPoolAlone>();
         registerWakeUp<BareCondition>();
     }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
 }
+
+} // namespace
+
+int main(int argc, char** argv) { return runBenchmarks(argc, argv, registerAll); }

@@ -8,6 +8,7 @@
 
 #include "designalone.h"
 #include "handwrittenpool.h"
+#include "mimalloc.h"
 
 #include <gilvane/utilities/gvmemorypool.h>
 
@@ -17,7 +18,6 @@
 #include <cstddef>
 #include <cstdlib>
 #include <memory_resource>
-#include <mutex>
 #include <vector>
 
 /// Bytes in every block that is lent here.
@@ -76,7 +76,10 @@ class OurPoolOnMimalloc : public OurPool<false> {
     }
 
   private:
-    static unsigned int withMimalloc(unsigned int numberOfBlocks);
+    static unsigned int withMimalloc(unsigned int numberOfBlocks) {
+        MimallocLibrary::hook();
+        return numberOfBlocks;
+    }
 };
 
 /// What all subjects that lend addresses have in common.
@@ -139,36 +142,13 @@ class Malloc : public LendsAddresses {
     void giveBack(Loan loan) { std::free(loan); }
 };
 
-/// mimalloc's own functions. Its library also replaces `malloc` in a program that is linked with it, and then every
-/// other subject would be measured on top of it; so it is loaded at run time, for itself alone.
 class Mimalloc : public LendsAddresses {
   public:
     static constexpr const char* name = "mimalloc";
     explicit Mimalloc(unsigned int numberOfBlocks) { obtainBlocks(*this, numberOfBlocks); }
-    Loan borrow() { return theMalloc(blockBytes); }
-    void giveBack(Loan loan) { theFree(loan); }
-
-    /// Allocation hooks, which align as the default ones do.
-    static void* allocate(unsigned int bytes) {
-        void* const memory = theMalloc(padding + bytes);
-        return memory == nullptr ? nullptr : static_cast<char*>(memory) + padding;
-    }
-    static void release(void* block) { theFree(static_cast<char*>(block) - padding); }
-
-    /// To be called once, before the first object is made. Ends the program when the library cannot be loaded.
-    static void load();
-
-  private:
-    static constexpr std::size_t padding = alignof(std::max_align_t) - sizeof(void*);
-
-    static void* (*theMalloc)(std::size_t);
-    static void (*theFree)(void*);
+    Loan borrow() { return MimallocLibrary::allocate(blockBytes); }
+    void giveBack(Loan loan) { MimallocLibrary::release(loan); }
 };
-
-inline unsigned int OurPoolOnMimalloc::withMimalloc(unsigned int numberOfBlocks) {
-    Gilvane::GVObject::SetAllocationHooks(&Mimalloc::allocate, &Mimalloc::release);
-    return numberOfBlocks;
-}
 
 using Unlocked = boost::details::pool::null_mutex;
 
