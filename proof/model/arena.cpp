@@ -4,7 +4,6 @@
 #include <gilvane/base/gvrawblock.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
 #include <vector>
 

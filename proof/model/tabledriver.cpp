@@ -2,7 +2,6 @@
 
 #include <array>
 #include <sstream>
-#include <utility>
 
 namespace Gilvane::driver {
 

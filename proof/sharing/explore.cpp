@@ -29,7 +29,6 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
-#include <new>
 #include <optional>
 #include <set>
 #include <unordered_set>
