@@ -9,6 +9,7 @@ programs in tests/hardened come in; what ends with abort counts like the rest. B
 
 import subprocess
 
+import suites
 from driver import ROOT, text, words
 
 HERE = ROOT / "proof/coverage"
@@ -17,8 +18,6 @@ FLAGS = "-O0 -fprofile-instr-generate -fcoverage-mapping -fcoverage-mcdc -fprofi
 # Precompiled headers are switched off: what they hold is not instrumented. A decision that the compiler cannot measure
 # is a warning, and so an error.
 OPTIONS = ["-DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON"]
-PROGRAMS = ["base_tests", "threads_tests", "datastructures_tests", "utilities_tests", "locking_tests", "layout_tests"]
-HARDENED_PROGRAMS = ["hardened_tests", "hardened_marks_tests"]
 FACTORY = "libsrc/threads/gvthreadsfactory.cpp"
 NEEDLESS = """{source}
     {what}
@@ -100,18 +99,17 @@ def cover(proof, folder, programs, exclusions, prefix):
 
 
 def run(proof):
-    default = build(proof, "default", [*PROGRAMS, "instantiations"])
+    default = build(proof, "default", [*suites.PROGRAMS, "instantiations"])
     proof.say("planted faults")
     findPlanted(proof, default)
 
     proof.say("the tests, run")
-    cover(proof, default, [*(f"tests/{name}" for name in PROGRAMS), "proof/instantiations"], "exclusions.txt", "")
+    cover(proof, default, [*suites.places(suites.PROGRAMS), "proof/instantiations"], "exclusions.txt", "")
     proof.say("the same, hardened")
     abort = proof.folder / "writeatabort.o"
     proof.quietly("clang++-19", "-std=c++17", "-Wall", "-Wextra", "-Werror", "-c", "-o", abort, HERE / "writeatabort.cpp")
-    hardened = build(proof, "hardened", [*PROGRAMS, *HARDENED_PROGRAMS, "instantiations"], None,
+    programs = suites.PROGRAMS + suites.HARDENED
+    hardened = build(proof, "hardened", [*programs, "instantiations"], None,
                      ["-DGILVANE_HARDENED=ON", f"-DCMAKE_EXE_LINKER_FLAGS={abort}"])
-    cover(proof, hardened, [*(f"tests/{name}" for name in PROGRAMS),
-                            *(f"tests/hardened/{name}" for name in HARDENED_PROGRAMS), "proof/instantiations"],
-          "exclusions-hardened.txt", "hardened build, ")
+    cover(proof, hardened, [*suites.places(programs), "proof/instantiations"], "exclusions-hardened.txt", "hardened build, ")
     proof.countFaults()

@@ -123,8 +123,7 @@ def place(path, text, old, name):
 
 
 def plant(faults, tree, source=ROOT):
-    """Makes `tree` a copy of the library in `source` with these faults; writes what has changed alone, so that no more
-    is compiled again."""
+    """Makes `tree` a copy of the library in `source` with these faults."""
     edits, written = {}, {}
     for number, fault in enumerate(faults, 1):
         for file, old, new in fault.changes:
@@ -147,6 +146,12 @@ def plant(faults, tree, source=ROOT):
             text = text[:guard.end()] + "\n#include <gilvane/base/plantedfault.h>" + text[guard.end():]
         written[file] = text
     written[SWITCH_FILE] = SWITCH_TEXT
+    write(written, tree)
+
+
+def write(written, tree):
+    """Makes `tree` a copy of the library with these files; writes what has changed alone, so that no more is compiled
+    again."""
     for file, text in written.items():
         path = tree / file
         path.parent.mkdir(parents=True, exist_ok=True)

@@ -1,28 +1,28 @@
 """The suite's tests of wrong use, label misuse: faults are planted in what wrong use comes to, and each must fail one of
 them. That the tests pass is the suite's own affair."""
 
-from driver import ROOT
+import suites
+from driver import ROOT, text
 
 
 def run(proof):
     names = [line for line in (ROOT / "tests/misuse.txt").read_text().splitlines() if line and not line.startswith("#")]
-    programs = ["base_tests", "threads_tests", "datastructures_tests", "utilities_tests"]
     chosen = "--gtest_filter=" + ":".join(names)
 
-    sound = proof.build("plain", programs)
+    sound = proof.build("plain", suites.OF_FOLDERS)
     tests = 0
-    for program in programs:
+    for program in suites.OF_FOLDERS:
         log = proof.folder / program
         proof.mustSucceed("a wrong use has another outcome than it must", [sound / "tests" / program, chosen], log, 300,
                           showing="Failure|FAILED")
-        tests += log.read_text().count("[       OK ]")
+        tests += suites.passed(text(log))
     if tests != len(names):
         proof.fail(f"tests/misuse.txt names {len(names)} tests, and {tests} were run")
     proof.figure("tests of wrong use", tests)
 
     proof.say("planted faults")
-    planted = proof.build("planted-misuse", programs, library=proof.plantAll())
-    command = " ".join(f"{planted}/tests/{program} '{chosen}' && " for program in programs) + "true"
+    planted = proof.build("planted-misuse", suites.OF_FOLDERS, library=proof.plantAll())
+    command = " ".join(f"{planted}/tests/{program} '{chosen}' && " for program in suites.OF_FOLDERS) + "true"
     for number, fault in proof.faults():
-        proof.find(fault, number, ["bash", "-c", command], r"^\[  FAILED  \]", status=1)
+        proof.find(fault, number, ["bash", "-c", command], suites.FAILED, status=1)
     proof.countFaults()

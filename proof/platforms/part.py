@@ -12,6 +12,7 @@ import subprocess
 import time
 import typing
 
+import commands
 import embedded
 import stamps
 import suites
@@ -45,9 +46,7 @@ PLATFORMS = {
     "x86-64-libc++": Platform("x86-64", "clang++", LITTLE_64, library="libc++"),
 }
 SHORT = ["s390x"]
-PROGRAMS = [f"tests/{name}_tests" for name in
-            ["base", "threads", "datastructures", "utilities", "locking", "layout", "shared_library"]]
-PROGRAMS += ["tests/hardened/hardened_tests", "tests/hardened/hardened_marks_tests"]
+PROGRAMS = suites.places(suites.PROGRAMS + suites.SHARED + suites.HARDENED)
 TARGET = "proof/target_tests"
 LISTING = "tests/layout_listing"
 # Faults that one kind of target shows, and the platform on which they must be found.
@@ -94,7 +93,7 @@ def findPlanted(proof, name, compiler, folder):
     proof.mustSucceed("the tests fail where no fault is switched on", [*emulator(compiler), program],
                       proof.folder / name / "sound.log", 300)
     for number, fault in proof.faults(part):
-        proof.find(fault, number, [*emulator(compiler), program], r"^\[  FAILED  \]", status=1)
+        proof.find(fault, number, [*emulator(compiler), program], suites.FAILED, status=1)
 
 
 def visit(proof, name):
@@ -143,7 +142,7 @@ def compareFigures(proof):
     proof.say("the guide's figures of embedded use")
     try:
         measured = embedded.measured()
-    except embedded.Wrong as why:
+    except commands.Failed as why:
         proof.fail(why)
     for name, text_ in measured.items():
         shown = embedded.shown(name)

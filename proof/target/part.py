@@ -29,9 +29,7 @@ PROCESSORS, MEGABYTES = 4, 256
 FLAGS = ["-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DCMAKE_EXE_LINKER_FLAGS=-static", "-DGILVANE_TEST_ON_TARGET=ON",
          "-DGILVANE_TEST_FLAGS=-g0"]
 # All programs but the one of the shared library, since they are linked statically.
-SUITES = ["tests/base_tests", "tests/threads_tests", "tests/datastructures_tests", "tests/utilities_tests",
-          "tests/locking_tests", "tests/layout_tests", "tests/hardened/hardened_tests",
-          "tests/hardened/hardened_marks_tests"]
+SUITES = suites.places(suites.PROGRAMS + suites.HARDENED)
 TARGET, REFUSAL, STRESS = "proof/target_tests", "proof/target_refusal_tests", "proof/stress"
 ALIGNMENT, MISTAKE, SUBJECT = "proof/target_alignment", "proof/target_mistake", "tests/gdb/gdb_subject_static"
 PROGRAMS = [TARGET, REFUSAL, STRESS, ALIGNMENT, MISTAKE, SUBJECT]
@@ -273,7 +271,7 @@ def run(proof):
     for number, fault in faults:
         outcome = machine.outcome(f"fault-{number}")
         mustNotice(proof, fault.name, suites.outcome("", ran["target_refusal_tests"], outcome.status, outcome.said)[2]
-                   and "[  FAILED  ]" in outcome.said)
+                   and suites.failed(outcome.said))
     for fault, what in [(1, "a test fails"), (2, "a program ends before its last test")]:
         outcome = machine.outcome(f"failing-{fault}")
         mustNotice(proof, what, suites.outcome("", ran["target_tests"], outcome.status, outcome.said)[2])

@@ -7,6 +7,7 @@ that none is excused for nothing, and the stress does reach them. The others are
 
 import re
 
+import suites
 from driver import ROOT, text
 
 FLAGS = "-O1 -g -fno-omit-frame-pointer -fsanitize=thread"
@@ -67,7 +68,9 @@ def run(proof):
     log = proof.folder / "tests.log"
     proof.mustSucceed("the thread tests fail", [folder / "thread_tests", f"--gtest_repeat={repetitions}",
                                                 "--gtest_brief=1"], log, 1800, OPTIONS, "^(WARNING|SUMMARY)|FAILED")
-    tests = re.search(r"^\[  PASSED  \] (\d+) tests?\.", text(log), re.MULTILINE)[1]
+    tests = suites.passed(text(log))
+    if tests == 0:
+        proof.fail("no thread test has run")
     proof.say(f"the stress program, {rounds} rounds")
     proof.mustSucceed("ThreadSanitizer finds races", [folder / "stress", rounds], proof.folder / "stress.log", 3600,
                       OPTIONS, "^(WARNING|SUMMARY)")
@@ -78,7 +81,7 @@ def run(proof):
                       [proof.build("plain", ["thread_tests"]) / "proof/thread_tests",
                        "--gtest_filter=SharedPoolStorm.ofEightThreadsLosesNothing"], proof.folder / "storm.log", 3600,
                       {"GILVANE_STORM_OPERATIONS": str(storm)}, "FAILED|Failure")
-    if "[  PASSED  ] 1 test." not in text(proof.folder / "storm.log"):
+    if suites.passed(text(proof.folder / "storm.log")) != 1:
         proof.fail("the storm was not raised")
 
     proof.figure("operations of the storm over a shared pool", 8 * storm)

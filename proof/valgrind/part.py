@@ -6,10 +6,9 @@ each is then run by itself, and memcheck must report something, or the test is n
 
 import re
 
+import suites
 from driver import ROOT, text
 
-PROGRAMS = ["base_tests", "threads_tests", "datastructures_tests", "utilities_tests", "locking_tests", "layout_tests",
-            "shared_library_tests"]
 # program, test, why memcheck must report it
 PROVOKING = [
     ("base_tests", "ObjectStorage.callsEvenANullDeallocationFunction", "calls a null pointer"),
@@ -73,18 +72,18 @@ def run(proof):
         proof.run([*memcheck(log), dev / program, f"--gtest_filter={test}", "--gtest_brief=1"], log, 900)
         if not any(re.search("ERROR SUMMARY: [1-9]", text(report)) for report in reports(log)):
             proof.fail(f"memcheck does not report anything in {test}")
-        if "1 test from 1 test suite ran" not in text(log):
+        if suites.ran(text(log)) != 1:
             proof.fail(f"there is no test {test} in {program}")
 
     proof.say("the tests")
     leftOut = "--gtest_filter=-" + ":".join(test for _, test, _ in PROVOKING)
     orders = [0] if proof.isShort else range(5)
     tests = 0
-    for program in PROGRAMS:
+    for program in suites.PROGRAMS + suites.SHARED:
         for order in orders:
             shuffle = ["--gtest_shuffle", f"--gtest_random_seed={order}"] if order else []
             log = clean(proof, f"{program}-{order}", dev / program, "--gtest_brief=1", leftOut, *shuffle)
-        ran = int(re.search(r"^\[=+\] (\d+) tests? from .* ran", text(log), re.MULTILINE)[1])
+        ran = suites.ran(text(log))
         if ran == 0:
             proof.fail(f"{program} ran no test")
         tests += ran
