@@ -13,6 +13,7 @@ import fcntl
 import importlib.util
 import os
 import pathlib
+import platform
 import re
 import shlex
 import shutil
@@ -279,11 +280,10 @@ def scoreboard(parts):
 def writeDocument():
     """docs/proof.md: what the long forms found."""
     model = next((line.partition(": ")[2] for line in open("/proc/cpuinfo") if line.startswith("model name")), "")
-    system = dict(line.rstrip().split("=", 1) for line in open("/etc/os-release") if "=" in line)["PRETTY_NAME"]
     lines = [f"""# Proof
 
 What `./prove` found on {datetime.date.today()}, on {os.cpu_count()} processors ({model.strip()}),
-{system.strip('"')}. This file is written by `./prove`.
+{platform.freedesktop_os_release()["PRETTY_NAME"]}. This file is written by `./prove`.
 
 | Part | What | Figure |
 |---|---|--:|

@@ -2,14 +2,13 @@
 library it is. A chapter stays as it stands if its command has not run."""
 
 import json
-import pathlib
+import platform
 import re
-import subprocess
 import sys
 
 import stamps
+from commands import ROOT, output
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
 PAGE = ROOT / "docs/platforms.md"
 SUITES, PLATFORMS = "What `./test` runs", "What `./prove platforms` runs"
 OUTCOMES = ROOT / "build/proof/platforms"
@@ -19,10 +18,6 @@ HEAD = """# Platforms
 All of it runs on one x86-64 machine. This file is written by `tools/renew platforms`.
 
 """
-
-
-def output(*command):
-    return subprocess.run(command, cwd=ROOT, check=True, capture_output=True, text=True).stdout
 
 
 def version(*command):
@@ -58,7 +53,6 @@ def suites():
         return f"{failed} of {tests.strip()} failed"
 
     arm, qemu = version("arm-linux-gnueabihf-g++"), version("qemu-arm")
-    system = dict(line.rstrip().split("=", 1) for line in open("/etc/os-release") if "=" in line)["PRETTY_NAME"]
     gtest = output("dpkg-query", "-W", "-f", "${Version}", "libgtest-dev")
     return f"""| Preset | Target | Compiler | Run by | Tests |
 |---|---|---|---|---|
@@ -69,7 +63,7 @@ def suites():
 
 | What | Version |
 |---|---|
-| System | {system.strip('"')} |
+| System | {platform.freedesktop_os_release()["PRETTY_NAME"]} |
 | C library | {version('ldd')} |
 | GoogleTest | {gtest} |
 | CMake | {version('cmake')} |
