@@ -86,7 +86,9 @@ TEST(ClassTree, everyClassDerivesPubliclyFromTheRoot) {
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVTokenCache>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVSharedTokenLease>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVObjectLease<unsigned int>>);
+#if __has_include(<memory_resource>)
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVPoolResource>);
+#endif
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVAllocationBudget>);
     EXPECT_TRUE(isPublicHeirOfTheRoot<GVAllocationArena>);
 }
@@ -115,7 +117,9 @@ TEST(ClassTree, everyClassHasAVirtualDestructorThatDoesNotThrow) {
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVTokenCache>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVSharedTokenLease>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVObjectLease<unsigned int>>);
+#if __has_include(<memory_resource>)
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVPoolResource>);
+#endif
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVAllocationBudget>);
     EXPECT_TRUE(std::is_nothrow_destructible_v<GVAllocationArena>);
 }

@@ -78,6 +78,7 @@ TEST_F(HardenedMarks, areTakenOffByALoanAndSetByAReturn) {
     }
 }
 
+#if __has_include(<memory_resource>)
 TEST_F(HardenedMarks, areTakenOffByARequestToAResourceAndSetByItsReturn) {
     for (const bool useMutex : {false, true}) {
         GVMemoryPool pool(1, 64, useMutex);
@@ -91,6 +92,7 @@ TEST_F(HardenedMarks, areTakenOffByARequestToAResourceAndSetByItsReturn) {
         EXPECT_EQ(marks, (std::vector<Mark>{{Call::poison, block, 64}}));
     }
 }
+#endif
 
 TEST_F(HardenedMarks, areTakenOffWithATokenTakenOutOfTheFreeListByHand) {
     GVMemoryPool pool(2, blockBytes, false);

@@ -193,12 +193,20 @@ struct Target {
     CLASS(GVObjectLease, GVObjectLease<unsigned int>, 52, 4, 96, 8)                                     \
     FIELD(GVObjectLease<unsigned int>, theObject, 4, 8)                                                 \
     FIELD(GVObjectLease<unsigned int>, theLease, 8, 16)                                                 \
+    GILVANE_LAYOUT_OF_RESOURCE(CLASS, FIELD)
+
+// Where the standard library has it.
+#if __has_include(<memory_resource>)
+#define GILVANE_LAYOUT_OF_RESOURCE(CLASS, FIELD)                                                        \
     CLASS(GVPoolResource, GVPoolResource, 28, 4, 56, 8)                                                 \
     FIELD(GVPoolResource, thePool, 8, 16)                                                               \
     FIELD(GVPoolResource, theSharedPool, 12, 24)                                                        \
     FIELD(GVPoolResource, theCache, 16, 32)                                                             \
     FIELD(GVPoolResource, theUpstream, 20, 40)                                                          \
     FIELD(GVPoolResource, theSmallEnd, 24, 48)
+#else
+#define GILVANE_LAYOUT_OF_RESOURCE(CLASS, FIELD)
+#endif
 // clang-format on
 
 #endif

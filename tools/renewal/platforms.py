@@ -92,12 +92,12 @@ def layouts(outcomes):
     yield "| Class | " + " | ".join(", ".join(f"`{name}`" for name in names) for names in alike.values()) + " |\n"
     yield "|---|" + "---|" * len(alike) + "\n"
     for name in classes[0]:
-        cells = [layout[name] for layout in classes]
+        cells = [layout.get(name) for layout in classes]
         bits = {}
         for (word, _), cell in zip(alike, cells):
             bits.setdefault(word, set()).add(cell)
         if any(len(different) > 1 for different in bits.values()):
-            yield f"| `{name}` | " + " | ".join(f"{size}, to {alignment}" for size, alignment in cells) + " |\n"
+            yield f"| `{name}` | " + " | ".join(", to ".join(cell) if cell else "not there" for cell in cells) + " |\n"
 
 
 def names():
