@@ -13,17 +13,19 @@ function(gilvane_find_gtest from_sources)
   target_compile_options(gtest PRIVATE -O0 -g1)
 endfunction()
 
-# The tests of these folders see some calls of the library, and make some fail: programs that have such tests.
+# Tests see some calls of the library, and make some fail: where a program has a __wrap_f, the linker sends the calls of
+# f there.
 function(gilvane_wrap_calls program)
-  set(base malloc madvise)
-  set(threads pthread_mutex_init pthread_mutex_destroy
-    pthread_mutexattr_init pthread_mutexattr_setprotocol pthread_mutexattr_destroy)
-  set(utilities eventfd_write)
-  foreach(folder ${ARGN})
-    list(TRANSFORM ${folder} PREPEND --wrap=)
-    list(JOIN ${folder} "," wraps)
-    target_link_options(${program} PRIVATE LINKER:${wraps})
+  get_target_property(sources ${program} SOURCES)
+  set(calls "")
+  foreach(source ${sources})
+    file(STRINGS "${source}" lines REGEX "__wrap_")
+    string(REGEX MATCHALL "__wrap_[A-Za-z0-9_]+" names "${lines}")
+    list(APPEND calls ${names})
   endforeach()
+  list(REMOVE_DUPLICATES calls)
+  list(TRANSFORM calls REPLACE "^__wrap_" "LINKER:--wrap=")
+  target_link_options(${program} PRIVATE ${calls})
 endfunction()
 
 # The library once more, built with these definitions whatever the build around it is, and never installed. The linter
