@@ -3,7 +3,6 @@
 import re
 
 # The quick ones first. Each folder of the library has one, and two look at several folders.
-OF_FOLDERS = ["base_tests", "datastructures_tests", "threads_tests", "utilities_tests"]
 PROGRAMS = ["base_tests", "layout_tests", "locking_tests", "datastructures_tests", "threads_tests", "utilities_tests"]
 # The suite over the shared library: the same sources, linked in another way.
 SHARED = ["shared_library_tests"]

@@ -9,9 +9,9 @@ def run(proof):
     names = [line for line in (ROOT / "tests/misuse.txt").read_text().splitlines() if line and not line.startswith("#")]
     chosen = "--gtest_filter=" + ":".join(names)
 
-    sound = proof.build("plain", suites.OF_FOLDERS)
+    sound = proof.build("plain", suites.PROGRAMS)
     tests = 0
-    for program in suites.OF_FOLDERS:
+    for program in suites.PROGRAMS:
         log = proof.folder / program
         proof.mustSucceed("a wrong use has another outcome than it must", [sound / "tests" / program, chosen], log, 300,
                           showing="Failure|FAILED")
@@ -21,8 +21,8 @@ def run(proof):
     proof.figure("tests of wrong use", tests)
 
     proof.say("planted faults")
-    planted = proof.build("planted-misuse", suites.OF_FOLDERS, library=proof.plantAll())
-    command = " ".join(f"{planted}/tests/{program} '{chosen}' && " for program in suites.OF_FOLDERS) + "true"
+    planted = proof.build("planted-misuse", suites.PROGRAMS, library=proof.plantAll())
+    command = " ".join(f"{planted}/tests/{program} '{chosen}' && " for program in suites.PROGRAMS) + "true"
     for number, fault in proof.faults():
         proof.find(fault, number, ["bash", "-c", command], suites.FAILED, status=1)
     proof.countFaults()
