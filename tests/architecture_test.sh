@@ -37,7 +37,6 @@ breaches() {
     local folder file name key='(?:class|struct|union|enum|enum class)'
     local -A definedIn=([GVTestPeer]=tests)
     cd "$1"
-. tests/support/script.sh
     while IFS=: read -r file name; do
         folder=${file#libsrc/}
         definedIn[$name]=${folder%%/*}

@@ -30,7 +30,7 @@ change() { # NAME SED_EXPRESSION: a copy of the library with one change in all i
 
 expectFiring() { # NAME SED_EXPRESSION TEXT: and the report says this
     change "$1" "$2"
-    if tools/check-abi "$scratch/base.abi" "$scratch/$1/libgilvane.so" >"$scratch/$1/report" 2>&1; then
+    if tools/check-abi "$scratch/$1/libgilvane.so" "$scratch/base.abi" >"$scratch/$1/report" 2>&1; then
         echo "the guard let pass: $1" >&2
         exit 1
     fi
@@ -50,7 +50,7 @@ g++ "${flags[@]}" -x c++-header "$scratch/standard.h"
 cp -rP libsrc include "$scratch/base"
 build "$scratch/base"
 takeDownInterface "$scratch/base/libgilvane.so" "$scratch/base.abi"
-tools/check-abi "$scratch/base.abi" "$scratch/base/libgilvane.so" >/dev/null
+tools/check-abi "$scratch/base/libgilvane.so" "$scratch/base.abi" >/dev/null
 echo "the guard is silent: nothing changed"
 
 expectFiring "a field widened" 's|^    unsigned int initialNumberOfObjects;|    unsigned long long initialNumberOfObjects;|' \
@@ -67,6 +67,6 @@ expectFiring "an operation gone" 's|removeTokenFromAvailableList|removeTokenFrom
 
 change "an operation added" \
     's|^    void makePool\(unsigned int numberOfObjects\);|&\n    __attribute__((used)) unsigned int addedOperation() const { return bytesInEachObject; }|'
-tools/check-abi "$scratch/base.abi" "$scratch/an operation added/libgilvane.so" >"$scratch/report"
+tools/check-abi "$scratch/an operation added/libgilvane.so" "$scratch/base.abi" >"$scratch/report"
 grep -q "addedOperation" "$scratch/report" || { echo "the guard did not list the added operation" >&2; exit 1; }
 echo "the guard lists: an operation added"

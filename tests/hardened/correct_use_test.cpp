@@ -1,6 +1,7 @@
 // What is no mistake passes without a word in the hardened build, and comes to the same as in others.
 #include "gvtestpeer.h"
 #include "hookledger.h"
+#include "threadsupport.h"
 
 #include <gilvane/threads/gvmutex.h>
 #include <gilvane/threads/gvthreadsfactory.h>
@@ -12,7 +13,6 @@
 #include <map>
 #include <memory>
 #include <random>
-#include <thread>
 #include <vector>
 
 namespace Gilvane {
@@ -119,19 +119,13 @@ TEST_F(HardenedUse, byTheRulesPassesWithoutAWord) {
 
 TEST_F(HardenedUse, bySeveralThreadsPassesWithoutAWord) {
     GVMemoryPool pool(16, 24, true);
-    std::vector<std::thread> threads;
-    for (unsigned int number = 0; number < 4; ++number) {
-        threads.emplace_back([&pool, number] {
-            for (unsigned int round = 0; round < 2000; ++round) {
-                const unsigned int token = pool.getTokenForFreeMemoryObject();
-                std::memset(pool.getMemoryForToken(token), static_cast<int>(number), 24);
-                pool.releaseObject(token);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    runTogether(4, [&pool](unsigned int number) {
+        for (unsigned int round = 0; round < 2000; ++round) {
+            const unsigned int token = pool.getTokenForFreeMemoryObject();
+            std::memset(pool.getMemoryForToken(token), static_cast<int>(number), 24);
+            pool.releaseObject(token);
+        }
+    });
     EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 0U);
 }
 

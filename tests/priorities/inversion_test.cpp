@@ -31,9 +31,12 @@ TEST_F(PriorityInversion, isNotThereInASharedPoolThatInherits) {
 }
 
 TEST_F(PriorityInversion, isNotThereBehindACacheOfASharedPoolThatInherits) {
-    GVSharedPool pool(4, 16, gvpriorityinheritance);
-    GVTokenCache cache(pool, 2);
-    EXPECT_EQ(orderOfEvents(visitorOf(pool), [&] { EXPECT_TRUE(cache.tryBorrow().has_value()); }), inherited);
+    for (const bool inherits : {false, true}) {
+        GVSharedPool pool(4, 16, inherits ? gvpriorityinheritance : gvnoprotocol);
+        GVTokenCache cache(pool, 2);
+        EXPECT_EQ(orderOfEvents(visitorOf(pool), [&] { EXPECT_TRUE(cache.tryBorrow().has_value()); }),
+                  inherits ? inherited : inverted);
+    }
 }
 
 } // namespace Gilvane

@@ -3,6 +3,8 @@
 #ifndef GILVANE_TESTS_SUPPORT_SHAREDPOOLSUPPORT_H
 #define GILVANE_TESTS_SUPPORT_SHAREDPOOLSUPPORT_H
 
+#include "threadsupport.h"
+
 #include <gilvane/utilities/gvsharedpool.h>
 
 #include <gtest/gtest.h>
@@ -21,19 +23,6 @@ inline constexpr const char* freeAlready = "Token is free: returned already, or 
 
 /// Long enough for a waiter that it is handed the next block.
 inline void letTheOvertakingEnd() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
-
-/// Returns when `condition` holds, and fails the test after half a minute; by the clock that no test halts.
-template <typename Condition>
-void await(Condition condition) {
-    const auto end = std::chrono::system_clock::now() + std::chrono::seconds(30);
-    while (!condition()) {
-        if (std::chrono::system_clock::now() > end) {
-            ADD_FAILURE() << "what was awaited does not come";
-            return;
-        }
-        std::this_thread::yield();
-    }
-}
 
 /// Returns when so many waits have begun in a pool.
 inline void awaitWaits(const GVSharedPool& pool, unsigned int count) {

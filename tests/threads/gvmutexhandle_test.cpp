@@ -1,12 +1,12 @@
 #include <gilvane/threads/gvmutexhandle.h>
 #include <gilvane/threads/gvthreadsfactory.h>
 
+#include "threadsupport.h"
 #include "writtentext.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <ios>
 #include <memory>
@@ -104,19 +104,16 @@ TEST(MutexHandle, aFailedAttemptChangesNothing) {
 
 TEST(MutexHandle, lockWaitsUntilTheHolderUnlocks) {
     const OwnedHandle handle = makeHandle();
-    std::atomic<bool> waiting{false};
+    std::atomic<pid_t> waiting{0};
     std::atomic<bool> holding{false};
     handle->lock();
     std::thread waiter([&] {
-        waiting = true;
+        waiting = gettid();
         handle->lock();
         holding = true;
         handle->unlock();
     });
-    while (!waiting) {
-        std::this_thread::yield();
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    await([&] { return waiting != 0 && isAsleep(waiting); });
     EXPECT_FALSE(holding);
     handle->unlock();
     waiter.join();

@@ -18,7 +18,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <fstream>
 #include <limits>
 #include <mutex>
 #include <ratio>
@@ -26,9 +25,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <sys/syscall.h>
-#include <unistd.h>
 
 namespace Gilvane {
 
@@ -60,14 +56,6 @@ nanoseconds leftOf(const Duration& time) {
 
 void expectOver(nanoseconds time) { EXPECT_LE(time.count(), 0); }
 
-// Whether the kernel has let a thread of this program sleep.
-bool isAsleep(pid_t thread) {
-    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
-    std::string text;
-    std::getline(file, text);
-    return text.rfind(") S ") != std::string::npos;
-}
-
 // Threads that sleep by an event count until they are woken once, each with a mark.
 class Sleepers {
   public:
@@ -77,7 +65,7 @@ class Sleepers {
         for (const Marks mark : marks) {
             theThreads.emplace_back([this, mark] {
                 theLock.lock();
-                theSleepers.push_back(static_cast<pid_t>(syscall(SYS_gettid)));
+                theSleepers.push_back(gettid());
                 theEvents.wait(theLock, mark, detail::noLimit);
                 theWoken.push_back(mark);
                 theLock.unlock();
@@ -177,16 +165,15 @@ TEST(PlainLock, isHeldFromLockToUnlock) {
 void expectThatItIsGivenToWhoWaitsForIt(GVMutexProtocol protocol) {
     detail::GVPlainLock lock(protocol);
     bool isHere = false;
-    std::atomic<bool> asks(false);
+    std::atomic<pid_t> asking{0};
     lock.lock();
     std::thread other([&] {
-        asks = true;
+        asking = gettid();
         lock.lock();
         isHere = true;
         lock.unlock();
     });
-    await([&] { return asks.load(); });
-    std::this_thread::sleep_for(milliseconds(5));
+    await([&] { return asking != 0 && isAsleep(asking); });
     EXPECT_FALSE(isHere);
     lock.unlock();
     other.join();

@@ -1,5 +1,6 @@
 // A pool that several threads use at once, with a lock of its own and never running dry.
 #include "gvtestpeer.h"
+#include "threadsupport.h"
 
 #include <gilvane/utilities/gvmemorypool.h>
 
@@ -9,9 +10,7 @@
 #include <array>
 #include <atomic>
 #include <cstring>
-#include <functional>
 #include <random>
-#include <thread>
 #include <vector>
 
 namespace Gilvane {
@@ -23,16 +22,6 @@ constexpr unsigned int loansAtOnce = 8;
 constexpr std::size_t blockBytes = 64;
 // Even with every thread holding its most there is always one left.
 constexpr unsigned int blockCount = threadCount * loansAtOnce + 1;
-
-void runInThreads(const std::function<void(unsigned int)>& work) {
-    std::vector<std::thread> threads;
-    for (unsigned int number = 0; number < threadCount; ++number) {
-        threads.emplace_back(work, number);
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-}
 
 void expectEveryTokenFreeOnce(GVMemoryPool& pool) {
     EXPECT_EQ(pool.numberOfObjectsInPoolInUse(), 0U);
@@ -52,7 +41,7 @@ TEST(PoolAmongThreads, lendsEachTokenToOneThreadAtATime) {
     std::array<std::atomic<unsigned int>, blockCount> lent{};
     std::atomic<int> lentTwice{0};
     std::atomic<int> overwritten{0};
-    runInThreads([&](unsigned int number) {
+    runTogether(threadCount, [&](unsigned int number) {
         std::mt19937 random(number);
         const char mark = static_cast<char>('a' + number);
         std::array<char, blockBytes> expected{};
@@ -91,7 +80,7 @@ TEST(PoolAmongThreads, passesABlocksContentsOnWithItsToken) {
     }
     constexpr int rounds = 5000;
     // No thread touches a count but under the loan of its block, so none is lost.
-    runInThreads([&](unsigned int) {
+    runTogether(threadCount, [&](unsigned int) {
         for (int round = 0; round < rounds; ++round) {
             const unsigned int token = pool.getTokenForFreeMemoryObject();
             ++*static_cast<int*>(pool.getMemoryForToken(token));
@@ -109,35 +98,48 @@ TEST(PoolAmongThreads, passesABlocksContentsOnWithItsToken) {
 TEST(PoolAmongThreads, countsUnderTheLockWhileOthersBorrow) {
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(blockCount, blockBytes, true);
-    std::atomic<int> impossible{0};
-    runInThreads([&](unsigned int number) {
-        for (int round = 0; round < 5000; ++round) {
-            if (number == 0) {
-                impossible += pool.numberOfObjectsInPoolInUse() > threadCount - 1 ? 1 : 0;
-            } else {
+    std::atomic<bool> isOver{false};
+    runTogether(threadCount, [&](unsigned int number) {
+        if (number != 0) {
+            while (!isOver) {
                 pool.releaseObject(pool.getTokenForFreeMemoryObject());
             }
+            return;
         }
+        unsigned int highest = 0;
+        unsigned int counted = 0;
+        await([&] {
+            highest = (std::max)(highest, pool.numberOfObjectsInPoolInUse());
+            return ++counted >= 5000 && highest > 0;
+        });
+        EXPECT_LE(highest, threadCount - 1);
+        isOver = true;
     });
-    EXPECT_EQ(impossible, 0);
     expectEveryTokenFreeOnce(pool);
 }
 
 TEST(PoolAmongThreads, growsByHandUnderLoansOfOthers) {
     GVTestPeer::nextToken() = 0;
     GVMemoryPool pool(threadCount, blockBytes, true);
-    // One thread enlarges the pool, and with it the table, step by step; only this pool builds blocks meanwhile.
-    runInThreads([&](unsigned int number) {
+    // One thread enlarges the pool, and with it the table, step by step, each after some more loans of the others. Only
+    // this pool builds blocks meanwhile.
+    std::atomic<unsigned int> loans{0};
+    std::atomic<bool> isOver{false};
+    runTogether(threadCount, [&](unsigned int number) {
         if (number == 0) {
             for (unsigned int blocks = threadCount; blocks <= blockCount; ++blocks) {
+                const unsigned int before = loans;
                 pool.resizePool(blocks);
+                await([&] { return loans - before >= 100; });
             }
+            isOver = true;
             return;
         }
-        for (int round = 0; round < 5000; ++round) {
+        while (!isOver) {
             const unsigned int token = pool.getTokenForFreeMemoryObject();
             std::memset(pool.getMemoryForToken(token), 'x', blockBytes);
             pool.releaseObject(token);
+            ++loans;
         }
     });
     expectEveryTokenFreeOnce(pool);

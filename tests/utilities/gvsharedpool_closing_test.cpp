@@ -305,8 +305,8 @@ TEST(SharedPoolDescriptor, wakesAThreadThatPolls) {
     GVSharedPool pool(1, 16);
     const unsigned int token = *pool.tryBorrow();
     const int descriptor = pool.getDescriptor();
-    std::thread returning([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    std::thread returning([&, polling = gettid()] {
+        await([&] { return isAsleep(polling); });
         pool.releaseObject(token);
     });
     pollfd entry = {descriptor, POLLIN, 0};

@@ -129,17 +129,14 @@ TEST(SharedPoolReturn, ofOneTokenByManyThreadsSucceedsOnceAtATime) {
     for (int round = 0; round < 50; ++round) {
         const unsigned int token = *pool.tryBorrow();
         std::atomic<int> accepted{0};
-        const auto giveBack = [&] {
+        runTogether(2, [&](unsigned int) {
             try {
                 pool.releaseObject(token);
                 ++accepted;
             } catch (const GVException& refusal) {
                 EXPECT_EQ(refusal.getKind(), gvinvalidstate);
             }
-        };
-        std::thread other(giveBack);
-        giveBack();
-        other.join();
+        });
         EXPECT_EQ(accepted, 1) << "the pool's lock decides";
     }
 }

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -368,11 +369,13 @@ TEST(SharedPoolStatistics, addUpWhereATokenIsSeenInTwoCaches) {
 TEST(SharedPoolStatistics, addUpWhileThreadsWork) {
     GVSharedPool pool(16, 16);
     std::atomic<bool> isOver{false};
+    std::array<std::atomic<unsigned int>, 3> rounds = {};
     std::vector<std::thread> threads;
-    for (int number = 0; number < 3; ++number) {
+    for (unsigned int number = 0; number < 3; ++number) {
         threads.emplace_back([&, number] {
             GVTokenCache cache(pool, 4);
             while (!isOver) {
+                ++rounds[number];
                 std::array<unsigned int, 3> tokens = {};
                 const unsigned int count = cache.tryBorrowMany(tokens.data(), 3);
                 if (number == 0) {
@@ -383,7 +386,8 @@ TEST(SharedPoolStatistics, addUpWhileThreadsWork) {
             }
         });
     }
-    for (int reading = 0; reading < 5000; ++reading) {
+    int reading = 0;
+    await([&] {
         const GVSharedPoolStatistics statistics = pool.getStatistics();
         EXPECT_EQ(statistics.theNumberOfObjects, 16U);
         EXPECT_LE(statistics.theLentCount, 16U);
@@ -394,7 +398,9 @@ TEST(SharedPoolStatistics, addUpWhileThreadsWork) {
         if (reading % 100 == 0) {
             pool.resetHighestLentCount();
         }
-    }
+        return ++reading >= 5000 &&
+               std::all_of(rounds.begin(), rounds.end(), [](unsigned int its) { return its > 100; });
+    });
     isOver = true;
     for (std::thread& thread : threads) {
         thread.join();

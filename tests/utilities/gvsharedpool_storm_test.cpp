@@ -20,6 +20,8 @@
 #include <utility>
 #include <vector>
 
+#include <poll.h>
+
 namespace Gilvane {
 
 namespace {
@@ -65,7 +67,8 @@ struct Storm {
     GVSharedPool thePool;
     Queue<unsigned int> theTokens;
     Queue<GVSharedTokenLease> theLeases;
-    int theOperations; // of each thread
+    int theOperations;         // of each thread
+    bool isToBeClosed = false; // then they count from the closing on
     std::atomic<unsigned int> theLoans{0};
 };
 
@@ -88,7 +91,8 @@ template <typename Lender>
 void take(Storm& storm, Lender& lender, unsigned int number) {
     std::minstd_rand random(number + 1);
     const Stamps stamps(number + 1);
-    for (int operation = 0; operation < storm.theOperations; ++operation) {
+    for (int operation = 0; operation < storm.theOperations;) {
+        operation += !storm.isToBeClosed || storm.thePool.isClosed() ? 1 : 0;
         const unsigned int way = static_cast<unsigned int>(random()) / 8;
         switch (way % 8) {
         case 0: // a token goes through the queue
@@ -212,13 +216,16 @@ TEST(SharedPoolStorm, forOneBlockLosesNothing) {
 
 TEST(SharedPoolStorm, withADescriptorLosesNothing) {
     Storm storm(4, theOperations / 4);
-    static_cast<void>(storm.thePool.getDescriptor());
+    EXPECT_GE(storm.thePool.getDescriptor(), 0);
     raise(storm, {0, 64, 2, 64});
+    pollfd entry = {storm.thePool.getDescriptor(), POLLIN, 0};
+    EXPECT_EQ(poll(&entry, 1, 0), 1) << "all blocks are free";
     expectThatNothingIsLost(storm.thePool);
 }
 
 TEST(SharedPoolStorm, thatIsClosedInTheMiddleEndsAndLosesNothing) {
-    Storm storm(2, theOperations);
+    Storm storm(2, theOperations / 4);
+    storm.isToBeClosed = true;
     std::thread closing([&] {
         await([&] { return storm.theLoans > 200; });
         storm.thePool.close();

@@ -56,6 +56,7 @@ milliseconds processorTime() {
 // A clock that a test moves.
 struct MovedClock : TestClock<MovedClock> {
     static time_point now() {
+        ++theCallCount;
         if (theCallsBeforeAThrow >= 0 && theCallsBeforeAThrow-- == 0) {
             throw std::runtime_error("the clock is broken");
         }
@@ -63,24 +64,29 @@ struct MovedClock : TestClock<MovedClock> {
     }
     static std::atomic<int> theNow;               // milliseconds
     static std::atomic<int> theCallsBeforeAThrow; // less than 0: never
+    static std::atomic<unsigned int> theCallCount;
 };
 
 std::atomic<int> MovedClock::theNow{0};
 std::atomic<int> MovedClock::theCallsBeforeAThrow{-1};
+std::atomic<unsigned int> MovedClock::theCallCount{0};
 
 // Returns a block when the wait is long enough for it to be handed over, and throws.
 struct GivingClock : TestClock<GivingClock> {
     static time_point now() {
         letTheOvertakingEnd();
         thePool->releaseObject(theGift);
+        theFreeCount = thePool->getStatistics().theFreeCount;
         throw std::runtime_error("the clock is broken");
     }
     static GVSharedPool* thePool;
     static unsigned int theGift;
+    static unsigned int theFreeCount; // when it throws
 };
 
 GVSharedPool* GivingClock::thePool = nullptr;
 unsigned int GivingClock::theGift = 0;
+unsigned int GivingClock::theFreeCount = 1;
 
 // The pool's lock is free while the clock is asked.
 struct LookingClock : TestClock<LookingClock> {
@@ -454,13 +460,13 @@ TEST(SharedPoolTimedWaiting, goesOnUntilTheDeadlinesOwnClockSaysSo) {
     GVSharedPool pool(1, 16);
     EXPECT_TRUE(pool.borrow().has_value());
     MovedClock::theNow = 0;
+    MovedClock::theCallCount = 0;
     std::atomic<bool> isOver{false};
     std::thread waiter([&] {
         EXPECT_FALSE(pool.borrowUntil(MovedClock::time_point(milliseconds(20))).has_value());
         isOver = true;
     });
-    awaitWaits(pool, 1);
-    std::this_thread::sleep_for(milliseconds(100)); // five times as long, by other clocks
+    await([] { return MovedClock::theCallCount >= 3; }); // it has waited twice as long, by other clocks
     EXPECT_FALSE(isOver);
     EXPECT_EQ(pool.getStatistics().theTimeoutCount, 0U);
     MovedClock::theNow = 20;
@@ -486,6 +492,7 @@ TEST(SharedPoolTimedWaiting, givesTheBlockBackThatWasHandedOverWhileTheClockThre
     GivingClock::thePool = &pool;
     GivingClock::theGift = *pool.borrow();
     EXPECT_THROW(static_cast<void>(pool.borrowUntil(GivingClock::time_point(milliseconds(5)))), std::runtime_error);
+    EXPECT_EQ(GivingClock::theFreeCount, 0U) << "it was handed over";
     const GVSharedPoolStatistics statistics = pool.getStatistics();
     EXPECT_EQ(statistics.theFreeCount, 1U);
     EXPECT_EQ(statistics.theLentCount, 0U);

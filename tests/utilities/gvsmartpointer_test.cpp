@@ -3,13 +3,13 @@
 
 #include <gilvane/base/gvrawblock.h>
 
+#include "callofnull.h"
 #include "gvtestpeer.h"
 #include "hookledger.h"
 #include "sharedobject.h"
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -295,7 +295,7 @@ TEST(SmartPointer, callsEvenANullDeallocationFunctionOfACell) {
                 const void* const cell = isOfCount ? static_cast<const void*>(Peer::refCount(pointer))
                                                    : static_cast<const void*>(Peer::ownObject(pointer));
                 *reinterpret_cast<GVDeallocatorFunction*>(detail::rawBlockStart(cell)) = nullptr;
-                std::signal(SIGSEGV, [](int) { _exit(0); });
+                endAtACallOfNull();
                 pointer.decrementRefCount();
                 _exit(1);
             },

@@ -3,13 +3,13 @@
 
 #include "hookledger.h"
 #include "sharedobject.h"
+#include "threadsupport.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstddef>
 #include <sstream>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -17,27 +17,8 @@ namespace Gilvane {
 
 namespace {
 
-constexpr int numberOfThreads = 4;
+constexpr unsigned int numberOfThreads = 4;
 constexpr int rounds = 3000;
-
-// Runs `work(number)` in several threads that begin together.
-template <typename Work>
-void runTogether(Work work) {
-    std::atomic<int> waiting{numberOfThreads};
-    std::vector<std::thread> threads;
-    for (int number = 0; number < numberOfThreads; ++number) {
-        threads.emplace_back([&waiting, work, number] {
-            --waiting;
-            while (waiting.load() > 0) {
-                std::this_thread::yield();
-            }
-            work(number);
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-}
 
 } // namespace
 
@@ -47,8 +28,8 @@ TEST(SmartPointerThreads, countEverySharerWhileTheyCopyAndAssignAndMove) {
     {
         const GVSmartPointer<SharedObject> pointer(new SharedObject(deletions), true, true);
         std::vector<GVSmartPointer<SharedObject>> shares(numberOfThreads, pointer);
-        runTogether([&shares](int number) {
-            const GVSmartPointer<SharedObject>& share = shares[static_cast<std::size_t>(number)];
+        runTogether(numberOfThreads, [&shares](unsigned int number) {
+            const GVSmartPointer<SharedObject>& share = shares[number];
             GVSmartPointer<SharedObject> assigned;
             for (int round = 0; round < rounds; ++round) {
                 GVSmartPointer<SharedObject> copy(share);
@@ -75,8 +56,8 @@ TEST(SmartPointerThreads, deleteTheObjectOnceWhenTheLastSharesGoTogether) {
             const GVSmartPointer<SharedObject> pointer(new SharedObject(deletions), true, true);
             shares.assign(numberOfThreads, pointer);
         }
-        runTogether(
-            [&shares](int number) { shares[static_cast<std::size_t>(number)] = GVSmartPointer<SharedObject>(); });
+        runTogether(numberOfThreads,
+                    [&shares](unsigned int number) { shares[number] = GVSmartPointer<SharedObject>(); });
         ASSERT_EQ(deletions, 1);
         ASSERT_TRUE(ledger.liveBlocks().empty());
     }
@@ -87,8 +68,8 @@ TEST(SmartPointerThreads, readTheCountAndTheDumpBesideSharersThatComeAndGo) {
     std::vector<GVSmartPointer<GVMemoryPool>> shares(numberOfThreads, pool);
     std::atomic<int> wrongCounts{0};
     std::atomic<int> wrongDumps{0};
-    runTogether([&](int number) {
-        const GVSmartPointer<GVMemoryPool>& share = shares[static_cast<std::size_t>(number)];
+    runTogether(numberOfThreads, [&](unsigned int number) {
+        const GVSmartPointer<GVMemoryPool>& share = shares[number];
         for (int round = 0; round < rounds / 10; ++round) {
             const GVSmartPointer<GVMemoryPool> copy(share);
             const unsigned int count = copy.getRefCount();

@@ -394,6 +394,7 @@ TEST(TokenLeaseWithoutMemory, lendsNothingWhenItsConstructorThrows) {
                 Peer::table(*pool).getUsedCount() - 4 - static_cast<unsigned int>(Peer::freeTokens(*pool).size());
         }
         ledger.refuseNothing();
+        EXPECT_EQ(ledger.refusedCount(), completed ? 0U : 1U) << "a refusal is told";
         EXPECT_LE(builtAndLost, 1U);
         EXPECT_EQ(pool->numberOfObjectsInPoolInUse(), (completed ? 5U : 4U) + builtAndLost);
         EXPECT_EQ(pool.getRefCount(), completed ? 6U : 5U);

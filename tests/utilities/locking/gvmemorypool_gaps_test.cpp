@@ -10,26 +10,41 @@
 #include <functional>
 #include <string>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace Gilvane {
 
 namespace {
 
-using TokenLending = TestOfLocks;
-using PoolBlockSize = TestOfLocks;
-using PoolGrowth = TestOfLocks;
+// Another thread that a test has announced must have come.
+class TestOfGaps : public TestOfLocks {
+  public:
+    static bool& isAwaited() {
+        static bool isAwaited = false;
+        return isAwaited;
+    }
+
+  protected:
+    void TearDown() override { EXPECT_FALSE(std::exchange(isAwaited(), false)) << "the other thread was never played"; }
+};
+
+using TokenLending = TestOfGaps;
+using PoolBlockSize = TestOfGaps;
+using PoolGrowth = TestOfGaps;
 using Tokens = std::vector<unsigned int, GVStdAllocator<unsigned int>>;
 
 // Plays another thread: runs `act` at the `number`th entry from now on, counted from 1. The other thread's own locking
 // is left out, since in truth it would come a moment before or after.
 void atEntry(std::size_t number, GVMemoryPool& pool, const std::function<void()>& act) {
     ThreadsLog::entries().clear();
+    TestOfGaps::isAwaited() = true;
     ThreadsLog::observer() = [number, &pool, act](const std::string&) {
         if (ThreadsLog::entries().size() == number) {
             GVTestPeer::useMutexHandle(pool) = false;
             act();
             GVTestPeer::useMutexHandle(pool) = true;
+            TestOfGaps::isAwaited() = false;
         }
     };
 }
