@@ -107,10 +107,11 @@ TEST(PoolAmongThreads, countsUnderTheLockWhileOthersBorrow) {
             return;
         }
         unsigned int highest = 0;
-        unsigned int counted = 0;
         await([&] {
-            highest = (std::max)(highest, pool.numberOfObjectsInPoolInUse());
-            return ++counted >= 5000 && highest > 0;
+            for (int count = 0; count < 5000; ++count) {
+                highest = (std::max)(highest, pool.numberOfObjectsInPoolInUse());
+            }
+            return highest > 0;
         });
         EXPECT_LE(highest, threadCount - 1);
         isOver = true;
