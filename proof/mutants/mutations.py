@@ -20,6 +20,7 @@ the files that hold the checks.
 
 import re
 
+import anchors
 import handwritten
 import syntax
 
@@ -567,11 +568,10 @@ class Catalogue:
         source = self.sources.get(patch.file)
         mutant = None
         for within, kind, anchor, text in patch.edits:
-            start = source.bytes.find(within.encode()) if source else -1
-            begin = source.bytes.find(anchor.encode(), start) if start >= 0 else -1
-            if begin < 0:
-                raise SystemExit(f"mutants: the place of the mutation by hand '{patch.name}' is not in {patch.file} "
-                                 f"any more: {anchor}")
+            try:
+                begin = anchors.place(source.bytes if source else b"", within, anchor)
+            except anchors.Wrong as why:
+                raise SystemExit(f"mutants: no place for the mutation by hand '{patch.name}' in {patch.file}: {why}")
             end = begin + len(anchor.encode())
             if mutant is None:
                 mutant = Mutant(source.name, source.line(begin), source.lineText(begin), within, prefix + patch.name)
