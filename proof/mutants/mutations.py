@@ -10,9 +10,16 @@ needs waits behind no switch: the constants in NEEDED_BY_THE_COMPILER, the value
 constexpr` and of `#if`, and what handwritten.py lists of that kind. Each such mutant is compiled alone.
 
 Left out are: declarations and their order; `if constexpr (isHardened)`, whose branches are broken by themselves; the
-code of a macro, and the empty statement that a probe leaves; the conditions in gvcompiler.h, which mark functions for ThreadSanitizer and are watched by the part
-threads; the order of an access to an atomic, where it is the weakest. Two assignments of plain values that do not read
-each other's are not swapped, since that changes nothing.
+code of a macro, and the empty statement that a probe leaves; the conditions in gvcompiler.h, which mark functions for
+ThreadSanitizer and are watched by the part threads; the order of an access to an atomic, where it is the weakest. Two
+assignments of plain values that do not read each other's are not swapped, since that changes nothing.
+
+Left out, too, is code under `#if` that the builds of this machine's mutants do not compile:
+  gvprobes.cpp, and the probes in gvprobes.h   Probes.* (tests/probes) watch them
+  the memory of mimalloc, in gvobject.cpp      DefaultHooks.standOnMimallocAloneInABuildThatAsksForIt watches it
+  the futex call of 32 bits, in gvwaiting.cpp  EventCount.* watch it on 32-bit ARM
+  no MADV_HUGEPAGE, in gvobject.cpp            an empty function, which no test compiles
+  no execinfo.h, in gvsharedloan.cpp           two functions that do nothing, which no test compiles
 
 Each mutant says whether the hardened build alone runs it: it is then behind `if constexpr (isHardened)`, or in one of
 the files that hold the checks.
