@@ -1,4 +1,4 @@
-"""Where an edit of handwritten.py stands: the one place of a text in the function or statement that begins with another.
+"""Where an edit of handwritten.py stands: the one place of a text in the function or statement that another begins.
 
 Comments do not count.
 """

@@ -1,7 +1,7 @@
 """Mutations that no rule makes: above all those that mend what is required to stay as it is.
 
-Each has one or more edits. `within` stands once in its file; there begins a function, a class or a statement, which holds
-`anchor` once. An edit stands at the anchor:
+Each has one or more edits. `within` stands once in its file; there begins a function, a class or a statement, which
+holds `anchor` once. An edit stands at the anchor:
   before   the text is put in front of it, with ON for the question whether the mutation is in force
   value    the text is the expression that stands there instead
   instead  the text is the statements that stand there instead
