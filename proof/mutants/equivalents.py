@@ -2,7 +2,7 @@
 
 import typing
 
-TARGETS = ("arm", "asan")
+TARGETS = ("arm", "asan", "hardened")
 
 
 class Entry(typing.NamedTuple):
@@ -18,7 +18,8 @@ def read(path):
         file: libsrc/…
         line: the line's text, without what surrounds it
         mutation: as the survivor was described; any number of these lines, each with " #2" for the second of its kind
-        watched-by: arm or asan, if the suite sees it on 32-bit ARM or under AddressSanitizer
+        watched-by: arm, asan or hardened, if the suite sees it on 32-bit ARM, under AddressSanitizer or in the
+            hardened build
         because: the reason, which may go on in indented lines
     """
     entries = {}

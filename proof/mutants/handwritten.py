@@ -1,6 +1,7 @@
 """Mutations that no rule makes: above all those that mend what is required to stay as it is.
 
-Each has one or more edits. An edit stands at the first `anchor` after the first `within` of a file:
+Each has one or more edits. `within` stands once in its file; there begins a function, a class or a statement, which
+holds `anchor` once. An edit stands at the anchor:
   before   the text is put in front of it, with ON for the question whether the mutation is in force
   value    the text is the expression that stands there instead
   instead  the text is the statements that stand there instead
@@ -42,11 +43,13 @@ def patch(name, file, *edits):
 LOCKED = "GVMutex added; if (ON && useMutexHandle) { added.setHandle(theMutexHandle); }"
 INSERT = "GVHashTable<K, V, H>::insert("
 HELPER = "GVHashTable<K, V, H>::insert_helper("
+REPLACE = "if (entry->theState == gvoccupiedentry) {\n        entry->theKey = key;"
 LOOKUP = "GVHashTable<K, V, H>::lookup("
-PAST_HOME = "Entry* const reusable = "
+PAST_HOME = "GVHashTable<K, V, H>::lookupPastHome("
 LEND = "GVMemoryPool::getTokenForFreeMemoryObject() {"
 GROW = "void GVMemoryPool::growToLend() {"
 SHRINK = "GVMemoryPool::resizePool"
+REMOVE = "GVMemoryPool::removeObjects("
 BLOCK_SIZE = "void GVMemoryPool::setNumberOfBytesInPoolObject"
 RETURN = "inline void GVMemoryPool::releaseObject"
 RELEASE = "GVSmartPointer<T>::decrementRefCount"
@@ -78,7 +81,8 @@ PATCHES = [
           (GROW, "before", "const unsigned int count", "if (ON && useMutexHandle) { theMutexHandle->lock(); }"),
           (GROW, "before", "if (count != 0)", "if (ON && useMutexHandle) { theMutexHandle->unlock(); }")),
     patch("the blocks are counted before the lock is released", POOL,
-          (GROW, "before", "if (useMutexHandle) {", "const unsigned int early = memoryPool.getUsedCount();"),
+          (GROW, "before", "if (useMutexHandle) {\n        theMutexHandle->unlock();",
+           "const unsigned int early = memoryPool.getUsedCount();"),
           (GROW, "value", "count != 0", "early != 0"),
           (GROW, "value", "count * 2", "early * 2")),
     patch("growth is asked for again while the list is empty", POOL_HEADER,
@@ -161,7 +165,7 @@ PATCHES = [
           ("GVSmartPointer<T>::deepCopy", "instead", "return GVSmartPointer(copy, true, true);",
            "try { return GVSmartPointer(copy, true, true); } catch (...) { T::operator delete(copy); throw; }")),
     patch("a factory leaves its pool behind when the pointer cannot be made", POOL,
-          ("share(std::unique_ptr", "value", "pool.get()", "pool.release()")),
+          ("share(std::unique_ptr<GVMemoryPool> pool)", "value", "pool.get()", "pool.release()")),
     patch("a change of size that fails half-way releases the old array", TABLE,
           ("GVHashTable<K, V, H>::resize(", "before", "return 1;",
            "if (ON && oldArray != theSmallTable) { delete[] oldArray; }")),
@@ -274,7 +278,7 @@ PATCHES = [
     patch("growth changes the initial number", POOL,
           (SHRINK, "before", "buildObjects(", "if (ON) { initialNumberOfObjects = numberOfObjects; }")),
     patch("shrinking spares lent blocks", POOL,
-          (SHRINK, "before", "delete memoryPool[token]",
+          (REMOVE, "before", "delete memoryPool[token]",
            "if (ON && std::find(availableTokens.begin(), availableTokens.end(), token) == availableTokens.end()) "
            "{ continue; }")),
     patch("shrinking to nothing clears the table", POOL,
@@ -283,7 +287,7 @@ PATCHES = [
     patch("shrinking to the same number goes through the list", POOL,
           (SHRINK, "value", "numberOfObjects >= count", "numberOfObjects > count")),
     patch("shrinking passes over a token that the table misses", POOL,
-          (SHRINK, "instead", "delete memoryPool[token];",
+          (REMOVE, "instead", "delete memoryPool[token];",
            "if (memoryPool.get(token) != nullptr) { delete memoryPool[token]; }")),
     patch("shrinking takes out all occurrences of a token", POOL,
           ("GVMemoryPool::removeTokenFromAvailableList", "instead", "availableTokens.erase(position);",
@@ -311,9 +315,9 @@ PATCHES = [
     patch("the first step adds a shifted hash", TABLE,
           ("thePerturbation(", "value", "hash", "hash >> 5")),
     patch("a replacement stores the hash", TABLE,
-          (HELPER, "before", "entry->theValue = value;", "if (ON) { entry->theHash = hash; }")),
+          (REPLACE, "before", "entry->theValue = value;", "if (ON) { entry->theHash = hash; }")),
     patch("a replacement keeps the old key", TABLE,
-          (HELPER, "instead", "entry->theKey = key;",
+          (REPLACE, "instead", "entry->theKey = key;",
            "if (entry->theState != gvoccupiedentry) { entry->theKey = key; }")),
     patch("a slot is counted before it is written", TABLE,
           (HELPER, "before", "entry->theKey = key;\n    entry->theValue = value;\n    entry->theHash",
@@ -446,8 +450,9 @@ ALONE = [
           ("class GILVANE_EXPORT GVStdAllocator<void>", "value", "is_always_equal = std::true_type",
            "is_always_equal = std::false_type")),
     patch("the embedded slots have no end slot", TABLE,
-          ("Entry* theTable;", "value", "theSmallSize + 1", "theSmallSize")),
-    patch("there is a second end slot", TABLE, ("Entry* theTable;", "value", "theSmallSize + 1", "theSmallSize + 2")),
+          ("Entry theSmallTable[", "value", "theSmallSize + 1", "theSmallSize")),
+    patch("there is a second end slot", TABLE,
+          ("Entry theSmallTable[", "value", "theSmallSize + 1", "theSmallSize + 2")),
     patch("the hardened build is not hardened", HARDENED_HEADER,
           ("#if defined(GILVANE_HARDENED)\ninline", "value", "isHardened = true", "isHardened = false")),
     patch("the longest line has room for a byte less", HARDENED, ("reportMisuse(", "value", "line[256]", "line[255]")),

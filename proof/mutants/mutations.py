@@ -10,9 +10,16 @@ needs waits behind no switch: the constants in NEEDED_BY_THE_COMPILER, the value
 constexpr` and of `#if`, and what handwritten.py lists of that kind. Each such mutant is compiled alone.
 
 Left out are: declarations and their order; `if constexpr (isHardened)`, whose branches are broken by themselves; the
-code of a macro, and the empty statement that a probe leaves; the conditions in gvcompiler.h, which mark functions for ThreadSanitizer and are watched by the part
-threads; the order of an access to an atomic, where it is the weakest. Two assignments of plain values that do not read
-each other's are not swapped, since that changes nothing.
+code of a macro, and the empty statement that a probe leaves; the conditions in gvcompiler.h, which mark functions for
+ThreadSanitizer and are watched by the part threads; the order of an access to an atomic, where it is the weakest. Two
+assignments of plain values that do not read each other's are not swapped, since that changes nothing.
+
+Left out, too, is code under `#if` that the builds of this machine's mutants do not compile:
+  gvprobes.cpp, and the probes in gvprobes.h   Probes.* (tests/probes) watch them
+  the memory of mimalloc, in gvobject.cpp      DefaultHooks.standOnMimallocAloneInABuildThatAsksForIt watches it
+  the futex call of 32 bits, in gvwaiting.cpp  EventCount.* watch it on 32-bit ARM
+  no MADV_HUGEPAGE, in gvobject.cpp            an empty function, which no test compiles
+  no execinfo.h, in gvsharedloan.cpp           two functions that do nothing, which no test compiles
 
 Each mutant says whether the hardened build alone runs it: it is then behind `if constexpr (isHardened)`, or in one of
 the files that hold the checks.
@@ -20,6 +27,7 @@ the files that hold the checks.
 
 import re
 
+import anchors
 import handwritten
 import syntax
 
@@ -567,11 +575,10 @@ class Catalogue:
         source = self.sources.get(patch.file)
         mutant = None
         for within, kind, anchor, text in patch.edits:
-            start = source.bytes.find(within.encode()) if source else -1
-            begin = source.bytes.find(anchor.encode(), start) if start >= 0 else -1
-            if begin < 0:
-                raise SystemExit(f"mutants: the place of the mutation by hand '{patch.name}' is not in {patch.file} "
-                                 f"any more: {anchor}")
+            try:
+                begin = anchors.place(source.bytes if source else b"", within, anchor)
+            except anchors.Wrong as why:
+                raise SystemExit(f"mutants: no place for the mutation by hand '{patch.name}' in {patch.file}: {why}")
             end = begin + len(anchor.encode())
             if mutant is None:
                 mutant = Mutant(source.name, source.line(begin), source.lineText(begin), within, prefix + patch.name)
