@@ -1,6 +1,7 @@
 #include <gilvane/utilities/gvsharedpool.h>
 
 #include "gvtestpeer.h"
+#include "haltedtime.h"
 #include "sharedpoolsupport.h"
 #include "testclock.h"
 
@@ -118,32 +119,7 @@ struct HoldingClock : TestClock<HoldingClock> {
 std::atomic<bool> HoldingClock::isHolding{false};
 std::atomic<unsigned int> HoldingClock::theCallCount{0};
 
-std::atomic<steady_clock::rep> theHaltedTime{0}; // 0: time goes on
-
-// While one lives, the steady clock stands: nobody has waited so long that a block is kept for him.
-class HaltedTime {
-  public:
-    HaltedTime() { theHaltedTime = steady_clock::now().time_since_epoch().count(); }
-    HaltedTime(const HaltedTime&) = delete;
-    HaltedTime& operator=(const HaltedTime&) = delete;
-    ~HaltedTime() { theHaltedTime = 0; }
-};
-
 } // namespace
-
-// The linker sends the calls of steady_clock::now to presentTime, whatever name a standard library has given it.
-#if defined(_LIBCPP_VERSION)
-steady_clock::time_point passingTime() noexcept __asm__("__real__ZNSt3__16chrono12steady_clock3nowEv");
-steady_clock::time_point presentTime() noexcept __asm__("__wrap__ZNSt3__16chrono12steady_clock3nowEv");
-#else
-steady_clock::time_point passingTime() noexcept __asm__("__real__ZNSt6chrono3_V212steady_clock3nowEv");
-steady_clock::time_point presentTime() noexcept __asm__("__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
-#endif
-
-steady_clock::time_point presentTime() noexcept {
-    const steady_clock::rep halted = theHaltedTime;
-    return halted != 0 ? steady_clock::time_point(steady_clock::duration(halted)) : passingTime();
-}
 
 TEST(SharedPoolWaiting, endsWithTheBlockThatComesBack) {
     GVSharedPool pool(1, 16);
