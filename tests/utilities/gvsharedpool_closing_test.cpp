@@ -21,6 +21,7 @@
 #include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace Gilvane {
@@ -334,6 +335,13 @@ TEST(SharedPoolDescriptor, isMadeWhenItIsAskedForAndClosedWithThePool) {
     }
     EXPECT_EQ(fcntl(descriptor, F_GETFD), -1);
     EXPECT_EQ(errno, EBADF);
+}
+
+TEST(SharedPoolDescriptor, thatNobodyHasAskedForIsNotClosed) {
+    std::optional<GVSharedPool> pool(std::in_place, 1U, 16U);
+    errno = 0;
+    pool.reset();
+    EXPECT_EQ(errno, 0);
 }
 
 TEST(SharedPoolDescriptor, thatCannotBeHadIsKindOutOfMemoryAndChangesNothing) {

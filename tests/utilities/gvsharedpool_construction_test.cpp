@@ -289,6 +289,23 @@ TEST(SharedPoolConstruction, byThreadsAtOnceGivesEachPoolTokensInARow) {
     }
 }
 
+TEST(SharedPoolDirectory, ofNoBlocksFindsNone) {
+    const detail::GVSharedDirectory directory;
+    EXPECT_EQ(directory.getBlocks(), nullptr);
+    EXPECT_EQ(directory.find(0), nullptr);
+    EXPECT_FALSE(directory.isLent(0));
+    int elsewhere = 0;
+    EXPECT_EQ(directory.getBytes(0, [&]() -> void* { return &elsewhere; }), &elsewhere);
+}
+
+TEST(SharedPoolDirectory, tellsWhatIsLentFromAllElse) {
+    using namespace detail;
+    for (const GVSharedTokenState state : {gvnotoken, gvtokenfree, gvtokenlent, gvtokenback}) {
+        GVSharedBlock block = {nullptr, {state}};
+        EXPECT_EQ(GVSharedDirectory(&block, 7, 1, false, 0).isLent(7), state == gvtokenlent) << state;
+    }
+}
+
 TEST(SharedPoolDestruction, deletesBlocksThatAreLent) {
     const HookLedger ledger;
     {
