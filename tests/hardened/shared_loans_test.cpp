@@ -268,13 +268,15 @@ TEST(HardenedLoans, areVisitedWhileThreadsBorrow) {
     std::size_t visited = 0;
     std::size_t traced = 0;
     await([&] {
-        for (const GVSharedLoan& loan : loansOf(pool)) {
-            EXPECT_NE(loan.theThread, gettid());
-            EXPECT_EQ(loan.theFrameCount != 0, loan.theNumber % 3 == 0) << "a record is of one loan";
-            ++visited;
-            traced += loan.theFrameCount != 0 ? 1 : 0;
+        for (int visit = 0; visit < 1000; ++visit) {
+            for (const GVSharedLoan& loan : loansOf(pool)) {
+                EXPECT_NE(loan.theThread, gettid());
+                EXPECT_EQ(loan.theFrameCount != 0, loan.theNumber % 3 == 0) << "a record is of one loan";
+                ++visited;
+                traced += loan.theFrameCount != 0 ? 1 : 0;
+            }
         }
-        return visited >= 1000 && traced >= 100;
+        return visited > traced && traced != 0;
     });
     isOver = true;
     for (std::thread& thread : threads) {
