@@ -76,6 +76,7 @@ class Proof:
         self.folder = BUILD / part
         self.folder.mkdir(parents=True, exist_ok=True)
         self.seen = 0
+        self.saidWithoutFault = {}  # by command
 
     # --- to report ----------------------------------------------------------------------------------------------------
 
@@ -177,14 +178,36 @@ class Proof:
             shutil.copy(header, target)
         return tree
 
-    def find(self, fault, number, command, pattern, seconds=300, status=None, environment=None):
-        """Runs a command that must end badly, and say so, where the fault of this number is; counts it."""
+    def withoutFault(self, command, seconds=300, environment=None):
+        """What a command says that looks for planted faults, where none is switched on: it must end well. So a copy that is
+        broken by more than its faults is noticed. The command is run once."""
+        key = tuple(words(command))
+        if key not in self.saidWithoutFault:
+            log = self.folder / "without-fault.log"
+            self.mustSucceed("the planted copy is broken by more than its faults: where none is switched on, this fails",
+                             command, log, seconds, {**(environment or {}), "GILVANE_PLANTED_FAULT": "0"})
+            self.saidWithoutFault[key] = text(log)
+        return self.saidWithoutFault[key]
+
+    def withFault(self, number, command, seconds=300, environment=None):
+        """Runs a command where the fault of this number is, and once without it, if it can be switched off. Returns the
+        status and what the command says."""
+        if number is not None:
+            self.withoutFault(command, seconds, environment)
         log = self.folder / "planted.log"
-        ended = self.run(command, log, seconds, {**(environment or {}), "GILVANE_PLANTED_FAULT": str(number or 0)})
-        found = re.search(pattern, text(log), re.MULTILINE)
+        status = self.run(command, log, seconds, {**(environment or {}), "GILVANE_PLANTED_FAULT": str(number or 0)})
+        return status, text(log)
+
+    def find(self, fault, number, command, pattern, seconds=300, status=None, environment=None):
+        """Runs a command that must end badly, and say so, where the fault of this number is, and must not where no fault
+        is; counts it."""
+        ended, said = self.withFault(number, command, seconds, environment)
+        found = re.search(pattern, said, re.MULTILINE)
         if ended in (0, None) or not found or status not in (None, ended):
-            print("\n".join(text(log).splitlines()[-10:]), file=sys.stderr)
+            print("\n".join(said.splitlines()[-10:]), file=sys.stderr)
             self.fail(f"the planted fault '{fault.name}' is not found (status {ended})")
+        if number is not None and re.search(pattern, self.withoutFault(command), re.MULTILINE):
+            self.fail(f"the planted fault '{fault.name}' seems to be found where it is not: {pattern}")
         self.seen += 1
         return found
 
