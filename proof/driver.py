@@ -261,8 +261,17 @@ def attempt(part, isShort, library):
         return False
     figures = proof.figures + [("findings", 0), ("seconds", round(time.monotonic() - begun))]
     result.write_text("".join(f"{name}: {value}\n" for name, value in figures))
-    about.write_text(f"{'short' if isShort else 'long'} {library}\n")
+    about.write_text(f"{'short' if isShort else 'long'} {library} {datetime.date.today()}\n")
     return True
+
+
+def lastRun(part):
+    """Form, library and day of a part's last run, or nothing if it found something or there was none."""
+    about = BUILD / f"{part}.about"
+    if not about.exists():
+        return None, None, None
+    form, library, *day = about.read_text().split()
+    return form, library, day[0] if day else str(datetime.date.fromtimestamp(about.stat().st_mtime))
 
 
 def attemptAlone(part, isShort):
@@ -303,9 +312,11 @@ def scoreboard(parts):
 def writeDocument():
     """docs/proof.md: what the long forms found."""
     model = next((line.partition(": ")[2] for line in open("/proc/cpuinfo") if line.startswith("model name")), "")
+    days = sorted(day for _, _, day in map(lastRun, PARTS))
+    when = f"on {days[0]}" if days[0] == days[-1] else f"from {days[0]} to {days[-1]}"
     lines = [f"""# Proof
 
-What `./prove` found on {datetime.date.today()}, on {os.cpu_count()} processors ({model.strip()}),
+What `./prove` found {when}, on {os.cpu_count()} processors ({model.strip()}),
 {platform.freedesktop_os_release()["PRETTY_NAME"]}. This file is written by `./prove`.
 
 | Part | What | Figure |
@@ -354,8 +365,7 @@ def main():
     if failed:
         sys.exit(f"prove: these parts failed: {' '.join(failed)}")
     for part in PARTS:
-        about = BUILD / f"{part}.about"
-        if not about.exists() or about.read_text() != f"long {library}\n":
+        if lastRun(part)[:2] != ("long", library):
             say(f"docs/proof.md stays as it is: the long form of {part} has not been through this library")
             return
     writeDocument()
