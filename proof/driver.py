@@ -76,6 +76,7 @@ class Proof:
         self.folder = BUILD / part
         self.folder.mkdir(parents=True, exist_ok=True)
         self.seen = 0
+        self.saidWithoutFault = {}  # by command
 
     # --- to report ----------------------------------------------------------------------------------------------------
 
@@ -177,14 +178,36 @@ class Proof:
             shutil.copy(header, target)
         return tree
 
-    def find(self, fault, number, command, pattern, seconds=300, status=None, environment=None):
-        """Runs a command that must end badly, and say so, where the fault of this number is; counts it."""
+    def withoutFault(self, command, seconds=300, environment=None):
+        """What a command says that looks for planted faults, where none is switched on: it must end well. So a copy that is
+        broken by more than its faults is noticed. The command is run once."""
+        key = tuple(words(command))
+        if key not in self.saidWithoutFault:
+            log = self.folder / "without-fault.log"
+            self.mustSucceed("the planted copy is broken by more than its faults: where none is switched on, this fails",
+                             command, log, seconds, {**(environment or {}), "GILVANE_PLANTED_FAULT": "0"})
+            self.saidWithoutFault[key] = text(log)
+        return self.saidWithoutFault[key]
+
+    def withFault(self, number, command, seconds=300, environment=None):
+        """Runs a command where the fault of this number is, and once without it, if it can be switched off. Returns the
+        status and what the command says."""
+        if number is not None:
+            self.withoutFault(command, seconds, environment)
         log = self.folder / "planted.log"
-        ended = self.run(command, log, seconds, {**(environment or {}), "GILVANE_PLANTED_FAULT": str(number or 0)})
-        found = re.search(pattern, text(log), re.MULTILINE)
+        status = self.run(command, log, seconds, {**(environment or {}), "GILVANE_PLANTED_FAULT": str(number or 0)})
+        return status, text(log)
+
+    def find(self, fault, number, command, pattern, seconds=300, status=None, environment=None):
+        """Runs a command that must end badly, and say so, where the fault of this number is, and must not where no fault
+        is; counts it."""
+        ended, said = self.withFault(number, command, seconds, environment)
+        found = re.search(pattern, said, re.MULTILINE)
         if ended in (0, None) or not found or status not in (None, ended):
-            print("\n".join(text(log).splitlines()[-10:]), file=sys.stderr)
+            print("\n".join(said.splitlines()[-10:]), file=sys.stderr)
             self.fail(f"the planted fault '{fault.name}' is not found (status {ended})")
+        if number is not None and re.search(pattern, self.withoutFault(command), re.MULTILINE):
+            self.fail(f"the planted fault '{fault.name}' seems to be found where it is not: {pattern}")
         self.seen += 1
         return found
 
@@ -238,8 +261,17 @@ def attempt(part, isShort, library):
         return False
     figures = proof.figures + [("findings", 0), ("seconds", round(time.monotonic() - begun))]
     result.write_text("".join(f"{name}: {value}\n" for name, value in figures))
-    about.write_text(f"{'short' if isShort else 'long'} {library}\n")
+    about.write_text(f"{'short' if isShort else 'long'} {library} {datetime.date.today()}\n")
     return True
+
+
+def lastRun(part):
+    """Form, library and day of a part's last run, or nothing if it found something or there was none."""
+    about = BUILD / f"{part}.about"
+    if not about.exists():
+        return None, None, None
+    form, library, *day = about.read_text().split()
+    return form, library, day[0] if day else str(datetime.date.fromtimestamp(about.stat().st_mtime))
 
 
 def attemptAlone(part, isShort):
@@ -280,9 +312,11 @@ def scoreboard(parts):
 def writeDocument():
     """docs/proof.md: what the long forms found."""
     model = next((line.partition(": ")[2] for line in open("/proc/cpuinfo") if line.startswith("model name")), "")
+    days = sorted(day for _, _, day in map(lastRun, PARTS))
+    when = f"on {days[0]}" if days[0] == days[-1] else f"from {days[0]} to {days[-1]}"
     lines = [f"""# Proof
 
-What `./prove` found on {datetime.date.today()}, on {os.cpu_count()} processors ({model.strip()}),
+What `./prove` found {when}, on {os.cpu_count()} processors ({model.strip()}),
 {platform.freedesktop_os_release()["PRETTY_NAME"]}. This file is written by `./prove`.
 
 | Part | What | Figure |
@@ -331,8 +365,7 @@ def main():
     if failed:
         sys.exit(f"prove: these parts failed: {' '.join(failed)}")
     for part in PARTS:
-        about = BUILD / f"{part}.about"
-        if not about.exists() or about.read_text() != f"long {library}\n":
+        if lastRun(part)[:2] != ("long", library):
             say(f"docs/proof.md stays as it is: the long form of {part} has not been through this library")
             return
     writeDocument()

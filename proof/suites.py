@@ -37,6 +37,11 @@ def passed(said):
     return count(r"^\[  PASSED  \] (\d+) tests?\.", said)
 
 
+def passedInAll(said):
+    """The same where several programs were run, one after the other."""
+    return sum(map(int, re.findall(r"^\[  PASSED  \] (\d+) tests?\.", said, re.MULTILINE)))
+
+
 def failed(said):
     """The tests that failed."""
     return list(dict.fromkeys(re.findall(FAILED + r" ([\w/]+\.[\w/]+)(?=,| \(|$)", said, re.MULTILINE)))

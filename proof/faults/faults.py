@@ -16,7 +16,7 @@ it has the fault: a copy may then have many faults, and a program built from it 
 GILVANE_PLANTED_FAULT holds. A fault without @ has a copy of its own.
 
 Faults of one copy do not overlap. A text that the library does not hold, or holds twice, is an error; comments do not
-count.
+count. So is a text with a comment in it, since a comment may change without the code.
 """
 
 import pathlib
@@ -115,6 +115,8 @@ def forPart(part):
 
 def place(path, text, old, name):
     """Where the one place of a text is that is no comment."""
+    if "//" in re.sub(r'"(?:[^"\\]|\\.)*"', "", old):
+        raise Wrong(f"{name}: the text to change in {path} has a comment, name its code alone: {old}")
     places = [match.start() for match in re.finditer(re.escape(old), text)
               if "//" not in text[text.rfind("\n", 0, match.start()) + 1:match.start()]]
     if len(places) != 1:

@@ -214,7 +214,7 @@ def run(proof):
 
     # Planted failures.
     faults = [(number, fault) for number, fault in proof.faults()]
-    for number, _ in faults:
+    for number in range(len(faults) + 1):  # with 0 none is switched on
         machine.tell("run", f"fault-{number}", 60, f"GILVANE_PLANTED_FAULT={number}", "/planted")
     for fault in 1, 2:
         machine.tell("run", f"failing-{fault}", 60, f"GILVANE_PLANTED_FAULT={fault}", f"/{TARGET}")
@@ -268,10 +268,13 @@ def run(proof):
                        carried / "subject", carried / "subject.core"], proof.folder / "debugger.log", 300)
 
     proof.say("planted failures")
-    for number, fault in faults:
+    for number, fault in [(0, None), *faults]:
         outcome = machine.outcome(f"fault-{number}")
-        mustNotice(proof, fault.name, suites.outcome("", ran["target_refusal_tests"], outcome.status, outcome.said)[2]
-                   and suites.failed(outcome.said))
+        wrong = suites.outcome("the planted copy", ran["target_refusal_tests"], outcome.status, outcome.said)[2]
+        if fault is not None:
+            mustNotice(proof, fault.name, wrong and suites.failed(outcome.said))
+        elif wrong:
+            proof.fail("the planted copy is broken by more than its faults:\n" + "\n".join(wrong))
     for fault, what in [(1, "a test fails"), (2, "a program ends before its last test")]:
         outcome = machine.outcome(f"failing-{fault}")
         mustNotice(proof, what, suites.outcome("", ran["target_tests"], outcome.status, outcome.said)[2])
