@@ -1,5 +1,5 @@
-"""Runs the suite's thread tests and a stress program under ThreadSanitizer, which must find nothing, and a long storm of
-threads over a shared pool without it.
+"""Runs the suite's thread tests, those of the hardened build too, and a stress program under ThreadSanitizer, which must
+find nothing, and a long storm of threads over a shared pool without it.
 
 Four accesses take no lock on purpose and are excused in the library, each by an attribute of the function that does
 nothing else (GILVANE_UNGUARDED). One planted fault takes the excuses away: each of the four must then be reported, so
@@ -13,6 +13,7 @@ from driver import ROOT, text
 FLAGS = "-O1 -g -fno-omit-frame-pointer -fsanitize=thread"
 # The scenarios use the same addresses again and again: each race is reported as often as it happens.
 OPTIONS = {"TSAN_OPTIONS": "halt_on_error=0:exitcode=66:history_size=4:suppress_equal_addresses=0"}
+PROGRAMS = ["thread_tests", "hardened_thread_tests"]
 EXCUSED = {
     r"GILVANE_UNGUARDED|no_sanitize": 3,
     r"GILVANE_UNGUARDED .*takeNextToken\(\) \{ return theNextToken\+\+; \}$": 1,
@@ -62,14 +63,16 @@ def run(proof):
             accesses += len(fault.patterns)
         mustReport(proof, fault, number, program, plantedRounds)
 
-    folder = proof.build("threadsanitizer", ["stress", "thread_tests"], "clang++", FLAGS) / "proof"
+    folder = proof.build("threadsanitizer", ["stress", *PROGRAMS], "clang++", FLAGS) / "proof"
     proof.say(f"the thread tests, {repetitions} times")
-    log = proof.folder / "tests.log"
-    proof.mustSucceed("the thread tests fail", [folder / "thread_tests", f"--gtest_repeat={repetitions}",
-                                                "--gtest_brief=1"], log, 1800, OPTIONS, "^(WARNING|SUMMARY)|FAILED")
-    tests = suites.passed(text(log))
-    if tests == 0:
-        proof.fail("no thread test has run")
+    tests = {}
+    for program in PROGRAMS:
+        log = proof.folder / f"{program}.log"
+        proof.mustSucceed("the thread tests fail", [folder / program, f"--gtest_repeat={repetitions}", "--gtest_brief=1"],
+                          log, 1800, OPTIONS, "^(WARNING|SUMMARY)|FAILED")
+        tests[program] = suites.passed(text(log))
+        if tests[program] == 0:
+            proof.fail(f"no test of {program} has run")
     proof.say(f"the stress program, {rounds} rounds")
     proof.mustSucceed("ThreadSanitizer finds races", [folder / "stress", rounds], proof.folder / "stress.log", 3600,
                       OPTIONS, "^(WARNING|SUMMARY)")
@@ -84,7 +87,8 @@ def run(proof):
         proof.fail("the storm was not raised")
 
     proof.figure("operations of the storm over a shared pool", 8 * storm)
-    proof.figure("tests", f"{tests}, each {repetitions} times")
+    proof.figure("tests", f"{tests['thread_tests']}, each {repetitions} times")
+    proof.figure("tests of the hardened build", f"{tests['hardened_thread_tests']}, each {repetitions} times")
     proof.figure("stress rounds", rounds)
     proof.figure("excused accesses, each reported without its excuse", accesses)
     proof.countFaults()
