@@ -113,6 +113,27 @@ struct HoldingClock : TestClock<HoldingClock> {
 std::atomic<bool> HoldingClock::isHolding{false};
 std::atomic<unsigned int> HoldingClock::theCallCount{0};
 
+// Holds a waiter at each question until the test answers it. The time is always 0.
+struct AnsweringClock : TestClock<AnsweringClock> {
+    static void begin() {
+        theQuestionCount = 0;
+        theAnswerCount = 0;
+    }
+    static void awaitQuestion(unsigned int question) {
+        await([question] { return theQuestionCount == question; });
+    }
+    static time_point now() {
+        const unsigned int question = ++theQuestionCount;
+        await([question] { return theAnswerCount >= question; });
+        return time_point();
+    }
+    static std::atomic<unsigned int> theQuestionCount;
+    static std::atomic<unsigned int> theAnswerCount;
+};
+
+std::atomic<unsigned int> AnsweringClock::theQuestionCount{0};
+std::atomic<unsigned int> AnsweringClock::theAnswerCount{0};
+
 } // namespace
 
 TEST(SharedPoolWaiting, endsWithTheBlockThatComesBack) {
@@ -323,22 +344,51 @@ TEST(SharedPoolWaiting, forLessThanAMillisecondMayBeOvertaken) {
 TEST(SharedPoolWaiting, isOvertakenThreeTimesAtMost) {
     const HaltedTime halted;
     GVSharedPool pool(1, 16);
-    unsigned int most = 0;
-    for (unsigned int attempt = 1; attempt <= 100 || (most < 3 && attempt <= 2000); ++attempt) {
-        const unsigned int token = *pool.borrow();
-        Borrower waiter(pool);
-        awaitWaits(pool, attempt);
-        unsigned int overtaken = 0;
-        for (pool.releaseObject(token); pool.tryBorrow().has_value(); pool.releaseObject(token)) {
-            ++overtaken;
-            await([&] { return GVTestPeer::notifiedCount(pool) == 0; }); // it has looked, and found nothing
-        }
-        EXPECT_LE(overtaken, 3U);
-        most = (std::max)(most, overtaken);
-        EXPECT_EQ(waiter.result(), token);
-        pool.releaseObject(token);
+    const unsigned int token = *pool.borrow();
+    AnsweringClock::begin();
+    std::optional<unsigned int> got;
+    std::thread waiter([&] { got = pool.borrowUntil(AnsweringClock::time_point(milliseconds(1))); });
+    AnsweringClock::awaitQuestion(1);
+    unsigned int overtaken = 0;
+    for (pool.releaseObject(token); pool.tryBorrow().has_value(); pool.releaseObject(token)) {
+        AnsweringClock::theAnswerCount = ++overtaken;
+        AnsweringClock::awaitQuestion(overtaken + 1); // it has looked, and found nothing
     }
-    EXPECT_EQ(most, 3U);
+    EXPECT_EQ(overtaken, 3U);
+    AnsweringClock::theAnswerCount = overtaken + 1;
+    waiter.join();
+    EXPECT_EQ(got, token);
+}
+
+// The first one in the queue is told of a block and does not look. The second one is told of the other block, looks, and
+// finds nothing: four times.
+TEST(SharedPoolWaiting, inVainFourTimesBehindAnotherEndsWithTheNextBlockWhoeverAsks) {
+    const HaltedTime halted;
+    GVSharedPool pool(2, 16);
+    const std::vector<unsigned int> tokens = borrowAll(pool);
+    HoldingClock::isHolding = true;
+    HoldingClock::theCallCount = 0;
+    std::thread first([&] { EXPECT_FALSE(pool.borrowUntil(HoldingClock::time_point(milliseconds(50))).has_value()); });
+    await([] { return HoldingClock::theCallCount == 1; });
+    AnsweringClock::begin();
+    std::optional<unsigned int> got;
+    std::thread second([&] { got = pool.borrowUntil(AnsweringClock::time_point(milliseconds(1))); });
+    for (unsigned int look = 1; look <= 4; ++look) {
+        AnsweringClock::awaitQuestion(look);
+        returnAll(pool, tokens);
+        EXPECT_EQ(GVTestPeer::notifiedCount(pool), 2U);
+        EXPECT_EQ(borrowAll(pool).size(), 2U);
+        AnsweringClock::theAnswerCount = look;
+    }
+    AnsweringClock::awaitQuestion(5);
+    HoldingClock::isHolding = false;
+    first.join(); // its time is over
+    pool.releaseObject(tokens[0]);
+    EXPECT_FALSE(pool.tryBorrow().has_value()) << "it is lent to the second one";
+    pool.close();
+    AnsweringClock::theAnswerCount = 5;
+    second.join();
+    EXPECT_EQ(got, tokens[0]);
 }
 
 TEST(SharedPoolWaiting, endsThoughARunningThreadTakesTheBlockAgainAndAgain) {
