@@ -1,6 +1,7 @@
 #include <gilvane/threads/gvwaiting.h>
 
 #include "gvtestpeer.h"
+#include "haltedtime.h"
 #include "hookledger.h"
 #include "noposixmutexes.h"
 #include "sharedpoolsupport.h"
@@ -17,7 +18,9 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdarg>
 #include <cstdint>
+#include <ctime>
 #include <fstream>
 #include <limits>
 #include <mutex>
@@ -27,7 +30,6 @@
 #include <thread>
 #include <vector>
 
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace Gilvane {
@@ -77,7 +79,7 @@ class Sleepers {
         for (const Marks mark : marks) {
             theThreads.emplace_back([this, mark] {
                 theLock.lock();
-                theSleepers.push_back(static_cast<pid_t>(syscall(SYS_gettid)));
+                theSleepers.push_back(gettid());
                 theEvents.wait(theLock, mark, detail::noLimit);
                 theWoken.push_back(mark);
                 theLock.unlock();
@@ -153,7 +155,38 @@ void expectAbout(nanoseconds time, nanoseconds expected) {
     EXPECT_GT(time, expected - seconds(100));
 }
 
+// When this thread's last sleep that had a limit was to end, in the steady clock's time.
+thread_local nanoseconds theEndOfTheLastSleep{0};
+
 } // namespace
+
+} // namespace Gilvane
+
+// The linker sends the library's calls of syscall here, which are all an event count's.
+extern "C" {
+// NOLINTBEGIN(bugprone-reserved-identifier)
+long __real_syscall(long number, ...);
+long __wrap_syscall(long number, ...);
+
+long __wrap_syscall(long number, ...) {
+    std::va_list arguments;
+    va_start(arguments, number);
+    void* const count = va_arg(arguments, void*);
+    const int operation = va_arg(arguments, int);
+    const int value = va_arg(arguments, int);
+    const timespec* const limit = va_arg(arguments, const timespec*);
+    void* const none = va_arg(arguments, void*);
+    const unsigned int marks = va_arg(arguments, unsigned int);
+    va_end(arguments);
+    if (limit != nullptr) {
+        Gilvane::theEndOfTheLastSleep = std::chrono::seconds(limit->tv_sec) + std::chrono::nanoseconds(limit->tv_nsec);
+    }
+    return __real_syscall(number, count, operation, value, limit, none, marks);
+}
+// NOLINTEND(bugprone-reserved-identifier)
+}
+
+namespace Gilvane {
 
 TEST(PlainLock, thatPosixRefusesIsKindOutOfMemoryAndLeavesNothingOfAPoolBehind) {
     const HookLedger ledger;
@@ -343,6 +376,19 @@ TEST(EventCount, letsTheTimeOfASleepPass) {
         EXPECT_GE(shortest, time);
         EXPECT_LT(shortest, time + milliseconds(900));
     }
+}
+
+TEST(EventCount, asksForASleepToTheNanosecond) {
+    const HaltedTime halted;
+    const nanoseconds now = steady_clock::now().time_since_epoch();
+    detail::GVPlainLock lock;
+    detail::GVEventCount events;
+    lock.lock();
+    for (const nanoseconds time : {nanoseconds(1), nanoseconds(1000001)}) {
+        events.wait(lock, 1, time);
+        EXPECT_EQ(theEndOfTheLastSleep, now + time);
+    }
+    lock.unlock();
 }
 
 TEST(TimeOfAWait, isWhatIsLeftOfTheDuration) {
