@@ -24,6 +24,7 @@
 #include <ratio>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -372,13 +373,18 @@ TEST(HardenedLoanTraces, areEmptyWhereNoFrameIsFound) {
 }
 
 TEST(HardenedLoanTraces, goBackSixteenCallsAtMost) {
-    GVSharedPool pool(1, 16);
+    GVSharedPool pool(2, 16);
     pool.setLoanTraceInterval(1);
+    const unsigned int higher = *pool.tryBorrow();
+    const std::string_view next(reinterpret_cast<const char*>(&GVTestPeer::loanOf(pool, higher)), sizeof(GVSharedLoan));
+    const std::string before(next);
     const unsigned int token = borrowBehindCalls(pool, 40);
     const GVSharedLoan& loan = GVTestPeer::loanOf(pool, token);
     EXPECT_EQ(loan.theFrameCount, 16U);
     EXPECT_EQ(GVSharedLoan::mostFrames, 16U);
     EXPECT_NE(loan.theFrames[15], nullptr);
+    EXPECT_EQ(&loan + 1, &GVTestPeer::loanOf(pool, higher));
+    EXPECT_EQ(next, before) << "the next record";
 }
 
 // Memory
