@@ -12,6 +12,8 @@ CORPUS = ROOT / "proof/model/corpus"
 LISTS = ROOT / "proof/model/fuzz.lists"
 FUZZING = (SANITIZED.replace("-O1", "-O2").replace("=address", "=fuzzer-no-link,address") +
            f" -fno-sanitize-coverage=trace-cmp -fsanitize-coverage-allowlist={LISTS} -fsanitize-ignorelist={LISTS}")
+# Executions of the fuzzer in a second of its processor's time, which other programs on the machine hardly change.
+LEAST_RATE = 3_000
 DIFFERENCE = r"the library differs from the model|ERROR: AddressSanitizer|: runtime error: "
 # The driver's own memory needs no watching after its release; the library's is watched by the driver.
 OPTIONS = {"ASAN_OPTIONS": "quarantine_size_mb=1:abort_on_error=1"}
@@ -62,7 +64,9 @@ def run(proof):
     try:
         proof.mustSucceed("the library differs from the model", [native / "enumerate", "short" if proof.isShort else "long"],
                           enumerated, 4 * 3600)
-        if fuzzer.wait() != 0:
+        _, status, usage = os.wait4(fuzzer.pid, 0)
+        fuzzer.returncode = os.waitstatus_to_exitcode(status)
+        if fuzzer.returncode != 0:
             print("\n".join(line for line in text(log).splitlines()[-60:] if not line.startswith("#")))
             proof.fail(f"the fuzzer ended with status {fuzzer.returncode}; the program that did it is in {proof.folder}")
     finally:
@@ -73,8 +77,12 @@ def run(proof):
     executions = int(re.search(r"^stat::number_of_executed_units: *(\d+)", text(log), re.MULTILINE)[1])
     if executions <= len(corpus):
         proof.fail("the fuzzer did nothing")
+    rate = round(executions / (usage.ru_utime + usage.ru_stime))
+    if rate < LEAST_RATE:
+        proof.fail(f"the fuzzer ran {rate} programs in a second of its processor's time, and must run {LEAST_RATE}")
     proof.figure("sequences enumerated", re.search(r"^sequences: (\d+)", text(enumerated), re.MULTILINE)[1])
     proof.figure("fuzzer executions", executions)
+    proof.figure("fuzzer executions in a second of processor time", rate)
     for figure in ("operations", "median program", "deepest program"):
         proof.figure(f"fuzzer, {figure}", re.search(rf"^{figure}: (\d+)", text(log), re.MULTILINE)[1])
     proof.figure("corpus programs, here and on ARM", len(corpus))
